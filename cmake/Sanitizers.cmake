@@ -1,0 +1,8 @@
+if(TAVREL_SANITIZE)
+    if(TAVREL_SANITIZE MATCHES "thread" AND TAVREL_SANITIZE MATCHES "address")
+        message(FATAL_ERROR "ThreadSanitizer cannot be combined with AddressSanitizer")
+    endif()
+    message(STATUS "Building with sanitizers: ${TAVREL_SANITIZE}")
+    add_compile_options(-fsanitize=${TAVREL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+    add_link_options(-fsanitize=${TAVREL_SANITIZE})
+endif()

@@ -1,0 +1,123 @@
+#pragma once
+
+#include "audio/AudioRecorder.h"
+#include "ui/Alert.h"
+
+#include <QCoro/QCoroTask>
+#include <QDateTime>
+#include <QObject>
+#include <QPointer>
+#include <QStringList>
+#include <QTimer>
+#include <QUrl>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+
+namespace tavrel {
+
+class CallMonitor;
+class Desktop;
+class LoginItem;
+class MainPopoverController;
+class Notifier;
+class RecordingHUD;
+class StatusItem;
+
+/// Everything the application delegate needs from the desktop, passed in so that tests can run it
+/// with fakes.
+struct AppServices {
+    std::unique_ptr<Notifier> notifier;
+    std::unique_ptr<Desktop> desktop;
+    std::unique_ptr<LoginItem> loginItem;
+    std::unique_ptr<AlertPresenter> alerts;
+    std::unique_ptr<StatusItem> statusItem; ///< none: made at launch from the desktop's tray
+    SystemAudioBackends audioBackends;
+    /// Wait before each poll of a transcription job.
+    std::chrono::milliseconds jobPollIntervalMs{20000};
+    /// Delay between launch and the check for unsent recordings.
+    std::chrono::milliseconds pendingCheckDelayMs{1500};
+};
+
+/// The hub of the program: owns every long-lived object, runs the recording session, the uploads and
+/// the account link. Every field is touched on the main thread only.
+class AppDelegate : public QObject {
+    Q_OBJECT
+public:
+    explicit AppDelegate(AppServices services, QObject* parent = nullptr);
+    ~AppDelegate() override;
+
+    // --- start-up (AppDelegate.cpp) ---
+    void applicationDidFinishLaunching();
+    void togglePopover();
+    void notify(const QString& title, const QString& body);
+    static QString appVersionString();
+
+    // --- session controller (AppDelegateSession.cpp) ---
+    void startRecording();
+    void stopRecording();
+    void togglePause();
+    void promptNote();
+    /// Adds a note as the note prompt would (the D-Bus "add-note" action).
+    void addNote(const QString& text);
+
+    // --- settings (AppDelegateSettings.cpp) ---
+    void openSettings();
+
+    // --- account link (AppDelegateLink.cpp) ---
+    /// The desktop opened links of our scheme (a launch by link, or Open on the running instance).
+    void application(const QList<QUrl>& urls);
+
+    // --- uploads (AppDelegateUpload.cpp) ---
+    QCoro::Task<> uploadFile(QString fileURL, QString title, qint64 clientId, QString synthesisType, QString depth,
+                             QString notes);
+    QCoro::Task<> pollJobUntilDone(QString jobId, QString title);
+    void setBusyIndicator(bool busy, const QString& symbol);
+    void showUploadDialog(const QString& fileURL);
+    void checkPendingRecordings();
+
+    // --- state, read by the D-Bus face and tests ---
+    bool isRecording() const { return m_isRecording; }
+    bool isPaused() const { return m_isPaused; }
+    int activeJobs() const { return m_activeJobs; }
+    QString statusTitle() const { return m_statusTitle; }
+    AudioRecorder& recorder() { return m_recorder; }
+    RecordingHUD& hud() { return *m_hud; }
+    CallMonitor* callMonitor() const { return m_callMonitor.get(); }
+    MainPopoverController* popoverController() const;
+
+signals:
+    void recordingStateChanged();
+    void activeJobsChanged();
+    void statusTitleChanged(const QString& title);
+    /// A recording has been stopped and the file is final (before the upload dialog opens).
+    void recordingFinished(const QString& fileURL);
+
+private:
+    void setupCallMonitor();
+    void warnIfSystemAudioMissing();
+    void startTimer();
+    void stopTimer();
+    void setLaunchAtLogin(bool enabled);
+    void setStatusTitle(const QString& title);
+    QCoro::Task<> runStart();
+    QCoro::Task<> runStop();
+    QCoro::Task<> runUploadDialog(QString fileURL);
+
+    AppServices m_services;
+    AudioRecorder m_recorder;
+    std::unique_ptr<QTimer> m_timer;
+    std::optional<QDateTime> m_startTime;
+    bool m_isRecording = false;
+    bool m_isPaused = false;
+    std::unique_ptr<RecordingHUD> m_hud;
+    QPointer<QWidget> m_popover;
+    QPointer<MainPopoverController> m_popoverController;
+    std::unique_ptr<CallMonitor> m_callMonitor;
+    bool m_autoStartedRecording = false;
+    int m_activeJobs = 0;
+    QString m_statusTitle;
+};
+
+} // namespace tavrel

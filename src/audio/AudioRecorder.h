@@ -1,0 +1,84 @@
+#pragma once
+
+#include "SystemAudioBackends.h"
+#include "core/Error.h"
+
+#include <QCoro/QCoroTask>
+#include <QDateTime>
+#include <QString>
+
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace tavrel {
+
+class MicRecorder;
+
+/// Errors of the microphone start.
+enum class RecordError { recordFailed, microphoneDenied };
+QString errorDescription(RecordError error);
+QString caseName(RecordError error);
+using RecordFailure = CodedError<RecordError>;
+
+/// A note taken during a recording: whole seconds since the start, and the text as typed.
+struct Note {
+    qint64 time = 0;
+    QString text;
+};
+
+/// Runs one recording at a time: the microphone into its own AAC file, and the other party's voice
+/// through the system-audio sources in their fixed fallback order; mixes everything at stop.
+class AudioRecorder {
+public:
+    explicit AudioRecorder(SystemAudioBackends backends = {});
+    ~AudioRecorder();
+    AudioRecorder(const AudioRecorder&) = delete;
+    AudioRecorder& operator=(const AudioRecorder&) = delete;
+
+    /// The recordings folder (created when missing).
+    static QString recordingsDir();
+
+    /// Starts the microphone, then the system-audio sources. Throws an `Error` (a `RecordFailure` or the
+    /// microphone's own error) when the microphone cannot start; system-audio failures never throw.
+    QCoro::Task<> startRecording();
+    void pauseRecording();
+    void resumeRecording();
+    /// Stops every track, mixes them and yields the final recording, or none when nothing was recording.
+    QCoro::Task<std::optional<QString>> stopRecording();
+
+    float currentMicLevel();
+    float currentSystemLevel() const;
+
+    void addNote(const QString& text);
+    QString formattedNotes() const;
+
+    bool isRecording() const { return m_isRecording; }
+    bool isPaused() const { return m_isPaused; }
+    bool systemAudioActive() const { return m_systemAudioActive; }
+    std::optional<QString> systemAudioUnavailableReason() const { return m_systemAudioUnavailableReason; }
+    bool usingProcessTap() const { return m_usingProcessTap; }
+    bool usingBlackHole() const { return m_usingBlackHole; }
+    bool screenCaptureActive() const { return m_screenCaptureActive; }
+    bool screenCapturePermissionMissing() const { return m_screenCapturePermissionMissing; }
+
+private:
+    SystemAudioBackends m_backends;
+    bool m_isRecording = false;
+    bool m_isPaused = false;
+    bool m_systemAudioActive = false;
+    std::optional<QString> m_systemAudioUnavailableReason;
+    std::unique_ptr<MicRecorder> m_micRecorder;
+    std::optional<QString> m_micURL;
+    std::vector<std::unique_ptr<SystemAudioSource>> m_sysRecorders;
+    bool m_hasSystemAudio = false;
+    bool m_usingProcessTap = false;
+    bool m_usingBlackHole = false;
+    bool m_screenCaptureActive = false;
+    bool m_screenCapturePermissionMissing = false;
+    std::vector<Note> m_notes;
+    std::optional<QDateTime> m_recordingStart;
+};
+
+} // namespace tavrel

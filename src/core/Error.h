@@ -1,0 +1,37 @@
+#pragma once
+
+#include <QString>
+
+#include <exception>
+
+namespace tavrel {
+
+/// Base of every failure the program throws. `localizedDescription()` is the French text shown to the
+/// user; `debugDescription()` is the technical form used in some log lines (the case name for coded
+/// errors, the description otherwise).
+class Error : public std::exception {
+public:
+    explicit Error(QString description) : m_description(std::move(description)), m_utf8(m_description.toUtf8()) {}
+    const QString& localizedDescription() const noexcept { return m_description; }
+    virtual QString debugDescription() const { return m_description; }
+    const char* what() const noexcept override { return m_utf8.constData(); }
+
+private:
+    QString m_description;
+    QByteArray m_utf8;
+};
+
+/// An error that carries one case of an enumeration. `errorDescription(Code)` and `caseName(Code)` must
+/// be declared for the enumeration (found by argument-dependent lookup).
+template <typename Code>
+class CodedError : public Error {
+public:
+    explicit CodedError(Code code) : Error(errorDescription(code)), m_code(code) {}
+    Code code() const noexcept { return m_code; }
+    QString debugDescription() const override { return caseName(m_code); }
+
+private:
+    Code m_code;
+};
+
+} // namespace tavrel

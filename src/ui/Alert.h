@@ -1,0 +1,37 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <functional>
+
+class QWidget;
+
+namespace tavrel {
+
+enum class AlertStyle { informational, warning };
+
+/// A modal alert: message, informative text, optional accessory widget, buttons in order.
+/// The first button is the affirmative one.
+struct AlertSpec {
+    QString message;
+    QString informativeText;
+    QStringList buttons; ///< empty means one "OK" button
+    AlertStyle style = AlertStyle::informational;
+    QWidget* accessory = nullptr; ///< not owned; stays alive while the alert runs
+};
+
+/// Response of the first button; the n-th button answers kFirstButton + n.
+inline constexpr int kFirstButton = 1000;
+
+/// Runs alerts. The application raises and activates the alert before it runs; tests install a
+/// scripted presenter that answers (and may fill the accessory's fields) without showing anything.
+class AlertPresenter {
+public:
+    virtual ~AlertPresenter() = default;
+    /// Runs the alert modally and returns kFirstButton + index of the chosen button (or a value
+    /// below kFirstButton when the alert was closed without a button).
+    virtual int run(const AlertSpec& spec) = 0;
+};
+
+} // namespace tavrel

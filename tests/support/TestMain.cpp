@@ -1,0 +1,20 @@
+// main() of every test binary: a Qt application object for the test's lifetime, then GoogleTest.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#ifdef TAVREL_TEST_GUI
+#include <QApplication>
+using TestApplication = QApplication;
+#else
+#include <QCoreApplication>
+using TestApplication = QCoreApplication;
+#endif
+
+int main(int argc, char** argv) {
+    // Widget tests never need a display; integration tests that want one set DISPLAY themselves.
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    TestApplication app(argc, argv);
+    ::testing::InitGoogleMock(&argc, argv);
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,3 @@
+tavrel_add_test(core_tests LABELS unit
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/core/LogTest.cpp
+    LIBS tavrel_core)
