@@ -1,0 +1,4 @@
+tavrel_add_test(calls_unit_tests LABELS unit
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/calls/AuthLinkTest.cpp
+            ${CMAKE_CURRENT_LIST_DIR}/calls/CallMonitorTest.cpp
+    LIBS tavrel_core)

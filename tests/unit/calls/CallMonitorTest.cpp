@@ -1,0 +1,288 @@
+#include "core/CallMonitor.h"
+#include "core/Log.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QRegularExpression>
+#include <QTimer>
+
+#include <gtest/gtest.h>
+
+#include <deque>
+
+namespace tavrel {
+namespace {
+
+// Answers every poll with what the test says is capturing input right now.
+class ScriptedQuery : public MicInputQuery {
+public:
+    explicit ScriptedQuery(QStringList* current, int* polls) : m_current(current), m_polls(polls) {}
+    QStringList inputApplications() override {
+        ++*m_polls;
+        return *m_current;
+    }
+
+private:
+    QStringList* m_current;
+    int* m_polls;
+};
+
+void drainEvents() {
+    QCoreApplication::processEvents(QEventLoop::AllEvents);
+}
+
+// Everything the monitor does to its owner and to the log, in order.
+struct Harness {
+    QStringList capturing;
+    int polls = 0;
+    bool recording = false;
+    std::deque<bool> answers; // prompt answers in order; missing answers decline
+    QStringList trace;
+    LogCapture capture{[this](const QString& line) { trace << QStringLiteral("log:") + line; }};
+    CallMonitor monitor;
+
+    explicit Harness(std::chrono::milliseconds intervalMs = CallMonitor::kPollIntervalMs)
+        : monitor(std::make_unique<ScriptedQuery>(&capturing, &polls), intervalMs) {
+        monitor.isRecording = [this] { return recording; };
+        monitor.onStart = [this] { trace << QStringLiteral("start"); };
+        monitor.onEnd = [this] { trace << QStringLiteral("end"); };
+        monitor.presentPrompt = [this](const QString& message, const QString& informative, const QStringList& buttons) {
+            trace << QStringLiteral("prompt");
+            EXPECT_EQ(message, QStringLiteral("Un appel a démarré"));
+            EXPECT_EQ(informative, QStringLiteral("Enregistrer cet appel avec TaVREL Recorder ?"));
+            EXPECT_EQ(buttons, (QStringList{QStringLiteral("Oui, enregistrer"), QStringLiteral("Ignorer")}));
+            if (answers.empty())
+                return false;
+            const bool answer = answers.front();
+            answers.pop_front();
+            return answer;
+        };
+    }
+
+    void poll(const QStringList& apps) {
+        capturing = apps;
+        monitor.tick();
+        drainEvents();
+    }
+};
+
+const QString kUnknown = QStringLiteral("[CallMonitor] Micro utilisé mais appli non reconnue : ");
+
+struct PrefixCase {
+    const char* bundle;
+    bool isCall;
+};
+
+class CallPrefixes : public ::testing::TestWithParam<PrefixCase> {};
+
+TEST_P(CallPrefixes, matchByCaseSensitivePrefix) {
+    EXPECT_EQ(CallMonitor::isCallApplication(QString::fromUtf8(GetParam().bundle)), GetParam().isCall)
+        << GetParam().bundle;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Bundles, CallPrefixes,
+    ::testing::Values(PrefixCase{"com.google.Chrome", true}, PrefixCase{"com.google.Chrome.helper", true},
+                      PrefixCase{"com.microsoft.edgemac.Canary", true}, PrefixCase{"com.brave.Browser", true},
+                      PrefixCase{"org.mozilla.firefox", true}, PrefixCase{"org.mozillaX", true},
+                      PrefixCase{"com.apple.Safari", true}, PrefixCase{"com.apple.WebKit.GPU", true},
+                      PrefixCase{"com.microsoft.teams2", true}, PrefixCase{"us.zoom.xos", true},
+                      PrefixCase{"us.zoom.Zoom", true}, PrefixCase{"com.webex.meetingmanager", true},
+                      PrefixCase{"Cisco-Systems.Spark", true}, PrefixCase{"com.tinyspeck.slackmacgap", true},
+                      PrefixCase{"com.hnc.Discord", true}, PrefixCase{"net.whatsapp.WhatsApp", true},
+                      PrefixCase{"com.apple.FaceTime", true}, PrefixCase{"com.apple.avconferenced", true},
+                      PrefixCase{"com.apple.TelephonyUtilities", true}, PrefixCase{"com.example.recorder", false},
+                      PrefixCase{"com.google.chrome", false}, PrefixCase{"Us.zoom.xos", false},
+                      PrefixCase{"us.zoo", false}, PrefixCase{"com.microsoft.Teams", false},
+                      PrefixCase{"x.us.zoom", false}, PrefixCase{"fr.tavrel.Recorder", false},
+                      PrefixCase{"", false}));
+
+// A run of polls and what the owner and the log saw, in order.
+struct Scenario {
+    const char* name;
+    std::vector<std::pair<QStringList, bool>> polls; // capturing applications, recording at that poll
+    std::deque<bool> answers;
+    QStringList expected;
+};
+
+void PrintTo(const Scenario& s, std::ostream* os) {
+    *os << s.name;
+}
+
+class CallStates : public ::testing::TestWithParam<Scenario> {};
+
+TEST_P(CallStates, followTheCallTable) {
+    Harness h;
+    h.answers = GetParam().answers;
+    for (const auto& [apps, recording] : GetParam().polls) {
+        h.recording = recording;
+        h.poll(apps);
+    }
+    EXPECT_EQ(h.trace, GetParam().expected);
+}
+
+const QStringList kZoom{QStringLiteral("us.zoom.xos")};
+const QStringList kNone{};
+const QStringList kOther{QStringLiteral("com.example.recorder")};
+
+INSTANTIATE_TEST_SUITE_P(
+    Calls, CallStates,
+    ::testing::Values(
+        Scenario{"declinedCallPromptsOnceUntilItEnds",
+                 {{kZoom, false}, {kZoom, false}, {kZoom, false}, {kNone, false}, {kZoom, false}},
+                 {false, false},
+                 {"prompt", "end", "prompt"}},
+        Scenario{"acceptedCallStartsThenEnds", {{kZoom, false}, {kZoom, true}, {kNone, true}}, {true},
+                 {"prompt", "start", "end"}},
+        Scenario{"callDuringRecordingIsNotPromptedButEnds",
+                 {{kZoom, true}, {kZoom, true}, {kNone, true}},
+                 {},
+                 {"end"}},
+        Scenario{"recordingStoppedMidCallStillNoPrompt", {{kZoom, true}, {kZoom, false}}, {}, {}},
+        Scenario{"unknownApplicationLoggedOncePerStretch",
+                 {{kOther, false}, {kOther, false}, {kOther + kOther, false}, {kNone, false}, {kOther, false}},
+                 {},
+                 {"log:" + kUnknown + "com.example.recorder", "log:" + kUnknown + "com.example.recorder"}},
+        Scenario{"everyIdentifierJoinedInOrderWithDuplicates",
+                 {{{"b.app", "a.app", "b.app"}, false}},
+                 {},
+                 {"log:" + kUnknown + "b.app, a.app, b.app"}},
+        Scenario{"knownApplicationAmongUnknownsIsACallAndNotLogged",
+                 {{{"com.example.recorder", "com.google.Chrome.helper"}, false}},
+                 {},
+                 {"prompt"}},
+        Scenario{"callEndingIntoUnknownUseEndsAndLogs",
+                 {{kZoom, false}, {kOther, false}},
+                 {},
+                 {"prompt", "end", "log:" + kUnknown + "com.example.recorder"}},
+        Scenario{"unknownDuringCallStretchNotLoggedAgainAfterCall",
+                 {{kOther, false}, {kOther + kZoom, false}, {kOther, false}},
+                 {},
+                 {"log:" + kUnknown + "com.example.recorder", "prompt", "end"}},
+        Scenario{"ownRecordingNeverACallAndLoggedOnce",
+                 {{{"fr.tavrel.Recorder"}, true}, {{"fr.tavrel.Recorder"}, true}, {{"fr.tavrel.Recorder"}, false}},
+                 {},
+                 {"log:" + kUnknown + "fr.tavrel.Recorder"}},
+        Scenario{"emptyIdentifierNeitherCountedNorLogged", {{{""}, false}, {{"", "x.y"}, false}}, {},
+                 {"log:" + kUnknown + "x.y"}},
+        Scenario{"caseMattersForPrefixes", {{{"US.ZOOM.xos"}, false}}, {}, {"log:" + kUnknown + "US.ZOOM.xos"}}),
+    [](const ::testing::TestParamInfo<Scenario>& info) { return std::string(info.param.name); });
+
+TEST(CallMonitor, startTwiceKeepsOneTimerAndLogsOnce) {
+    Harness h;
+    h.monitor.start();
+    h.monitor.start();
+    EXPECT_TRUE(h.monitor.isPolling());
+    EXPECT_EQ(h.trace, QStringList{"log:[CallMonitor] Surveillance des appels/visios activée"});
+    h.monitor.stop();
+    EXPECT_FALSE(h.monitor.isPolling());
+    h.monitor.stop(); // harmless
+}
+
+TEST(CallMonitor, stopForgetsTheCallWithoutEndingIt) {
+    Harness h;
+    h.poll(kZoom);
+    h.monitor.stop();
+    h.poll(kZoom); // a restarted monitor sees the same call as a new one
+    h.poll(kNone);
+    EXPECT_EQ(h.trace, (QStringList{"prompt", "prompt", "end"}));
+}
+
+TEST(CallMonitor, stopKeepsTheUnknownStretch) {
+    Harness h;
+    h.poll(kOther);
+    h.monitor.stop();
+    h.poll(kOther);
+    EXPECT_EQ(h.trace, QStringList{"log:" + kUnknown + "com.example.recorder"});
+}
+
+TEST(CallMonitor, promptRunsAfterThePollReturns) {
+    Harness h;
+    h.capturing = kZoom;
+    h.monitor.tick();
+    EXPECT_TRUE(h.trace.isEmpty()) << "prompt shown inside the poll";
+    drainEvents();
+    EXPECT_EQ(h.trace, QStringList{"prompt"});
+}
+
+TEST(CallMonitor, queuedPromptDroppedWithTheMonitor) {
+    int shown = 0;
+    {
+        QStringList apps = kZoom;
+        int polls = 0;
+        CallMonitor monitor(std::make_unique<ScriptedQuery>(&apps, &polls));
+        monitor.presentPrompt = [&](const QString&, const QString&, const QStringList&) { return ++shown, true; };
+        monitor.tick();
+    }
+    drainEvents();
+    EXPECT_EQ(shown, 0);
+}
+
+TEST(CallMonitor, withoutPresenterTheCallIsTakenAsDeclined) {
+    Harness h;
+    h.monitor.presentPrompt = nullptr;
+    h.poll(kZoom);
+    h.poll(kNone);
+    EXPECT_EQ(h.trace, QStringList{"end"});
+}
+
+// The real timer: a call already going on when monitoring starts is seen at the first poll, one interval
+// after start, not at the start itself.
+TEST(CallMonitor, realTimerFirstPollsOneIntervalAfterStart) {
+    Harness h;
+    h.capturing = kZoom;
+    QElapsedTimer clock;
+    clock.start();
+    h.monitor.start();
+    EXPECT_EQ(h.polls, 0);
+    QEventLoop loop;
+    h.monitor.presentPrompt = [&](const QString&, const QString&, const QStringList&) {
+        h.trace << QStringLiteral("prompt");
+        loop.quit();
+        return false;
+    };
+    QTimer::singleShot(5000, &loop, &QEventLoop::quit);
+    loop.exec();
+    // Coarse timers may fire up to 5 % early.
+    EXPECT_GE(clock.elapsed(), CallMonitor::kPollIntervalMs.count() * 9 / 10);
+    EXPECT_EQ(h.polls, 1);
+    EXPECT_TRUE(h.trace.contains(QStringLiteral("prompt")));
+}
+
+// While the prompt's own event loop runs, polling goes on: a call that ends meanwhile is ended at once, and
+// accepting afterwards still starts a recording.
+TEST(CallMonitor, pollsContinueWhileThePromptIsUp) {
+    Harness h(std::chrono::milliseconds(20));
+    h.monitor.presentPrompt = [&](const QString&, const QString&, const QStringList&) {
+        h.trace << QStringLiteral("prompt");
+        h.capturing = kNone; // the call ends while the user reads the prompt
+        QEventLoop modal;
+        QTimer::singleShot(5000, &modal, &QEventLoop::quit);
+        QTimer check;
+        QObject::connect(&check, &QTimer::timeout, &modal, [&] {
+            if (h.trace.contains(QStringLiteral("end")))
+                modal.quit();
+        });
+        check.start(5);
+        modal.exec();
+        return true;
+    };
+    h.capturing = kZoom;
+    h.monitor.start();
+    QEventLoop wait;
+    QTimer::singleShot(5000, &wait, &QEventLoop::quit);
+    QTimer check;
+    QObject::connect(&check, &QTimer::timeout, &wait, [&] {
+        if (h.trace.contains(QStringLiteral("start")))
+            wait.quit();
+    });
+    check.start(5);
+    wait.exec();
+    h.monitor.stop();
+    QStringList events = h.trace.filter(QRegularExpression(QStringLiteral("^(prompt|start|end)$")));
+    EXPECT_EQ(events, (QStringList{"prompt", "end", "start"}));
+}
+
+} // namespace
+} // namespace tavrel
