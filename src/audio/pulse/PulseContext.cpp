@@ -1,0 +1,326 @@
+#include "PulseContext.h"
+
+#include <QByteArray>
+
+#include <thread>
+
+namespace tavrel {
+
+void PaMainloopDeleter::operator()(pa_threaded_mainloop* loop) const {
+    pa_threaded_mainloop_stop(loop);
+    pa_threaded_mainloop_free(loop);
+}
+
+void PaContextDeleter::operator()(pa_context* context) const {
+    pa_context_set_state_callback(context, nullptr, nullptr);
+    pa_context_disconnect(context);
+    pa_context_unref(context);
+}
+
+void PaStreamDeleter::operator()(pa_stream* stream) const {
+    pa_stream_unref(stream);
+}
+
+void PaOperationDeleter::operator()(pa_operation* operation) const {
+    pa_operation_unref(operation);
+}
+
+void PaProplistDeleter::operator()(pa_proplist* proplist) const {
+    pa_proplist_free(proplist);
+}
+
+void PulseQuery::finish() {
+    {
+        std::lock_guard lock(m_mutex);
+        m_finished = true;
+    }
+    m_done.notify_all();
+}
+
+void PulseQuery::fail(int paError) {
+    {
+        std::lock_guard lock(m_mutex);
+        m_paError = paError;
+        m_finished = true;
+    }
+    m_done.notify_all();
+}
+
+bool PulseQuery::waitFor(std::chrono::milliseconds timeout) {
+    std::unique_lock lock(m_mutex);
+    return m_done.wait_for(lock, timeout, [this] { return m_finished; });
+}
+
+namespace {
+
+std::mutex g_instanceMutex;
+std::shared_ptr<PulseContext> g_instance;
+
+QString currentServerAddress() {
+    return qEnvironmentVariable("PULSE_SERVER");
+}
+
+QString fromUtf8(const char* text) {
+    return text ? QString::fromUtf8(text) : QString();
+}
+
+} // namespace
+
+std::shared_ptr<PulseContext> PulseContext::instance(std::chrono::milliseconds timeout) {
+    std::lock_guard lock(g_instanceMutex);
+    const QString address = currentServerAddress();
+    if (g_instance && g_instance->isReady() && g_instance->serverAddress() == address)
+        return g_instance;
+    // A failed or outdated connection stays alive for whoever still holds it; new users get a fresh one.
+    std::shared_ptr<PulseContext> fresh(new PulseContext());
+    fresh->connect(address, timeout);
+    g_instance = fresh;
+    return fresh;
+}
+
+void PulseContext::connect(const QString& serverAddress, std::chrono::milliseconds timeout) {
+    m_serverAddress = serverAddress;
+    m_mainloop.reset(pa_threaded_mainloop_new());
+    if (!m_mainloop)
+        throw PulseError(QStringLiteral("Impossible de créer la boucle du serveur audio."));
+    pa_threaded_mainloop_set_name(m_mainloop.get(), "tavrel-pulse");
+
+    PaProplistPtr props(pa_proplist_new());
+    pa_proplist_sets(props.get(), PA_PROP_APPLICATION_NAME, "TaVREL Recorder");
+    pa_proplist_sets(props.get(), PA_PROP_APPLICATION_ID, "fr.tavrel.Recorder");
+    pa_proplist_sets(props.get(), PA_PROP_APPLICATION_ICON_NAME, "tavrel-icon");
+    m_context.reset(pa_context_new_with_proplist(pa_threaded_mainloop_get_api(m_mainloop.get()), "TaVREL Recorder",
+                                                 props.get()));
+    if (!m_context)
+        throw PulseError(QStringLiteral("Impossible de créer le contexte du serveur audio."));
+    pa_context_set_state_callback(m_context.get(), &PulseContext::onStateChanged, this);
+
+    // A null server lets libpulse read PULSE_SERVER, client.conf and X11 properties, as every client does.
+    const QByteArray server = serverAddress.toUtf8();
+    if (pa_context_connect(m_context.get(), serverAddress.isEmpty() ? nullptr : server.constData(),
+                           PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
+        const int error = pa_context_errno(m_context.get());
+        throw PulseError(QStringLiteral("Aucun serveur audio ne répond : %1").arg(fromUtf8(pa_strerror(error))),
+                         error);
+    }
+    if (pa_threaded_mainloop_start(m_mainloop.get()) < 0)
+        throw PulseError(QStringLiteral("Impossible de démarrer la boucle du serveur audio."));
+
+    const bool settled = waitUntil(
+        [this] { return !PA_CONTEXT_IS_GOOD(pa_context_get_state(m_context.get())) || isReady(); }, timeout);
+    Lock lock(*this);
+    const pa_context_state_t state = pa_context_get_state(m_context.get());
+    if (!settled || state != PA_CONTEXT_READY) {
+        const int error = settled ? pa_context_errno(m_context.get()) : PA_ERR_TIMEOUT;
+        throw PulseError(QStringLiteral("Aucun serveur audio ne répond (%1) : %2")
+                             .arg(serverAddress.isEmpty() ? QStringLiteral("serveur par défaut") : serverAddress,
+                                  fromUtf8(pa_strerror(error))),
+                         error);
+    }
+}
+
+PulseContext::~PulseContext() {
+    // Stop the loop first so that no callback runs while the context goes away.
+    if (m_mainloop)
+        pa_threaded_mainloop_stop(m_mainloop.get());
+    m_context.reset();
+    m_mainloop.reset();
+}
+
+void PulseContext::onStateChanged(pa_context* /*context*/, void* userdata) {
+    auto* self = static_cast<PulseContext*>(userdata);
+    pa_threaded_mainloop_signal(self->m_mainloop.get(), 0);
+}
+
+bool PulseContext::isReady() const {
+    if (!m_context || !m_mainloop)
+        return false;
+    if (pa_threaded_mainloop_in_thread(m_mainloop.get()))
+        return pa_context_get_state(m_context.get()) == PA_CONTEXT_READY;
+    Lock lock(*this);
+    return pa_context_get_state(m_context.get()) == PA_CONTEXT_READY;
+}
+
+QString PulseContext::lastErrorText() const {
+    return fromUtf8(pa_strerror(lastError()));
+}
+
+int PulseContext::lastError() const {
+    return m_context ? pa_context_errno(m_context.get()) : PA_ERR_CONNECTIONREFUSED;
+}
+
+bool PulseContext::waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        {
+            Lock lock(*this);
+            if (condition())
+                return true;
+        }
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
+void PulseContext::run(const std::function<pa_operation*(pa_context*, PulseQuery&)>& issue,
+                       std::chrono::milliseconds timeout) {
+    if (pa_threaded_mainloop_in_thread(m_mainloop.get()))
+        throw PulseError(QStringLiteral("Requête synchrone impossible depuis la boucle du serveur audio."));
+    PulseQuery query;
+    PaOperationPtr operation;
+    {
+        Lock lock(*this);
+        if (pa_context_get_state(m_context.get()) != PA_CONTEXT_READY)
+            throw PulseError(QStringLiteral("Connexion au serveur audio perdue : %1").arg(lastErrorText()), lastError());
+        operation.reset(issue(m_context.get(), query));
+        if (!operation)
+            throw PulseError(QStringLiteral("Requête refusée par le serveur audio : %1").arg(lastErrorText()),
+                             lastError());
+    }
+    if (!query.waitFor(timeout)) {
+        Lock lock(*this);
+        pa_operation_cancel(operation.get());
+        // The callback may have finished just before the cancel took the lock.
+        if (!query.waitFor(std::chrono::milliseconds(0)))
+            throw PulseError(QStringLiteral("Le serveur audio ne répond pas à temps."), PA_ERR_TIMEOUT);
+    }
+    Lock lock(*this);
+    operation.reset();
+    if (query.paError() != 0)
+        throw PulseError(QStringLiteral("Le serveur audio a refusé la requête : %1")
+                             .arg(fromUtf8(pa_strerror(query.paError()))),
+                         query.paError());
+}
+
+namespace {
+
+struct ServerInfoRequest {
+    PulseQuery* query = nullptr;
+    PulseServerInfo info;
+};
+
+struct DeviceListRequest {
+    PulseQuery* query = nullptr;
+    std::vector<PulseDeviceInfo> devices;
+};
+
+PulseDeviceInfo deviceFromSource(const pa_source_info* source) {
+    PulseDeviceInfo device;
+    device.index = source->index;
+    device.name = fromUtf8(source->name);
+    device.description = fromUtf8(source->description);
+    device.ownerModule = source->owner_module;
+    device.sampleRateHz = source->sample_spec.rate;
+    device.channels = source->sample_spec.channels;
+    device.monitorOfSink = source->monitor_of_sink;
+    return device;
+}
+
+PulseDeviceInfo deviceFromSink(const pa_sink_info* sink) {
+    PulseDeviceInfo device;
+    device.index = sink->index;
+    device.name = fromUtf8(sink->name);
+    device.description = fromUtf8(sink->description);
+    device.ownerModule = sink->owner_module;
+    device.sampleRateHz = sink->sample_spec.rate;
+    device.channels = sink->sample_spec.channels;
+    device.monitorSourceName = fromUtf8(sink->monitor_source_name);
+    return device;
+}
+
+} // namespace
+
+PulseServerInfo PulseContext::serverInfo(std::chrono::milliseconds timeout) {
+    ServerInfoRequest request;
+    run(
+        [&](pa_context* context, PulseQuery& query) {
+            request.query = &query;
+            return pa_context_get_server_info(
+                context,
+                [](pa_context*, const pa_server_info* info, void* userdata) {
+                    auto* req = static_cast<ServerInfoRequest*>(userdata);
+                    if (info) {
+                        req->info.serverName = fromUtf8(info->server_name);
+                        req->info.serverVersion = fromUtf8(info->server_version);
+                        req->info.defaultSinkName = fromUtf8(info->default_sink_name);
+                        req->info.defaultSourceName = fromUtf8(info->default_source_name);
+                    }
+                    req->query->finish();
+                },
+                &request);
+        },
+        timeout);
+    return request.info;
+}
+
+std::vector<PulseDeviceInfo> PulseContext::sources(std::chrono::milliseconds timeout) {
+    DeviceListRequest request;
+    run(
+        [&](pa_context* context, PulseQuery& query) {
+            request.query = &query;
+            return pa_context_get_source_info_list(
+                context,
+                [](pa_context* c, const pa_source_info* info, int eol, void* userdata) {
+                    auto* req = static_cast<DeviceListRequest*>(userdata);
+                    if (eol < 0)
+                        req->query->fail(pa_context_errno(c));
+                    else if (eol > 0)
+                        req->query->finish();
+                    else if (info)
+                        req->devices.push_back(deviceFromSource(info));
+                },
+                &request);
+        },
+        timeout);
+    return request.devices;
+}
+
+std::vector<PulseDeviceInfo> PulseContext::sinks(std::chrono::milliseconds timeout) {
+    DeviceListRequest request;
+    run(
+        [&](pa_context* context, PulseQuery& query) {
+            request.query = &query;
+            return pa_context_get_sink_info_list(
+                context,
+                [](pa_context* c, const pa_sink_info* info, int eol, void* userdata) {
+                    auto* req = static_cast<DeviceListRequest*>(userdata);
+                    if (eol < 0)
+                        req->query->fail(pa_context_errno(c));
+                    else if (eol > 0)
+                        req->query->finish();
+                    else if (info)
+                        req->devices.push_back(deviceFromSink(info));
+                },
+                &request);
+        },
+        timeout);
+    return request.devices;
+}
+
+PulseDeviceInfo PulseContext::sourceInfo(const QString& name, std::chrono::milliseconds timeout) {
+    DeviceListRequest request;
+    const QByteArray utf8 = name.toUtf8();
+    run(
+        [&](pa_context* context, PulseQuery& query) {
+            request.query = &query;
+            return pa_context_get_source_info_by_name(
+                context, utf8.constData(),
+                [](pa_context* c, const pa_source_info* info, int eol, void* userdata) {
+                    auto* req = static_cast<DeviceListRequest*>(userdata);
+                    if (eol < 0)
+                        req->query->fail(pa_context_errno(c));
+                    else if (eol > 0)
+                        req->query->finish();
+                    else if (info)
+                        req->devices.push_back(deviceFromSource(info));
+                },
+                &request);
+        },
+        timeout);
+    if (request.devices.empty())
+        throw PulseError(QStringLiteral("Source audio introuvable : %1").arg(name), PA_ERR_NOENTITY);
+    return request.devices.front();
+}
+
+} // namespace tavrel
