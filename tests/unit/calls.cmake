@@ -1,4 +1,5 @@
 tavrel_add_test(calls_unit_tests LABELS unit
     SOURCES ${CMAKE_CURRENT_LIST_DIR}/calls/AuthLinkTest.cpp
             ${CMAKE_CURRENT_LIST_DIR}/calls/CallMonitorTest.cpp
-    LIBS tavrel_core)
+            ${CMAKE_CURRENT_LIST_DIR}/calls/StreamIdentityTest.cpp
+    LIBS tavrel_core tavrel_audio)

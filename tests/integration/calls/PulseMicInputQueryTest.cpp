@@ -1,0 +1,203 @@
+// Who captures the microphone, asked of real audio servers (PulseAudio, and PipeWire through pipewire-pulse)
+// with real recording clients posing as conferencing applications.
+#include "audio/PulseMicInputQuery.h"
+#include "audio/pulse/PulseContext.h"
+
+#include "AudioServerFixture.h"
+#include "Wait.h"
+
+#include <QJsonObject>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+
+namespace tavrel {
+namespace {
+
+using namespace std::chrono_literals;
+using test::AudioServerFixture;
+using test::AudioServerKind;
+using test::ManagedProcess;
+using test::RecordingClientOptions;
+
+class MicInputOnServer : public ::testing::TestWithParam<AudioServerKind> {
+protected:
+    void SetUp() override {
+        m_server = test::makeAudioServer(GetParam());
+        ASSERT_TRUE(m_server->start());
+    }
+
+    // The query's answer once it has settled on `expected` (or the last answer after a few seconds).
+    QStringList settleOn(const QStringList& expected) {
+        QStringList last;
+        test::waitUntil(
+            [&] {
+                last = m_query.inputApplications();
+                return last == expected;
+            },
+            5s, 50ms);
+        return last;
+    }
+
+    // A raw record stream of our own making, for shapes the fixture's client does not cover.
+    ManagedProcess startParec(const QStringList& arguments, const QProcessEnvironment& extra = {}) {
+        ManagedProcess process;
+        ManagedProcess::Options options;
+        options.program = QStringLiteral("parec");
+        options.arguments = arguments;
+        QProcessEnvironment env = m_server->environment();
+        env.insert(extra);
+        options.environment = env;
+        options.stdoutPath = QStringLiteral("/dev/null");
+        options.logPath = m_server->tempPath() + QStringLiteral("/parec-%1.log").arg(++m_parecCount);
+        EXPECT_TRUE(process.start(options)) << process.errorString().toStdString();
+        return process;
+    }
+
+    // Source-outputs the server lists (whatever we make of them), so that exclusions cannot pass vacuously.
+    int serverStreamCount() { return m_server->list(QStringLiteral("source-outputs")).size(); }
+
+    std::unique_ptr<AudioServerFixture> m_server;
+    PulseMicInputQuery m_query;
+    int m_parecCount = 0;
+};
+
+TEST_P(MicInputOnServer, nobodyCapturingGivesNothingDespiteTheVirtualSourceFilter) {
+    EXPECT_EQ(settleOn({}), QStringList{});
+    if (GetParam() == AudioServerKind::PulseAudio) {
+        EXPECT_GE(serverStreamCount(), 1) << "the virtual microphone's own stream should be listed by the server";
+    }
+}
+
+struct Pose {
+    const char* name;
+    const char* applicationId;
+    const char* processBinary;
+    const char* expected;
+};
+
+TEST_P(MicInputOnServer, identifiesClientsAsTheyPose) {
+    const Pose poses[] = {
+        {"declaredZoom", "us.zoom.xos", "zoom", "us.zoom.xos"},
+        {"zoomByExecutable", "", "zoom", "us.zoom.xos"},
+        {"chromeByExecutable", "", "chrome", "com.google.Chrome"},
+        {"discordByExecutable", "", "Discord", "com.hnc.Discord"},
+        {"flatpakDiscord", "com.discordapp.Discord", "", "com.hnc.Discord"},
+        {"flatpakFirefox", "org.mozilla.firefox", "firefox", "org.mozilla.firefox"},
+        {"unknownExecutableNamed", "", "obs", "obs"},
+        {"unknownDeclared", "org.example.Dictaphone", "dictaphone", "org.example.Dictaphone"},
+    };
+    for (const Pose& pose : poses) {
+        SCOPED_TRACE(pose.name);
+        RecordingClientOptions options;
+        options.applicationId = QString::fromUtf8(pose.applicationId);
+        options.processBinary = QString::fromUtf8(pose.processBinary);
+        options.clientName = QStringLiteral("Posing client");
+        ManagedProcess client = m_server->startRecordingClient(options);
+        EXPECT_EQ(settleOn({QString::fromUtf8(pose.expected)}), QStringList{QString::fromUtf8(pose.expected)})
+            << client.describe().toStdString();
+        client.stop();
+        EXPECT_EQ(settleOn({}), QStringList{});
+    }
+}
+
+TEST_P(MicInputOnServer, everyStreamCountsInServerOrderWithDuplicates) {
+    ManagedProcess first = m_server->startRecordingClient();
+    ASSERT_EQ(settleOn({QStringLiteral("us.zoom.xos")}), QStringList{QStringLiteral("us.zoom.xos")});
+    RecordingClientOptions unknown;
+    unknown.applicationId = QStringLiteral("org.example.Dictaphone");
+    ManagedProcess second = m_server->startRecordingClient(unknown);
+    ManagedProcess third = m_server->startRecordingClient();
+    const QStringList expected{QStringLiteral("us.zoom.xos"), QStringLiteral("org.example.Dictaphone"),
+                               QStringLiteral("us.zoom.xos")};
+    // Each server keeps its own order; both must list every stream.
+    QStringList seen;
+    test::waitUntil(
+        [&] {
+            seen = m_query.inputApplications();
+            return seen.size() == 3;
+        },
+        5s, 50ms);
+    QStringList sortedSeen = seen;
+    QStringList sortedExpected = expected;
+    sortedSeen.sort();
+    sortedExpected.sort();
+    EXPECT_EQ(sortedSeen, sortedExpected);
+    if (GetParam() == AudioServerKind::PulseAudio) {
+        EXPECT_EQ(seen, expected);
+    }
+}
+
+TEST_P(MicInputOnServer, listeningToAnOutputIsNotAMicrophone) {
+    RecordingClientOptions options;
+    options.source = AudioServerFixture::monitorOf(AudioServerFixture::speakerSink());
+    ManagedProcess client = m_server->startRecordingClient(options);
+    ASSERT_TRUE(test::waitUntil([&] { return serverStreamCount() >= 1 + (GetParam() == AudioServerKind::PulseAudio); },
+                                5s));
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(m_query.inputApplications(), QStringList{});
+}
+
+TEST_P(MicInputOnServer, levelMetersOfVolumeControlsAreNotCalls) {
+    const int before = serverStreamCount();
+    // A meter at the few frames a second volume controls ask for, from an application that is not a mixer.
+    QProcessEnvironment zoom;
+    zoom.insert(QStringLiteral("PULSE_PROP"), QStringLiteral("application.id=us.zoom.xos"));
+    ManagedProcess lowRate =
+        startParec({QStringLiteral("-d"), AudioServerFixture::micSource(), QStringLiteral("--rate=25"),
+                    QStringLiteral("--channels=1"), QStringLiteral("--format=float32le"), QStringLiteral("--raw"),
+                    QStringLiteral("--stream-name=Peak detect")},
+                   zoom);
+    // The volume control itself, at a normal rate.
+    QProcessEnvironment mixer;
+    mixer.insert(QStringLiteral("PULSE_PROP"), QStringLiteral("application.id=org.PulseAudio.pavucontrol"));
+    ManagedProcess pavucontrol =
+        startParec({QStringLiteral("-d"), AudioServerFixture::micSource(), QStringLiteral("--raw")}, mixer);
+    ASSERT_TRUE(test::waitUntil([&] { return serverStreamCount() >= before + 2; }, 5s))
+        << lowRate.describe().toStdString() << pavucontrol.describe().toStdString();
+    EXPECT_EQ(m_query.inputApplications(), QStringList{});
+}
+
+TEST_P(MicInputOnServer, ownStreamsAreReportedUnderOurIdentifierUntilCorked) {
+    std::shared_ptr<PulseContext> pulse = PulseContext::instance();
+    pa_sample_spec spec{PA_SAMPLE_S16LE, 44100, 1};
+    PaStreamPtr stream;
+    {
+        PulseContext::Lock lock(*pulse);
+        // Whatever a stream of ours declares, it is our own recording.
+        PaProplistPtr props(pa_proplist_new());
+        pa_proplist_sets(props.get(), PA_PROP_APPLICATION_ID, "us.zoom.xos");
+        stream.reset(pa_stream_new_with_proplist(pulse->context(), "Microphone", &spec, nullptr, props.get()));
+        ASSERT_TRUE(stream);
+        ASSERT_EQ(pa_stream_connect_record(stream.get(), AudioServerFixture::kMicSource, nullptr, PA_STREAM_NOFLAGS),
+                  0);
+    }
+    ASSERT_TRUE(pulse->waitUntil([&] { return pa_stream_get_state(stream.get()) == PA_STREAM_READY; }, 3s));
+    EXPECT_EQ(settleOn({QStringLiteral("fr.tavrel.Recorder")}), QStringList{QStringLiteral("fr.tavrel.Recorder")});
+
+    bool corked = false;
+    {
+        PulseContext::Lock lock(*pulse);
+        PaOperationPtr op(pa_stream_cork(
+            stream.get(), 1, [](pa_stream*, int, void* done) { *static_cast<bool*>(done) = true; }, &corked));
+    }
+    ASSERT_TRUE(pulse->waitUntil([&] { return corked; }, 3s));
+    EXPECT_EQ(settleOn({}), QStringList{});
+
+    PulseContext::Lock lock(*pulse);
+    pa_stream_disconnect(stream.get());
+    stream.reset();
+}
+
+TEST_P(MicInputOnServer, noServerMeansNobodyCaptures) {
+    m_server->stop();
+    EXPECT_EQ(m_query.inputApplications(), QStringList{});
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, MicInputOnServer,
+                         ::testing::Values(AudioServerKind::PulseAudio, AudioServerKind::PipeWire));
+
+} // namespace
+} // namespace tavrel
