@@ -6,12 +6,14 @@
 #include <QCoro/QCoroTask>
 #include <QDateTime>
 #include <QObject>
+#include <QPoint>
 #include <QPointer>
 #include <QStringList>
 #include <QTimer>
 #include <QUrl>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -38,6 +40,14 @@ struct AppServices {
     std::chrono::milliseconds jobPollIntervalMs{20000};
     /// Delay between launch and the check for unsent recordings.
     std::chrono::milliseconds pendingCheckDelayMs{1500};
+    /// The audio server's device lookup by UID and its removal, for the routing device a crash may have
+    /// left behind. Empty: there is nothing to look up.
+    std::function<std::optional<quint32>(const QString& uid)> deviceWithUID;
+    std::function<void(quint32 device)> destroyDevice;
+    /// Makes a recording interrupted by a crash readable again. Empty: nothing is repaired.
+    std::function<void(const QString& path)> recoverInterruptedRecording;
+    /// The status item's clock. Empty: the system clock.
+    std::function<QDateTime()> now;
 };
 
 /// The hub of the program: owns every long-lived object, runs the recording session, the uploads and
@@ -51,6 +61,9 @@ public:
     // --- start-up (AppDelegate.cpp) ---
     void applicationDidFinishLaunching();
     void togglePopover();
+    /// Opens the popover unless it is shown (the desktop's Activate).
+    void showPopover();
+    bool isPopoverShown() const;
     void notify(const QString& title, const QString& body);
     static QString appVersionString();
 
@@ -86,6 +99,9 @@ public:
     RecordingHUD& hud() { return *m_hud; }
     CallMonitor* callMonitor() const { return m_callMonitor.get(); }
     MainPopoverController* popoverController() const;
+    StatusItem* statusItem() const { return m_services.statusItem.get(); }
+    /// One tick of the status item's clock (its timer calls it every second).
+    void updateStatusClock();
 
 signals:
     void recordingStateChanged();
@@ -101,6 +117,11 @@ private:
     void stopTimer();
     void setLaunchAtLogin(bool enabled);
     void setStatusTitle(const QString& title);
+    void refreshStatusIcon();
+    void closePopover();
+    void removeStaleRoutingDevice();
+    void recoverInterruptedRecordings();
+    QDateTime now() const;
     QCoro::Task<> runStart();
     QCoro::Task<> runStop();
     QCoro::Task<> runUploadDialog(QString fileURL);
@@ -118,6 +139,8 @@ private:
     bool m_autoStartedRecording = false;
     int m_activeJobs = 0;
     QString m_statusTitle;
+    QPoint m_lastClickPos;
+    qint64 m_popoverClosedAtMs = 0;
 };
 
 } // namespace tavrel
