@@ -1,0 +1,79 @@
+#pragma once
+
+#include "CaptureTimeline.h"
+#include "SystemAudioSource.h"
+
+#include <QString>
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <thread>
+
+namespace tavrel {
+
+class M4aWriter;
+class PulseCapture;
+class PulseContext;
+class SampleHandOff;
+
+/// Everything the computer plays, taken from the default output's monitor through the audio server and
+/// encoded as it comes to "tavrel_sys_<T>.m4a" (44 100 Hz stereo AAC). Paused stretches are left out of
+/// the file; idle stretches (a suspended output sends nothing) are kept as silence so the track stays on
+/// real time; when the default output changes, the stream moves to the new output's monitor.
+class SystemAudioRecorder : public SystemAudioSource {
+public:
+    static constexpr const char* kThreadName = "fr.tavrel.recorder.sysaudio";
+    static constexpr int kSampleRateHz = 44100;
+    static constexpr int kChannels = 2;
+    /// How often the default output is checked while recording.
+    static constexpr int kFollowIntervalMs = 250;
+
+    SystemAudioRecorder();
+    ~SystemAudioRecorder() override;
+    SystemAudioRecorder(const SystemAudioRecorder&) = delete;
+    SystemAudioRecorder& operator=(const SystemAudioRecorder&) = delete;
+
+    std::optional<QString> outputURL() const override { return m_outputURL; }
+    /// Throws `SystemAudioFailure(permissionDenied)` when the server cannot be queried,
+    /// `SystemAudioFailure(noDisplay)` when there is no default output, or the writer's or stream's error.
+    QCoro::Task<> start() override;
+    QCoro::Task<std::optional<QString>> stop() override;
+    void pause() override { m_isPaused.store(true); }
+    void resume() override { m_isPaused.store(false); }
+    float currentLevel() const override;
+
+    void startBlocking();
+    std::optional<QString> stopBlocking();
+
+    bool isRecording() const { return m_isRecording.load(); }
+    /// The monitor the stream is meant to read (the default output's).
+    QString expectedSource() const;
+
+    /// The smoothed level after one chunk (every 16th value, 0.6 old + 0.4 new), exposed for tests.
+    static float smoothedLevel(float previous, const float* samples, int64_t count);
+
+private:
+    void onChunk(const float* samples, int64_t frames, int64_t captureNs);
+    void onEnded(const QString& reason);
+    void onMoved(const QString& source);
+    void followDefaultOutput(std::stop_token stop);
+
+    std::shared_ptr<PulseContext> m_pulse;
+    std::unique_ptr<M4aWriter> m_writer;
+    std::unique_ptr<SampleHandOff> m_handOff;
+    std::unique_ptr<PulseCapture> m_capture;
+    std::optional<QString> m_outputURL;
+    std::optional<CaptureTimeline> m_timeline; // mainloop thread only
+    std::jthread m_follower;
+
+    std::atomic<bool> m_isRecording{false};
+    std::atomic<bool> m_isPaused{false};
+    std::atomic<bool> m_sourceVerified{false};
+    std::atomic<float> m_level{0.0f};
+    std::atomic<bool> m_ended{false};
+    // Written by the follower thread, read on the mainloop thread when the stream moves.
+    std::atomic<std::shared_ptr<const QString>> m_expectedSource;
+};
+
+} // namespace tavrel

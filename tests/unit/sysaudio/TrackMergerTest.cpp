@@ -1,0 +1,224 @@
+#include "SignalTools.h"
+
+#include "ScopedEnvironment.h"
+#include "TempDir.h"
+
+#include "audio/SystemAudioSource.h"
+#include "audio/TrackMerger.h"
+#include "audio/ffmpeg/FfmpegHandles.h"
+
+#include <QCoro/QCoroTask>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QRegularExpression>
+
+#include <gtest/gtest.h>
+
+namespace tavrel::test {
+namespace {
+
+constexpr int kRate = kMergedSampleRateHz;
+
+/// How each kind of source file is made: the microphone's AAC, the tap's float CAF at the graph's rate,
+/// the monitor's stereo AAC, the virtual device's AIFF fallback.
+struct TrackKind {
+    const char* name;
+    const char* extension;
+    int rateHz;
+    int channels;
+    QStringList codecArguments;
+};
+
+const TrackKind kMicTrack{"mic", "m4a", 44100, 1, {"-c:a", "aac"}};
+const TrackKind kTapTrack{"tap", "caf", 48000, 2, {"-c:a", "pcm_f32le"}};
+const TrackKind kMonitorTrack{"sys", "m4a", 44100, 2, {"-c:a", "aac"}};
+const TrackKind kAiffTrack{"bh", "aiff", 44100, 2, {}};
+
+class TrackMergerTest : public ::testing::Test {
+protected:
+    QString make(const TrackKind& kind, const QString& expression, double seconds, const QString& tag = {}) {
+        const QString path = m_dir.filePath(QStringLiteral("%1%2.%3").arg(kind.name, tag, kind.extension));
+        const QString error = generateAudio(path, expression, seconds, kind.rateHz, kind.channels, kind.codecArguments);
+        EXPECT_TRUE(error.isEmpty()) << error.toStdString();
+        return path;
+    }
+    QString output() const { return m_dir.filePath(QStringLiteral("merged.m4a")); }
+
+    TempDir m_dir{QStringLiteral("sysmerge")};
+};
+
+struct MixCase {
+    const char* name;
+    std::vector<TrackKind> systems;
+};
+
+class TrackMixTest : public TrackMergerTest, public ::testing::WithParamInterface<MixCase> {};
+
+// Each track carries a tone burst of its own at its own time: all of them must be in the mix, at their
+// times and at their own levels (unit gain), and the mix lasts as long as the longest input.
+TEST_P(TrackMixTest, everyTrackKeepsItsTimeAndLevel) {
+    const double micSeconds = 4.0;
+    const QString mic = make(kMicTrack, toneBetween(440, 0.2, 0.5, 1.5), micSeconds);
+    QStringList systems;
+    std::vector<double> starts;
+    double longest = micSeconds;
+    int index = 0;
+    for (const TrackKind& kind : GetParam().systems) {
+        const double start = 2.0 + 1.5 * index;
+        const double seconds = micSeconds + 1.0 + index; // system tracks outlast the microphone
+        systems << make(kind, toneBetween(1000 + 500 * index, 0.2, start, start + 1.0), seconds,
+                        QString::number(index));
+        starts.push_back(start);
+        longest = std::max(longest, seconds);
+        ++index;
+    }
+
+    mergeAudioFilesInto(mic, systems, output());
+
+    const auto facts = probeAudio(output());
+    ASSERT_TRUE(facts);
+    EXPECT_EQ(facts->codecName, "aac");
+    EXPECT_TRUE(facts->formatName.contains("m4a"));
+    EXPECT_EQ(facts->sampleRateHz, kMergedSampleRateHz);
+    EXPECT_EQ(facts->channels, kMergedChannels);
+    EXPECT_NEAR(facts->durationSeconds, longest, 0.05);
+
+    const std::vector<float> mixed = decodeMono(output(), kRate);
+    const double toneDb = 20.0 * std::log10(0.2 / std::sqrt(2.0));
+    ASSERT_TRUE(onsetSeconds(mixed, kRate));
+    EXPECT_NEAR(*onsetSeconds(mixed, kRate), 0.5, 0.01);
+    EXPECT_NEAR(rmsDb(mixed, kRate, 0.6, 1.4), toneDb, 1.0);
+    for (size_t i = 0; i < starts.size(); ++i) {
+        const auto onset = onsetSeconds(mixed, kRate, -30.0, starts[i] - 0.4);
+        ASSERT_TRUE(onset) << "track " << i;
+        EXPECT_NEAR(*onset, starts[i], 0.01) << "track " << i;
+        EXPECT_NEAR(rmsDb(mixed, kRate, starts[i] + 0.1, starts[i] + 0.9), toneDb, 1.0) << "track " << i;
+    }
+    EXPECT_LT(rmsDb(mixed, kRate, longest - 0.4, longest - 0.1), -60.0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Sources, TrackMixTest,
+                         ::testing::Values(MixCase{"tap", {kTapTrack}}, MixCase{"monitor", {kMonitorTrack}},
+                                           MixCase{"monitorAndDevice", {kMonitorTrack, kAiffTrack}},
+                                           MixCase{"tapAndDeviceM4a", {kTapTrack, kMonitorTrack}}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// The same tone in phase on the microphone and on both channels of a system track adds up to twice the
+// amplitude: a mix that averaged the tracks, or summed the stereo channels, would be 6 dB off.
+TEST_F(TrackMergerTest, tracksAreSummedAtUnitGain) {
+    const QString tone = toneBetween(300, 0.1, 0.0, 3.0);
+    const QString mic = make(kMicTrack, tone, 3.0);
+    const QString system = make(TrackKind{"sys", "caf", 44100, 2, {"-c:a", "pcm_f32le"}}, tone, 3.0);
+
+    mergeAudioFilesInto(mic, {system}, output());
+
+    const std::vector<float> mixed = decodeMono(output(), kRate);
+    const double single = 20.0 * std::log10(0.1 / std::sqrt(2.0));
+    EXPECT_NEAR(rmsDb(mixed, kRate, 0.5, 2.5), single + 6.02, 0.5);
+}
+
+enum class Damage { missing, garbage, noAudioStream, empty };
+
+struct SkipCase {
+    const char* name;
+    Damage damage;
+};
+
+QString damagedFile(const TempDir& dir, Damage damage, const QString& stem) {
+    const QString path = dir.filePath(stem + QStringLiteral(".m4a"));
+    QFile file(path);
+    switch (damage) {
+    case Damage::missing:
+        break;
+    case Damage::garbage:
+        file.open(QIODevice::WriteOnly);
+        file.write(QByteArray(4096, 'x'));
+        break;
+    case Damage::empty:
+        file.open(QIODevice::WriteOnly);
+        break;
+    case Damage::noAudioStream: {
+        const QString video = dir.filePath(stem + QStringLiteral(".mkv"));
+        QProcess::execute(QStringLiteral("ffmpeg"), {"-v", "error", "-y", "-f", "lavfi", "-i",
+                                                     "color=c=black:s=32x32:d=1", "-c:v", "ffv1", video});
+        return video;
+    }
+    }
+    return path;
+}
+
+class SystemSkipTest : public TrackMergerTest, public ::testing::WithParamInterface<SkipCase> {};
+
+// A system file that cannot be used is left out: the mix is the microphone (and the other system file).
+TEST_P(SystemSkipTest, unusableSystemFileIsLeftOut) {
+    const QString mic = make(kMicTrack, toneBetween(440, 0.2, 0.5, 1.5), 3.0);
+    const QString good = make(kMonitorTrack, toneBetween(1000, 0.2, 2.0, 2.5), 3.0);
+    const QString bad = damagedFile(m_dir, GetParam().damage, QStringLiteral("bad"));
+
+    mergeAudioFilesInto(mic, {bad, good}, output());
+
+    const std::vector<float> mixed = decodeMono(output(), kRate);
+    EXPECT_NEAR(static_cast<double>(mixed.size()) / kRate, 3.0, 0.05);
+    ASSERT_TRUE(onsetSeconds(mixed, kRate, -30.0, 1.7));
+    EXPECT_NEAR(*onsetSeconds(mixed, kRate, -30.0, 1.7), 2.0, 0.01);
+}
+
+INSTANTIATE_TEST_SUITE_P(Damages, SystemSkipTest,
+                         ::testing::Values(SkipCase{"missing", Damage::missing}, SkipCase{"garbage", Damage::garbage},
+                                           SkipCase{"empty", Damage::empty},
+                                           SkipCase{"noAudioStream", Damage::noAudioStream}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+class MicFailureTest : public TrackMergerTest, public ::testing::WithParamInterface<SkipCase> {};
+
+// The microphone is the recording: when it cannot be read the merge fails (the orchestrator then keeps
+// the microphone file alone); a readable file without audio is `mergeFailed`, anything else FFmpeg's error.
+TEST_P(MicFailureTest, unusableMicrophoneFailsTheMerge) {
+    const QString mic = damagedFile(m_dir, GetParam().damage, QStringLiteral("mic"));
+    const QString system = make(kMonitorTrack, toneBetween(1000, 0.2, 0.5, 1.0), 2.0);
+    if (GetParam().damage == Damage::noAudioStream) {
+        try {
+            mergeAudioFilesInto(mic, {system}, output());
+            FAIL() << "merge succeeded";
+        } catch (const SystemAudioFailure& failure) {
+            EXPECT_EQ(failure.code(), SystemAudioError::mergeFailed);
+            EXPECT_EQ(failure.localizedDescription(), QStringLiteral("Impossible de fusionner les pistes audio."));
+        }
+    } else {
+        EXPECT_THROW(mergeAudioFilesInto(mic, {system}, output()), FfmpegError);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Damages, MicFailureTest,
+                         ::testing::Values(SkipCase{"missing", Damage::missing}, SkipCase{"garbage", Damage::garbage},
+                                           SkipCase{"empty", Damage::empty},
+                                           SkipCase{"noAudioStream", Damage::noAudioStream}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// The asynchronous form names its file in the temporary directory and leaves the inputs alone.
+TEST_F(TrackMergerTest, asynchronousMergeWritesTheNamedFileInTheTemporaryDirectory) {
+    const QString mic = make(kMicTrack, toneBetween(440, 0.2, 0.2, 0.6), 1.0);
+    const QString system = make(kTapTrack, toneBetween(1000, 0.2, 0.4, 0.8), 1.5);
+    ScopedEnvironment environment;
+    const QString temp = m_dir.filePath(QStringLiteral("tmp"), true);
+    environment.set("TMPDIR", temp.toUtf8());
+
+    const QString merged = QCoro::waitFor(mergeAudioFiles(mic, {system}));
+
+    EXPECT_EQ(QFileInfo(merged).absolutePath(), QDir(temp).absolutePath());
+    EXPECT_TRUE(QRegularExpression(QStringLiteral("^tavrel_merged_\\d{10}\\.m4a$"))
+                    .match(QFileInfo(merged).fileName())
+                    .hasMatch());
+    const auto facts = probeAudio(merged);
+    ASSERT_TRUE(facts);
+    EXPECT_NEAR(facts->durationSeconds, 1.5, 0.05);
+    EXPECT_TRUE(QFile::exists(mic));
+    EXPECT_TRUE(QFile::exists(system));
+
+    EXPECT_THROW(QCoro::waitFor(mergeAudioFiles(m_dir.filePath("nothing.m4a"), {system})), FfmpegError);
+}
+
+} // namespace
+} // namespace tavrel::test
