@@ -1,10 +1,14 @@
 #pragma once
 
-#include <QString>
-
-namespace tavrel::test {
-
-/// A fresh temporary directory for one test, removed at the end.
-QString makeTempDir(const QString& prefix);
-
-} // namespace tavrel::test
+// Every fixture and helper of the test harness in one include.
+#include "AudioServerFixture.h"
+#include "Command.h"
+#include "ManagedProcess.h"
+#include "Media.h"
+#include "PipeWireFixture.h"
+#include "PulseAudioFixture.h"
+#include "ScopedEnvironment.h"
+#include "SessionBusFixture.h"
+#include "TempDir.h"
+#include "Wait.h"
+#include "XvfbFixture.h"

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <QByteArray>
+#include <QProcessEnvironment>
+
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace tavrel::test {
+
+/// Sets environment variables of the test process and puts the previous values back (or unsets
+/// them) when destroyed, so that in-process code (libpulse, QtDBus, Qt's platform plugins) reaches
+/// the fixture's private daemons while it lives.
+class ScopedEnvironment {
+public:
+    ScopedEnvironment() = default;
+    ~ScopedEnvironment();
+    ScopedEnvironment(const ScopedEnvironment&) = delete;
+    ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
+
+    void set(const QByteArray& name, const QByteArray& value);
+    void unset(const QByteArray& name);
+    /// Sets every variable of `variables`.
+    void apply(const QProcessEnvironment& variables);
+    /// Restores now instead of at destruction.
+    void restore();
+
+private:
+    void remember(const QByteArray& name);
+
+    std::vector<std::pair<QByteArray, std::optional<QByteArray>>> m_saved;
+};
+
+/// The environment of the test process with each part's variables laid over it, in order; for
+/// starting a child (the real program) that must reach every fixture at once:
+/// `mergedEnvironment({pulse.variables(), bus.variables(), xvfb.variables()})`.
+QProcessEnvironment mergedEnvironment(std::initializer_list<QProcessEnvironment> parts);
+
+} // namespace tavrel::test
