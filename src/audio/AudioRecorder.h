@@ -2,11 +2,14 @@
 
 #include "SystemAudioBackends.h"
 #include "core/Error.h"
+#include "core/Notes.h"
 
 #include <QCoro/QCoroTask>
 #include <QDateTime>
 #include <QString>
 
+#include <atomic>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -21,12 +24,6 @@ enum class RecordError { recordFailed, microphoneDenied };
 QString errorDescription(RecordError error);
 QString caseName(RecordError error);
 using RecordFailure = CodedError<RecordError>;
-
-/// A note taken during a recording: whole seconds since the start, and the text as typed.
-struct Note {
-    qint64 time = 0;
-    QString text;
-};
 
 /// Runs one recording at a time: the microphone into its own AAC file, and the other party's voice
 /// through the system-audio sources in their fixed fallback order; mixes everything at stop.
@@ -50,6 +47,8 @@ public:
 
     float currentMicLevel();
     float currentSystemLevel() const;
+    /// Microphone frames handed to the encoder in the current recording (0 when idle); for diagnostics.
+    qint64 micFramesWritten() const;
 
     void addNote(const QString& text);
     QString formattedNotes() const;
@@ -64,12 +63,20 @@ public:
     bool screenCapturePermissionMissing() const { return m_screenCapturePermissionMissing; }
 
 private:
+    QCoro::Task<> startSystemAudio();
+    struct SourceStart {
+        std::exception_ptr failure; ///< none when the source runs
+    };
+    /// Starts `source` and keeps it; logs nothing.
+    QCoro::Task<SourceStart> startSource(std::unique_ptr<SystemAudioSource> source);
+
     SystemAudioBackends m_backends;
-    bool m_isRecording = false;
-    bool m_isPaused = false;
+    // Polled by the recording panel's timer while the start and stop coroutines change them.
+    std::atomic<bool> m_isRecording = false;
+    std::atomic<bool> m_isPaused = false;
     bool m_systemAudioActive = false;
     std::optional<QString> m_systemAudioUnavailableReason;
-    std::unique_ptr<MicRecorder> m_micRecorder;
+    std::shared_ptr<MicRecorder> m_micRecorder; // shared with the thread that stops it
     std::optional<QString> m_micURL;
     std::vector<std::unique_ptr<SystemAudioSource>> m_sysRecorders;
     bool m_hasSystemAudio = false;

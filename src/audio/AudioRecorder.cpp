@@ -1,0 +1,370 @@
+#include "AudioRecorder.h"
+
+#include "BackgroundTask.h"
+#include "MicRecorder.h"
+#include "core/Level.h"
+#include "core/Log.h"
+#include "core/RecordingFiles.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+#include <algorithm>
+
+namespace tavrel {
+
+namespace {
+
+QString fileName(const QString& path) {
+    return QFileInfo(path).fileName();
+}
+
+/// The French text of a failure, as the user would read it.
+QString localizedDescription(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const Error& e) {
+        return e.localizedDescription();
+    } catch (const std::exception& e) {
+        return QString::fromUtf8(e.what());
+    } catch (...) {
+        return QStringLiteral("erreur inconnue");
+    }
+}
+
+/// The technical form of a failure, for the log.
+QString debugDescription(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const Error& e) {
+        return e.debugDescription();
+    } catch (const std::exception& e) {
+        return QString::fromUtf8(e.what());
+    } catch (...) {
+        return QStringLiteral("erreur inconnue");
+    }
+}
+
+bool isPermissionDenied(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const SystemAudioFailure& e) {
+        return e.code() == SystemAudioError::permissionDenied;
+    } catch (...) {
+        return false;
+    }
+}
+
+void removeFile(const QString& path) {
+    QFile::remove(path);
+}
+
+} // namespace
+
+AudioRecorder::AudioRecorder(SystemAudioBackends backends) : m_backends(std::move(backends)) {}
+
+AudioRecorder::~AudioRecorder() = default;
+
+QString AudioRecorder::recordingsDir() {
+    return RecordingFiles::recordingsDir();
+}
+
+QCoro::Task<> AudioRecorder::startRecording() {
+    if (m_isRecording)
+        co_return;
+
+    // The server's answer about the default source stands for the microphone permission.
+    const MicRecorder::Access access = co_await runInBackground([] { return MicRecorder::microphoneAccess(); });
+    if (access == MicRecorder::Access::denied)
+        throw RecordFailure(RecordError::microphoneDenied);
+
+    const QString micPath = RecordingFiles::micFile();
+    m_micURL = micPath;
+
+    struct Opened {
+        std::shared_ptr<MicRecorder> recorder;
+        bool recording = false;
+    };
+    Opened opened;
+    try {
+        opened = co_await runInBackground([micPath] {
+            Opened result;
+            result.recorder = std::make_shared<MicRecorder>(micPath);
+            result.recording = result.recorder->record();
+            return result;
+        });
+    } catch (...) {
+        // A microphone that could not start leaves nothing behind.
+        removeFile(micPath);
+        throw;
+    }
+    if (!opened.recording) {
+        co_await runInBackground([recorder = std::move(opened.recorder)]() mutable { recorder.reset(); });
+        removeFile(micPath);
+        throw RecordFailure(RecordError::recordFailed);
+    }
+
+    m_micRecorder = std::move(opened.recorder);
+    m_recordingStart = QDateTime::currentDateTime();
+    m_notes.clear();
+    m_isRecording = true;
+    logLine(QStringLiteral("[AudioRecorder] Micro démarré : ") + fileName(micPath));
+
+    co_await startSystemAudio();
+}
+
+QCoro::Task<AudioRecorder::SourceStart> AudioRecorder::startSource(std::unique_ptr<SystemAudioSource> source) {
+    SourceStart outcome;
+    try {
+        if (!source)
+            throw Error(QStringLiteral("source indisponible"));
+        co_await source->start();
+        m_sysRecorders.push_back(std::move(source));
+    } catch (...) {
+        outcome.failure = std::current_exception();
+    }
+    co_return outcome;
+}
+
+QCoro::Task<> AudioRecorder::startSystemAudio() {
+    m_sysRecorders.clear();
+    m_usingProcessTap = false;
+    m_usingBlackHole = false;
+    m_screenCaptureActive = false;
+    m_screenCapturePermissionMissing = false;
+    m_systemAudioUnavailableReason.reset();
+
+    const SystemAudioBackends backends = m_backends;
+    struct Probe {
+        bool tapSupported = false;
+        bool captureAllowed = true;
+    };
+    const Probe probe = co_await runInBackground([backends] {
+        Probe result;
+        try {
+            result.tapSupported = backends.processTapSupported && backends.processTapSupported();
+            // Where no such permission exists, the pre-check passes.
+            result.captureAllowed = !backends.captureAllowed || backends.captureAllowed();
+        } catch (...) {
+            result.tapSupported = false;
+        }
+        return result;
+    });
+
+    bool tapRunning = false;
+    if (probe.tapSupported && backends.makeProcessTap) {
+        if (probe.captureAllowed) {
+            std::unique_ptr<SystemAudioSource> tap;
+            std::exception_ptr failure;
+            try {
+                tap = backends.makeProcessTap();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            if (!failure)
+                failure = (co_await startSource(std::move(tap))).failure;
+            if (!failure) {
+                m_usingProcessTap = true;
+                tapRunning = true;
+                logLine(QStringLiteral("[AudioRecorder] Process-tap démarré (visio + téléphonie, zéro routage)"));
+            } else {
+                logLine(QStringLiteral("[AudioRecorder] Process-tap indisponible : ") + localizedDescription(failure) +
+                        QStringLiteral(" \u2192 repli SCK/BlackHole"));
+            }
+        } else {
+            m_screenCapturePermissionMissing = true;
+            logLine(QStringLiteral(
+                "[AudioRecorder] Process-tap en attente de la permission \u00ab Enregistrement d'écran \u00bb"));
+        }
+    }
+
+    if (!tapRunning) {
+        if (backends.makeScreenCapture) {
+            std::exception_ptr failure;
+            std::unique_ptr<SystemAudioSource> screen;
+            try {
+                screen = backends.makeScreenCapture();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            if (!failure)
+                failure = (co_await startSource(std::move(screen))).failure;
+            if (!failure) {
+                m_screenCaptureActive = true;
+                logLine(QStringLiteral("[AudioRecorder] ScreenCaptureKit démarré (applis/visio)"));
+            } else if (isPermissionDenied(failure)) {
+                m_screenCapturePermissionMissing = true;
+                logLine(QStringLiteral(
+                    "[AudioRecorder] ScreenCaptureKit : permission \u00ab Enregistrement d'écran \u00bb manquante"));
+            } else {
+                logLine(QStringLiteral("[AudioRecorder] ScreenCaptureKit ignoré : ") + localizedDescription(failure));
+            }
+        }
+
+        if (backends.findVirtualDevice && backends.makeVirtualDevice) {
+            std::optional<CaptureDevice> device;
+            try {
+                device = co_await runInBackground([backends] { return backends.findVirtualDevice(); });
+            } catch (...) {
+                device.reset();
+            }
+            if (device) {
+                std::exception_ptr failure;
+                std::unique_ptr<SystemAudioSource> virtualDevice;
+                try {
+                    virtualDevice = backends.makeVirtualDevice(*device);
+                } catch (...) {
+                    failure = std::current_exception();
+                }
+                if (!failure)
+                    failure = (co_await startSource(std::move(virtualDevice))).failure;
+                if (!failure) {
+                    m_usingBlackHole = true;
+                    logLine(QStringLiteral("[AudioRecorder] BlackHole démarré (téléphonie)"));
+                } else {
+                    logLine(QStringLiteral("[AudioRecorder] BlackHole ignoré : ") + localizedDescription(failure));
+                }
+            }
+        }
+    }
+
+    m_hasSystemAudio = !m_sysRecorders.empty();
+    m_systemAudioActive = m_hasSystemAudio;
+    if (m_sysRecorders.empty() && m_screenCapturePermissionMissing)
+        m_systemAudioUnavailableReason = QStringLiteral("permission");
+}
+
+void AudioRecorder::pauseRecording() {
+    if (!m_isRecording || m_isPaused)
+        return;
+    if (m_micRecorder)
+        m_micRecorder->pause();
+    for (const auto& source : m_sysRecorders)
+        source->pause();
+    m_isPaused = true;
+}
+
+void AudioRecorder::resumeRecording() {
+    if (!m_isRecording || !m_isPaused)
+        return;
+    if (m_micRecorder)
+        m_micRecorder->record();
+    for (const auto& source : m_sysRecorders)
+        source->resume();
+    m_isPaused = false;
+}
+
+QCoro::Task<std::optional<QString>> AudioRecorder::stopRecording() {
+    if (!m_isRecording)
+        co_return std::nullopt;
+    m_isRecording = false;
+    m_isPaused = false;
+
+    std::shared_ptr<MicRecorder> mic = std::move(m_micRecorder);
+    m_micRecorder.reset();
+    if (mic) {
+        const QString failure = co_await runInBackground([mic = std::move(mic)]() mutable {
+            QString problem;
+            try {
+                mic->stop();
+            } catch (const Error& error) {
+                problem = error.localizedDescription();
+            }
+            mic.reset();
+            return problem;
+        });
+        if (!failure.isEmpty()) {
+            // The file stays readable as it was written while recording; the next launch rewrites it.
+            logLine(QStringLiteral("[AudioRecorder] Fichier micro non finalisé : ") + failure);
+        }
+    }
+    logLine(QStringLiteral("[AudioRecorder] Micro arrêté"));
+
+    std::vector<std::unique_ptr<SystemAudioSource>> sources = std::move(m_sysRecorders);
+    m_sysRecorders.clear();
+    m_hasSystemAudio = false;
+
+    QStringList systemFiles;
+    for (const auto& source : sources) {
+        std::optional<QString> file;
+        try {
+            file = co_await source->stop();
+        } catch (...) {
+            file.reset();
+        }
+        if (file)
+            systemFiles << *file;
+    }
+    // Each source releases its resources with its last owner; stopping has already closed its file.
+    sources.clear();
+
+    if (!m_micURL)
+        co_return std::nullopt;
+    const QString micPath = *m_micURL;
+    if (systemFiles.isEmpty())
+        co_return micPath;
+
+    QString merged;
+    std::exception_ptr mergeFailure;
+    try {
+        if (!m_backends.merge)
+            throw SystemAudioFailure(SystemAudioError::mergeFailed);
+        merged = co_await m_backends.merge(micPath, systemFiles);
+    } catch (...) {
+        mergeFailure = std::current_exception();
+    }
+
+    if (!mergeFailure) {
+        const QString destination = recordingsDir() + QLatin1Char('/') + fileName(merged);
+        QFile mergedFile(merged);
+        if (!mergedFile.rename(destination)) {
+            logLine(QStringLiteral("[AudioRecorder] Déplacement du fusionné échoué, on garde le temporaire : ") +
+                    mergedFile.errorString());
+        }
+        const QString finalFile = QFileInfo::exists(destination) ? destination : merged;
+        logLine(QStringLiteral("[AudioRecorder] Pistes fusionnées (%1 voie(s) correspondant) : %2")
+                    .arg(systemFiles.size())
+                    .arg(fileName(finalFile)));
+        removeFile(micPath);
+        for (const QString& file : systemFiles)
+            removeFile(file);
+        co_return finalFile;
+    }
+
+    logLine(QStringLiteral("[AudioRecorder] Fusion échouée, micro seul : ") + debugDescription(mergeFailure));
+    for (const QString& file : systemFiles)
+        removeFile(file);
+    co_return micPath;
+}
+
+float AudioRecorder::currentMicLevel() {
+    if (!m_isRecording || m_isPaused || !m_micRecorder)
+        return 0.0f;
+    m_micRecorder->updateMeters();
+    return levelFromDecibels(m_micRecorder->averagePower(0));
+}
+
+float AudioRecorder::currentSystemLevel() const {
+    if (!m_isRecording || m_isPaused)
+        return 0.0f;
+    float level = 0.0f;
+    for (const auto& source : m_sysRecorders)
+        level = std::max(level, source->currentLevel());
+    return level;
+}
+
+qint64 AudioRecorder::micFramesWritten() const {
+    return m_micRecorder ? m_micRecorder->framesWritten() : 0;
+}
+
+void AudioRecorder::addNote(const QString& text) {
+    const Note note{noteTime(m_recordingStart, QDateTime::currentDateTime()), text};
+    m_notes.push_back(note);
+    logLine(noteLogLine(note));
+}
+
+QString AudioRecorder::formattedNotes() const {
+    return formatNotes(m_notes);
+}
+
+} // namespace tavrel

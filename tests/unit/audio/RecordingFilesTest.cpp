@@ -1,0 +1,167 @@
+#include "ScopedEnvironment.h"
+#include "TempDir.h"
+#include "core/Notes.h"
+#include "core/RecordingFiles.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+using namespace tavrel;
+using namespace tavrel::test;
+
+namespace {
+
+void touch(const QString& path) {
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly)) << path.toStdString();
+}
+
+class RecordingFilesTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_env.set("XDG_DATA_HOME", QFile::encodeName(m_home.filePath("data")));
+        m_env.set("TMPDIR", QFile::encodeName(m_home.filePath("tmp", true)));
+    }
+    TempDir m_home;
+    ScopedEnvironment m_env;
+};
+
+struct NamePattern {
+    const char* what;
+    std::function<QString()> make;
+    bool inRecordingsFolder;
+    QString prefix;
+    QString extension;
+};
+
+class RecordingFileNames : public RecordingFilesTest, public ::testing::WithParamInterface<NamePattern> {};
+
+} // namespace
+
+TEST_F(RecordingFilesTest, recordingsFolderLivesInTheXdgDataDirectoryAndIsCreatedOnEveryRead) {
+    const QString expected = m_home.filePath("data") + "/TavrelRecorder/Enregistrements";
+    EXPECT_EQ(RecordingFiles::recordingsDir(), expected);
+    EXPECT_TRUE(QFileInfo(expected).isDir());
+    ASSERT_TRUE(QDir(expected).removeRecursively());
+    EXPECT_EQ(RecordingFiles::recordingsDir(), expected);
+    EXPECT_EQ(RecordingFiles::recordingsDir(), expected);
+    EXPECT_TRUE(QFileInfo(expected).isDir());
+    EXPECT_EQ(QDir(m_home.filePath("data") + "/TavrelRecorder").entryList(QDir::Dirs | QDir::NoDotAndDotDot),
+              QStringList{"Enregistrements"});
+}
+
+TEST_F(RecordingFilesTest, aFolderThatCannotBeCreatedIsStillReturned) {
+    touch(m_home.filePath("blocker"));
+    m_env.set("XDG_DATA_HOME", QFile::encodeName(m_home.filePath("blocker")));
+    const QString dir = RecordingFiles::recordingsDir();
+    EXPECT_EQ(dir, m_home.filePath("blocker") + "/TavrelRecorder/Enregistrements");
+    EXPECT_FALSE(QFileInfo(dir).isDir());
+}
+
+TEST_P(RecordingFileNames, followsItsPatternWithTheCurrentTimeStamp) {
+    const NamePattern& pattern = GetParam();
+    const qint64 before = RecordingFiles::timestamp();
+    const QString path = pattern.make();
+    const qint64 after = RecordingFiles::timestamp();
+
+    const QFileInfo info(path);
+    EXPECT_EQ(info.absolutePath(),
+              pattern.inRecordingsFolder ? RecordingFiles::recordingsDir() : QDir(QDir::tempPath()).absolutePath());
+    const QRegularExpression name("^" + QRegularExpression::escape(pattern.prefix) + "([0-9]+)\\." +
+                                  QRegularExpression::escape(pattern.extension) + "$");
+    const auto match = name.match(info.fileName());
+    ASSERT_TRUE(match.hasMatch()) << info.fileName().toStdString();
+    const qint64 stamp = match.captured(1).toLongLong();
+    EXPECT_GE(stamp, before);
+    EXPECT_LE(stamp, after);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Patterns, RecordingFileNames,
+    ::testing::Values(NamePattern{"mic", [] { return RecordingFiles::micFile(); }, true, "tavrel_mic_", "m4a"},
+                      NamePattern{"tap", [] { return RecordingFiles::tapFile(); }, false, "tavrel_tap_", "caf"},
+                      NamePattern{"sys", [] { return RecordingFiles::screenCaptureFile(); }, false, "tavrel_sys_",
+                                  "m4a"},
+                      NamePattern{"bh", [] { return RecordingFiles::virtualDeviceFile(true); }, false, "tavrel_bh_",
+                                  "m4a"},
+                      NamePattern{"bhAiff", [] { return RecordingFiles::virtualDeviceFile(false); }, false,
+                                  "tavrel_bh_", "aiff"},
+                      NamePattern{"merged", [] { return RecordingFiles::mergedFile(); }, false, "tavrel_merged_",
+                                  "m4a"}),
+    [](const auto& info) { return std::string(info.param.what); });
+
+TEST_F(RecordingFilesTest, aNameTakenInTheSameSecondGetsASuffixKeepingPrefixAndExtension) {
+    const QString dir = m_home.filePath("names", true);
+    const QString first = RecordingFiles::uniquePath(dir, "tavrel_mic_", "m4a", 1731772800);
+    EXPECT_EQ(QFileInfo(first).fileName(), "tavrel_mic_1731772800.m4a");
+    touch(first);
+    const QString second = RecordingFiles::uniquePath(dir, "tavrel_mic_", "m4a", 1731772800);
+    EXPECT_NE(second, first);
+    EXPECT_TRUE(QFileInfo(second).fileName().startsWith("tavrel_mic_1731772800"));
+    EXPECT_TRUE(second.endsWith(".m4a"));
+    touch(second);
+    const QString third = RecordingFiles::uniquePath(dir, "tavrel_mic_", "m4a", 1731772800);
+    EXPECT_FALSE(third == first || third == second);
+    EXPECT_TRUE(third.endsWith(".m4a"));
+    // Another extension of the same second is free.
+    EXPECT_EQ(QFileInfo(RecordingFiles::uniquePath(dir, "tavrel_mic_", "aiff", 1731772800)).fileName(),
+              "tavrel_mic_1731772800.aiff");
+}
+
+TEST(RecordingFileTimestamp, truncatesTowardZero) {
+    EXPECT_EQ(RecordingFiles::timestamp(QDateTime::fromMSecsSinceEpoch(1731772800999)), 1731772800);
+    EXPECT_EQ(RecordingFiles::timestamp(QDateTime::fromMSecsSinceEpoch(1731772800000)), 1731772800);
+    EXPECT_EQ(RecordingFiles::timestamp(QDateTime::fromMSecsSinceEpoch(-1500)), -1);
+}
+
+TEST(RecordingNotesFile, sitsBesideTheRecordingWithItsExtensionReplaced) {
+    EXPECT_EQ(RecordingFiles::notesFileFor("/r/tavrel_merged_1731772800.m4a"),
+              "/r/tavrel_merged_1731772800.notes.txt");
+    EXPECT_EQ(RecordingFiles::notesFileFor("/tmp/x/tavrel_mic_1731772800_2.m4a"),
+              "/tmp/x/tavrel_mic_1731772800_2.notes.txt");
+    EXPECT_EQ(RecordingFiles::notesFileFor("/r/tavrel_bh_1.aiff"), "/r/tavrel_bh_1.notes.txt");
+}
+
+namespace {
+
+struct NoteTiming {
+    qint64 elapsedMs;
+    qint64 storedS;
+    const char* prefix;
+};
+
+class NoteTimes : public ::testing::TestWithParam<NoteTiming> {};
+
+} // namespace
+
+TEST_P(NoteTimes, areTruncatedWholeSecondsShownAsMinutesAndSeconds) {
+    const NoteTiming timing = GetParam();
+    const QDateTime start = QDateTime::fromMSecsSinceEpoch(1731772800000);
+    const qint64 time = noteTime(start, start.addMSecs(timing.elapsedMs));
+    EXPECT_EQ(time, timing.storedS);
+    EXPECT_EQ(formatNotes({Note{time, "Budget"}}), QString(timing.prefix) + " Budget");
+}
+
+INSTANTIATE_TEST_SUITE_P(Times, NoteTimes,
+                         ::testing::Values(NoteTiming{0, 0, "[0:00]"}, NoteTiming{12000, 12, "[0:12]"},
+                                           NoteTiming{59900, 59, "[0:59]"}, NoteTiming{60000, 60, "[1:00]"},
+                                           NoteTiming{75400, 75, "[1:15]"}, NoteTiming{3600000, 3600, "[60:00]"},
+                                           NoteTiming{3725000, 3725, "[62:05]"}));
+
+TEST(Notes, beforeAnyRecordingAreStampedZero) {
+    EXPECT_EQ(noteTime(std::nullopt, QDateTime::currentDateTime()), 0);
+}
+
+TEST(Notes, areJoinedByLineFeedsWithoutATrailingOneAndKeepTheirText) {
+    EXPECT_EQ(formatNotes({}), "");
+    EXPECT_EQ(formatNotes({{12, "Intro"}, {75, "Budget"}}), "[0:12] Intro\n[1:15] Budget");
+    EXPECT_EQ(formatNotes({{5, "  %1 spaces kept  "}}), "[0:05]   %1 spaces kept  ");
+    EXPECT_EQ(noteLogLine({75, "Budget"}), "[Note 75s] Budget");
+    EXPECT_EQ(noteLogLine({3, "100% %2"}), "[Note 3s] 100% %2");
+}
