@@ -1,0 +1,123 @@
+#include "core/SettingsManager.h"
+
+#include "TestSupport.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSettings>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+namespace tavrel {
+namespace {
+
+class SettingsManagerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(m_dir.isValid());
+        m_env.set("XDG_CONFIG_HOME", m_dir.path().toUtf8());
+    }
+
+    /// What another process (or an older version) finds in the file.
+    QVariant storedValue(const QString& key) const {
+        return QSettings(SettingsManager::filePath(), QSettings::IniFormat).value(key);
+    }
+
+    test::TempDir m_dir{QStringLiteral("tavrel-settings")};
+    test::ScopedEnvironment m_env;
+    SettingsManager& m_settings = SettingsManager::shared();
+};
+
+struct StringKey {
+    const char* name;
+    std::function<QString()> read;
+    std::function<void(const QString&)> write;
+    std::function<QString()> defaultValue;
+};
+
+std::vector<StringKey> stringKeys() {
+    SettingsManager& s = SettingsManager::shared();
+    return {
+        {"backendURL", [&s] { return s.backendURL(); }, [&s](const QString& v) { s.setBackendURL(v); },
+         [] { return QStringLiteral(TAVREL_DEFAULT_SERVER) + QStringLiteral("/backend"); }},
+        {"webURL", [&s] { return s.webURL(); }, [&s](const QString& v) { s.setWebURL(v); },
+         [] { return QStringLiteral(TAVREL_DEFAULT_SERVER) + QStringLiteral("/tavrel/index.html"); }},
+        {"token", [&s] { return s.token(); }, [&s](const QString& v) { s.setToken(v); }, [] { return QString(); }},
+    };
+}
+
+class StringKeyTest : public SettingsManagerTest, public ::testing::WithParamInterface<StringKey> {};
+
+TEST_P(StringKeyTest, AbsentKeyGivesTheDefault) {
+    EXPECT_EQ(GetParam().read(), GetParam().defaultValue());
+    EXPECT_FALSE(QFileInfo::exists(SettingsManager::filePath())) << "reading must not create the file";
+}
+
+TEST_P(StringKeyTest, StoredEmptyTextStaysEmpty) {
+    GetParam().write(QString());
+    EXPECT_TRUE(storedValue(QString::fromLatin1(GetParam().name)).isValid());
+    EXPECT_EQ(GetParam().read(), QString());
+    EXPECT_TRUE(GetParam().read().isEmpty());
+}
+
+TEST_P(StringKeyTest, ValuesAreStoredExactlyAsGiven) {
+    // Spaces, a trailing slash and the INI file's own special characters all survive.
+    for (const QString& value : {QStringLiteral("  https://exemple.fr/backend/  "), QStringLiteral("a=b;c#d[e]\"f\\g"),
+                                 QStringLiteral("éèà « ✅ »"), QStringLiteral("eyJhbGciOi.J9.x-y_z==")}) {
+        GetParam().write(value);
+        EXPECT_EQ(GetParam().read(), value);
+        EXPECT_EQ(storedValue(QString::fromLatin1(GetParam().name)).toString(), value);
+    }
+}
+
+TEST_P(StringKeyTest, ReadsWhatAnotherWriterStoredSinceTheLastRead) {
+    GetParam().write(QStringLiteral("first"));
+    ASSERT_EQ(GetParam().read(), QStringLiteral("first"));
+    {
+        QSettings other(SettingsManager::filePath(), QSettings::IniFormat);
+        other.setValue(QString::fromLatin1(GetParam().name), QStringLiteral("second"));
+    }
+    EXPECT_EQ(GetParam().read(), QStringLiteral("second"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Keys, StringKeyTest, ::testing::ValuesIn(stringKeys()),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(SettingsManagerTest, CallDetectionIsOnUntilSwitchedOff) {
+    EXPECT_TRUE(m_settings.autoDetectCalls());
+    m_settings.setAutoDetectCalls(false);
+    EXPECT_FALSE(m_settings.autoDetectCalls());
+    EXPECT_EQ(storedValue(QStringLiteral("autoDetectCalls")).toBool(), false);
+    m_settings.setAutoDetectCalls(true);
+    EXPECT_TRUE(m_settings.autoDetectCalls());
+}
+
+TEST_F(SettingsManagerTest, FileIsReadableByTheUserOnly) {
+    m_settings.setToken(QStringLiteral("secret"));
+    const QString path = SettingsManager::filePath();
+    EXPECT_TRUE(path.startsWith(m_dir.path() + QStringLiteral("/TavrelRecorder/"))) << path.toStdString();
+    constexpr QFile::Permissions kOthers = QFile::ReadGroup | QFile::WriteGroup | QFile::ExeGroup | QFile::ReadOther
+        | QFile::WriteOther | QFile::ExeOther;
+    EXPECT_FALSE(QFile::permissions(path) & kOthers) << "group or others may read the token";
+    EXPECT_EQ(QFile::permissions(path) & (QFile::ReadOwner | QFile::WriteOwner), QFile::ReadOwner | QFile::WriteOwner);
+}
+
+TEST_F(SettingsManagerTest, WritingTightensAFileThatOthersCouldRead) {
+    const QString path = SettingsManager::filePath();
+    ASSERT_TRUE(QDir().mkpath(QFileInfo(path).absolutePath()));
+    {
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write("[General]\nwebURL=http://ancien/\n");
+    }
+    QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther);
+    m_settings.setToken(QStringLiteral("secret"));
+    EXPECT_FALSE(QFile::permissions(path) & (QFile::ReadGroup | QFile::ReadOther | QFile::WriteGroup | QFile::WriteOther));
+    EXPECT_EQ(m_settings.webURL(), QStringLiteral("http://ancien/")) << "other keys are kept";
+}
+
+} // namespace
+} // namespace tavrel
