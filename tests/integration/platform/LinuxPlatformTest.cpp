@@ -1,0 +1,203 @@
+// The Linux desktop pieces against a private session bus with a fake notification server and a fake
+// StatusNotifierWatcher.
+#include "platform/Notifier.h"
+#include "platform/StatusItem.h"
+#include "platform/linux/StatusNotifierItemAdaptor.h"
+
+#include "TestSupport.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusMetaType>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+#include <QDBusVariant>
+#include <QSignalSpy>
+
+#include <gtest/gtest.h>
+
+namespace tavrel {
+namespace {
+
+using namespace std::chrono_literals;
+
+class LinuxPlatformTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { test::SessionBusFixture::shared(); }
+
+    void SetUp() override {
+        ASSERT_TRUE(bus().isRunning());
+        bus().clearNotifications();
+    }
+
+    static test::SessionBusFixture& bus() { return test::SessionBusFixture::shared(); }
+
+    /// A second connection, as a tray host or a panel would be: answers come from our event loop, so
+    /// the call is asynchronous and waited for with events running.
+    static QDBusMessage callFromOutside(const QDBusMessage& call) {
+        QDBusConnection probe = QDBusConnection::connectToBus(bus().address(), QStringLiteral("outside"));
+        QDBusPendingCall pending = probe.asyncCall(call);
+        test::waitUntil([&] { return pending.isFinished(); }, 5s);
+        return pending.reply();
+    }
+
+    static QVariant property(const QString& service, const QString& name) {
+        QDBusMessage get = QDBusMessage::createMethodCall(service, QStringLiteral("/StatusNotifierItem"),
+                                                          QStringLiteral("org.freedesktop.DBus.Properties"),
+                                                          QStringLiteral("Get"));
+        get << QStringLiteral("org.kde.StatusNotifierItem") << name;
+        const QDBusMessage reply = callFromOutside(get);
+        EXPECT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
+        return reply.arguments().value(0).value<QDBusVariant>().variant();
+    }
+};
+
+struct NotificationCase {
+    const char* name;
+    QString title;
+    QString body;
+};
+
+class NotifierTest : public LinuxPlatformTest, public ::testing::WithParamInterface<NotificationCase> {};
+
+TEST_P(NotifierTest, EveryNotificationArrivesIntactAndReplacesNothing) {
+    const std::unique_ptr<Notifier> notifier = makeNotifier();
+    // The same notification twice: both must show, the second must not replace the first.
+    notifier->notify(GetParam().title, GetParam().body);
+    notifier->notify(GetParam().title, GetParam().body);
+    ASSERT_TRUE(bus().waitForNotifications(2));
+    const auto received = bus().notifications();
+    ASSERT_EQ(received.size(), 2);
+    for (const test::RecordedNotification& n : received) {
+        EXPECT_EQ(n.appName, QStringLiteral("TaVREL Recorder"));
+        EXPECT_EQ(n.replacesId, 0U);
+        EXPECT_EQ(n.summary, GetParam().title);
+        EXPECT_EQ(n.body, GetParam().body);
+        EXPECT_FALSE(n.appIcon.isEmpty());
+        EXPECT_EQ(n.expireTimeout, -1);
+        EXPECT_TRUE(n.hints.contains(QStringLiteral("sound-name")) || n.hints.contains(QStringLiteral("suppress-sound")))
+            << "no sound hint";
+        EXPECT_FALSE(n.hints.value(QStringLiteral("suppress-sound")).toBool());
+    }
+    EXPECT_NE(received.at(0).id, received.at(1).id);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, NotifierTest,
+    ::testing::Values(
+        NotificationCase{"link", QStringLiteral("✅ TaVREL Recorder lié"),
+                         QStringLiteral("Token et serveur configurés automatiquement.")},
+        NotificationCase{"upload", QStringLiteral("⬆️ Enregistrement envoyé"),
+                         QStringLiteral("« Point d'équipe » — transcription en cours, vous serez notifié.")},
+        NotificationCase{"markup_like", QStringLiteral("<b>Titre</b> & co"), QStringLiteral("a < b > c & d")},
+        NotificationCase{"empty_body", QStringLiteral("Titre seul"), QString()}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+} // namespace
+
+/// Collects the label signals as a tray host sees them.
+class LabelReceiver : public QObject {
+    Q_OBJECT
+public:
+    QStringList labels;
+public slots:
+    void onNewLabel(const QString& label, const QString&) { labels << label; }
+};
+
+namespace {
+
+class StatusItemTest : public LinuxPlatformTest {
+protected:
+    void SetUp() override {
+        LinuxPlatformTest::SetUp();
+        qDBusRegisterMetaType<SniPixmap>();
+        qDBusRegisterMetaType<SniPixmapList>();
+        qDBusRegisterMetaType<SniToolTip>();
+        QImage image(64, 64, QImage::Format_ARGB32);
+        image.fill(QColor(20, 90, 200));
+        m_item = makeStatusItem(QIcon(QPixmap::fromImage(image)));
+        ASSERT_TRUE(bus().waitForStatusItems(1, 5s)) << bus().logs().toStdString();
+        m_service = QStringLiteral("org.kde.StatusNotifierItem-%1-1").arg(QCoreApplication::applicationPid());
+    }
+
+    void TearDown() override { m_item.reset(); }
+
+    SniPixmapList pixmaps() {
+        SniPixmapList list;
+        property(m_service, QStringLiteral("IconPixmap")).value<QDBusArgument>() >> list;
+        return list;
+    }
+
+    std::unique_ptr<StatusItem> m_item;
+    QString m_service;
+};
+
+TEST_F(StatusItemTest, RegistersWithTheWatcher) {
+    EXPECT_TRUE(bus().registeredStatusItems().contains(m_service + QStringLiteral("/StatusNotifierItem")))
+        << bus().registeredStatusItems().join(u',').toStdString();
+    EXPECT_TRUE(test::waitUntil([&] { return m_item->isShown(); }, 2s));
+    EXPECT_EQ(property(m_service, QStringLiteral("Status")).toString(), QStringLiteral("Active"));
+}
+
+TEST_F(StatusItemTest, TitleIsTheLabelAndTheTooltip) {
+    QDBusConnection probe = QDBusConnection::connectToBus(bus().address(), QStringLiteral("outside"));
+    LabelReceiver receiver;
+    ASSERT_TRUE(probe.connect(m_service, QStringLiteral("/StatusNotifierItem"),
+                              QStringLiteral("org.kde.StatusNotifierItem"), QStringLiteral("XAyatanaNewLabel"),
+                              &receiver, SLOT(onNewLabel(QString, QString))));
+    QStringList expected;
+    for (const QString& title : {QStringLiteral("🔴0:59"), QStringLiteral("⏳"), QStringLiteral("⬆︎"), QString()}) {
+        m_item->setTitle(title);
+        EXPECT_EQ(property(m_service, QStringLiteral("XAyatanaLabel")).toString(), title);
+        SniToolTip toolTip;
+        property(m_service, QStringLiteral("ToolTip")).value<QDBusArgument>() >> toolTip;
+        EXPECT_EQ(toolTip.title, QStringLiteral("TaVREL Recorder"));
+        EXPECT_EQ(toolTip.description, title);
+        expected << title;
+    }
+    // Hosts learn of the change from the signal, without polling.
+    EXPECT_TRUE(test::waitUntil([&] { return receiver.labels.size() >= expected.size(); }, 2s));
+    EXPECT_EQ(receiver.labels, expected);
+}
+
+TEST_F(StatusItemTest, TheIconChangesWithTheState) {
+    const SniPixmapList idle = pixmaps();
+    ASSERT_FALSE(idle.isEmpty());
+    for (const SniPixmap& p : idle)
+        EXPECT_EQ(p.pixels.size(), qsizetype(p.width) * p.height * 4);
+    m_item->setIcon(StatusIcon::recording);
+    const SniPixmapList recording = pixmaps();
+    m_item->setIcon(StatusIcon::busy);
+    const SniPixmapList busy = pixmaps();
+    ASSERT_EQ(recording.size(), idle.size());
+    ASSERT_EQ(busy.size(), idle.size());
+    EXPECT_NE(recording.first().pixels, idle.first().pixels);
+    EXPECT_NE(busy.first().pixels, idle.first().pixels);
+    EXPECT_NE(busy.first().pixels, recording.first().pixels);
+    m_item->setIcon(StatusIcon::idle);
+    EXPECT_EQ(pixmaps().first().pixels, idle.first().pixels);
+}
+
+TEST_F(StatusItemTest, ActivationReportsWhereTheHostWasClicked) {
+    QSignalSpy clicks(m_item.get(), &StatusItem::clicked);
+    QDBusMessage activate = QDBusMessage::createMethodCall(m_service, QStringLiteral("/StatusNotifierItem"),
+                                                           QStringLiteral("org.kde.StatusNotifierItem"),
+                                                           QStringLiteral("Activate"));
+    activate << 1200 << 14;
+    const QDBusMessage reply = callFromOutside(activate);
+    EXPECT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
+    ASSERT_TRUE(test::waitUntil([&] { return clicks.size() == 1; }, 2s));
+    EXPECT_EQ(clicks.at(0).at(0).toPoint(), QPoint(1200, 14));
+}
+
+TEST_F(StatusItemTest, LeavesTheWatcherWhenDestroyed) {
+    m_item.reset();
+    EXPECT_TRUE(test::waitUntil([&] { return bus().registeredStatusItems().isEmpty(); }, 5s))
+        << bus().registeredStatusItems().join(u',').toStdString();
+}
+
+} // namespace
+} // namespace tavrel
+
+#include "LinuxPlatformTest.moc"
