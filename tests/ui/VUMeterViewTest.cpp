@@ -1,0 +1,112 @@
+#include "ui/VUMeterView.h"
+
+#include <gtest/gtest.h>
+
+#include <QImage>
+#include <QPainter>
+
+using tavrel::VUMeterView;
+
+namespace {
+
+const QColor kBlue = QColor::fromRgbF(0.39f, 0.59f, 1.0f);
+const QColor kGreen = QColor::fromRgbF(0.2f, 0.78f, 0.5f);
+const QColor kRed = QColor::fromRgbF(0.95f, 0.3f, 0.25f);
+
+struct Band {
+    double level;
+    QColor color;
+};
+
+class MeterBandTest : public ::testing::TestWithParam<Band> {};
+
+TEST_P(MeterBandTest, BarTakesTheBandColourAndTheLevelsHeight) {
+    VUMeterView meter;
+    meter.setLevel(GetParam().level);
+    EXPECT_EQ(meter.barColor(), GetParam().color);
+    EXPECT_DOUBLE_EQ(meter.barRect().height(), GetParam().level * VUMeterView::kHeightPx);
+    EXPECT_DOUBLE_EQ(meter.barRect().y(), 0.0);
+    EXPECT_DOUBLE_EQ(meter.barRect().width(), VUMeterView::kWidthPx);
+}
+
+INSTANTIATE_TEST_SUITE_P(Levels, MeterBandTest,
+                         ::testing::Values(Band{0.0, kBlue}, Band{0.59, kBlue}, Band{0.6, kGreen}, Band{0.849, kGreen},
+                                           Band{0.85, kRed}, Band{1.0, kRed}, Band{1.5, kRed}, Band{-0.1, kRed}));
+
+TEST(VUMeterView, PeakHoldsFifteenUpdatesThenSinksAndDisappears) {
+    VUMeterView meter;
+    meter.setLevel(1.0);
+    EXPECT_DOUBLE_EQ(meter.peak(), 1.0);
+    EXPECT_DOUBLE_EQ(meter.peakOpacity(), 0.8);
+    EXPECT_DOUBLE_EQ(meter.peakRect().y(), VUMeterView::kHeightPx - 2.0);
+
+    for (int update = 1; update <= 15; ++update) {
+        meter.setLevel(0.0);
+        EXPECT_DOUBLE_EQ(meter.peak(), 1.0) << "update " << update;
+        EXPECT_EQ(meter.peakHoldCount(), update);
+    }
+    EXPECT_DOUBLE_EQ(meter.barRect().height(), 0.0);
+    EXPECT_DOUBLE_EQ(meter.peakRect().y(), VUMeterView::kHeightPx - 2.0);
+
+    int sinkingSteps = 0;
+    double previous = meter.peak();
+    while (meter.peakOpacity() > 0.0 && sinkingSteps < 100) {
+        meter.setLevel(0.0);
+        ++sinkingSteps;
+        EXPECT_NEAR(previous - meter.peak(), 0.03, 1e-9);
+        EXPECT_NEAR(meter.peakRect().y(), meter.peak() * VUMeterView::kHeightPx - 2.0, 1e-9);
+        previous = meter.peak();
+    }
+    EXPECT_EQ(sinkingSteps, 33);
+    EXPECT_NEAR(meter.peak(), 0.01, 1e-9);
+    EXPECT_EQ(meter.peakHoldCount(), 15 + 33);
+}
+
+TEST(VUMeterView, SilenceKeepsThePeakLineJustBelowTheBar) {
+    VUMeterView meter;
+    for (int update = 0; update < 40; ++update)
+        meter.setLevel(0.0);
+    EXPECT_DOUBLE_EQ(meter.peak(), 0.0);
+    EXPECT_EQ(meter.peakHoldCount(), 0);
+    EXPECT_DOUBLE_EQ(meter.peakOpacity(), 0.8);
+    EXPECT_DOUBLE_EQ(meter.peakRect().y(), -2.0);
+}
+
+TEST(VUMeterView, ALevelAtTheSinkingLineCatchesIt) {
+    VUMeterView meter;
+    meter.setLevel(0.9);
+    for (int update = 0; update < 20; ++update)
+        meter.setLevel(0.1);
+    const double sinking = meter.peak();
+    ASSERT_LT(sinking, 0.9);
+    meter.setLevel(sinking);
+    EXPECT_DOUBLE_EQ(meter.peak(), sinking);
+    EXPECT_EQ(meter.peakHoldCount(), 0);
+    meter.setLevel(0.1);
+    EXPECT_DOUBLE_EQ(meter.peak(), sinking) << "the hold starts again";
+}
+
+TEST(VUMeterView, LevelAboveOneDrawsATallerBar) {
+    VUMeterView meter;
+    meter.setLevel(1.25);
+    EXPECT_GT(meter.barRect().height(), VUMeterView::kHeightPx);
+    EXPECT_EQ(meter.barColor(), kRed);
+}
+
+TEST(VUMeterView, BarIsPaintedFromTheBottomUp) {
+    VUMeterView meter;
+    meter.setLevel(0.5);
+    QImage image(meter.size(), QImage::Format_ARGB32_Premultiplied);
+    image.fill(Qt::white);
+    meter.render(&image);
+    const int x = VUMeterView::kWidthPx / 2;
+    // Bottom quarter is the bar's colour, top quarter is the light track on white.
+    const QColor bottom = image.pixelColor(x, VUMeterView::kHeightPx - 8);
+    const QColor top = image.pixelColor(x, 6);
+    EXPECT_NEAR(bottom.redF(), kBlue.redF(), 0.02);
+    EXPECT_NEAR(bottom.blueF(), kBlue.blueF(), 0.02);
+    EXPECT_GT(top.redF(), 0.85);
+    EXPECT_GT(top.greenF(), 0.85);
+}
+
+} // namespace
