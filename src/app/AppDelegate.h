@@ -1,6 +1,7 @@
 #pragma once
 
 #include "audio/AudioRecorder.h"
+#include "core/MicInputQuery.h"
 #include "ui/Alert.h"
 
 #include <QCoro/QCoroTask>
@@ -40,6 +41,8 @@ struct AppServices {
     std::chrono::milliseconds jobPollIntervalMs{20000};
     /// Delay between launch and the check for unsent recordings.
     std::chrono::milliseconds pendingCheckDelayMs{1500};
+    /// Who captures the microphone, for the call monitor. None: the audio server's record streams.
+    std::unique_ptr<MicInputQuery> micInputQuery;
     /// The audio server's device lookup by UID and its removal, for the routing device a crash may have
     /// left behind. Empty: there is nothing to look up.
     std::function<std::optional<quint32>(const QString& uid)> deviceWithUID;
@@ -81,6 +84,9 @@ public:
     // --- account link (AppDelegateLink.cpp) ---
     /// The desktop opened links of our scheme (a launch by link, or Open on the running instance).
     void application(const QList<QUrl>& urls);
+    /// The same with the links' text as handed over. Prefer it: a QUrl folds the scheme and host to lower
+    /// case and re-encodes stray "%", which the link's rules must see as they came.
+    void application(const QStringList& links);
 
     // --- uploads (AppDelegateUpload.cpp) ---
     QCoro::Task<> uploadFile(QString fileURL, QString title, qint64 clientId, QString synthesisType, QString depth,
