@@ -84,14 +84,19 @@ QString toneBetween(double frequencyHz, double amplitude, double fromSeconds, do
 }
 
 std::vector<float> decodeMono(const QString& path, int rateHz) {
-    const Run decoded = run(QStringLiteral("ffmpeg"), {"-v", "error", "-i", path, "-af", "pan=mono|c0=0.5*c0+0.5*c1",
-                                                       "-ar", QString::number(rateHz), "-f", "f32le", "-"});
-    Run source = decoded;
-    if (!decoded.ok) // a mono input has no second channel to pan
-        source = run(QStringLiteral("ffmpeg"),
-                     {"-v", "error", "-i", path, "-ac", "1", "-ar", QString::number(rateHz), "-f", "f32le", "-"});
-    std::vector<float> samples(static_cast<size_t>(source.out.size()) / sizeof(float));
-    std::memcpy(samples.data(), source.out.constData(), samples.size() * sizeof(float));
+    // Channels are averaged (a centred voice keeps its level); ffmpeg's own "-ac 1" would not say how.
+    const auto facts = probeAudio(path);
+    QStringList arguments{"-v", "error", "-i", path};
+    if (facts && facts->channels > 1) {
+        QStringList terms;
+        for (int c = 0; c < facts->channels; ++c)
+            terms << QStringLiteral("%1*c%2").arg(1.0 / facts->channels).arg(c);
+        arguments << "-af" << QStringLiteral("pan=mono|c0=%1").arg(terms.join(QLatin1Char('+')));
+    }
+    arguments << "-ac" << "1" << "-ar" << QString::number(rateHz) << "-f" << "f32le" << "-";
+    const Run decoded = run(QStringLiteral("ffmpeg"), arguments);
+    std::vector<float> samples(static_cast<size_t>(decoded.out.size()) / sizeof(float));
+    std::memcpy(samples.data(), decoded.out.constData(), samples.size() * sizeof(float));
     return samples;
 }
 

@@ -31,6 +31,19 @@ struct TrackKind {
     QStringList codecArguments;
 };
 
+/// QCoro 0.8's waitFor never returns when the task throws: catch inside a coroutine and hand the error out.
+struct Outcome {
+    std::exception_ptr error; // a Task cannot carry an exception_ptr itself
+};
+QCoro::Task<Outcome> failureOf(QCoro::Task<QString> task) {
+    try {
+        co_await std::move(task);
+    } catch (...) {
+        co_return Outcome{std::current_exception()};
+    }
+    co_return Outcome{};
+}
+
 const TrackKind kMicTrack{"mic", "m4a", 44100, 1, {"-c:a", "aac"}};
 const TrackKind kTapTrack{"tap", "caf", 48000, 2, {"-c:a", "pcm_f32le"}};
 const TrackKind kMonitorTrack{"sys", "m4a", 44100, 2, {"-c:a", "aac"}};
@@ -217,7 +230,9 @@ TEST_F(TrackMergerTest, asynchronousMergeWritesTheNamedFileInTheTemporaryDirecto
     EXPECT_TRUE(QFile::exists(mic));
     EXPECT_TRUE(QFile::exists(system));
 
-    EXPECT_THROW(QCoro::waitFor(mergeAudioFiles(m_dir.filePath("nothing.m4a"), {system})), FfmpegError);
+    const std::exception_ptr failure = QCoro::waitFor(failureOf(mergeAudioFiles(m_dir.filePath("nothing.m4a"), {system}))).error;
+    ASSERT_TRUE(failure);
+    EXPECT_THROW(std::rethrow_exception(failure), FfmpegError);
 }
 
 } // namespace
