@@ -182,12 +182,16 @@ int main(int argc, char** argv) {
                      AlertSpec{QStringLiteral("Ajouter une note"), QString(),
                                {QStringLiteral("OK"), QStringLiteral("Annuler")}, AlertStyle::informational, &note},
                      QStringLiteral("note-prompt.png"));
-    ok &= shootAlert(outdir,
-                     AlertSpec{QStringLiteral("⚠️ Audio de l'interlocuteur non capturé"),
-                               QStringLiteral("Seul votre micro est enregistré.\nAutorisez la capture du son de "
-                                              "l'ordinateur dans les réglages du son."),
-                               {QStringLiteral("Ouvrir les réglages"), QStringLiteral("Continuer")},
-                               AlertStyle::warning, nullptr},
-                     QStringLiteral("warning.png"));
+    ok &= shootAlert(
+        outdir,
+        AlertSpec{QStringLiteral("⚠️ Audio du correspondant non capté"),
+                  QStringLiteral("Activez « Enregistrement d'écran » pour TaVREL Recorder : c'est cette permission qui "
+                                 "lui permet de capter automatiquement la voix de vos correspondants — "
+                                 "visioconférences (Teams/Zoom/Meet) COMME appels téléphoniques — sans aucun réglage "
+                                 "audio à faire.\n\nCliquez sur « Ouvrir les réglages », activez TaVREL Recorder, "
+                                 "puis relancez un enregistrement."),
+                  {QStringLiteral("Ouvrir les réglages"), QStringLiteral("Continuer (micro seul)")},
+                  AlertStyle::warning, nullptr},
+        QStringLiteral("warning.png"));
     return ok ? 0 : 1;
 }

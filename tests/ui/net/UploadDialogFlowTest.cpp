@@ -1,0 +1,266 @@
+// The upload dialog and the unsent-recordings alert answered programmatically, with the delegate talking to
+// the reference backend.
+#include "DelegateHarness.h"
+
+#include "ui/UploadDialog.h"
+
+#include <QAbstractButton>
+#include <QButtonGroup>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QJsonDocument>
+#include <QLineEdit>
+#include <QThread>
+
+#include <sys/stat.h>
+#include <utime.h>
+
+#include <gtest/gtest.h>
+
+using namespace tavrel;
+using namespace tavrel::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+QJsonObject object(const char* json) { return QJsonDocument::fromJson(json).object(); }
+
+UploadDialog* formOf(const AlertSpec& spec) { return qobject_cast<UploadDialog*>(spec.accessory); }
+
+/// Fills the form as a user would: title, client (checkbox on when a text is given), segments.
+ScriptedAlertPresenter::Action fill(QString title, std::optional<QString> client = std::nullopt, int type = -1,
+                                    int depth = -1) {
+    return [=](const AlertSpec& spec) {
+        UploadDialog* form = formOf(spec);
+        ASSERT_NE(form, nullptr);
+        form->titleField()->setText(title);
+        if (client) {
+            form->clientCheckBox()->setChecked(true);
+            form->clientField()->setEditText(*client);
+        }
+        if (type >= 0)
+            form->synthesisTypeGroup()->button(type)->click();
+        if (depth >= 0)
+            form->depthGroup()->button(depth)->click();
+    };
+}
+
+class UploadDialogFlowTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(h.backend.isRunning()) << h.backend.describe().toStdString(); }
+
+    int clientFetches() const {
+        int count = 0;
+        for (const QJsonValue& request : h.backend.requests())
+            count += request.toObject().value("path").toString() == "/backend/clients" ? 1 : 0;
+        return count;
+    }
+
+    /// Opens the dialog for `path` and waits until every queued answer has been used and the upload, if
+    /// any, has been followed to its end.
+    void runDialog(const QString& path) {
+        h.delegate->showUploadDialog(path);
+        ASSERT_TRUE(waitUntil([&] { return h.alerts->pendingAnswers() == 0; }, 20s));
+        // An upload, if any, starts on a later turn of the event loop.
+        waitUntil([] { return false; }, 50ms);
+        ASSERT_TRUE(waitUntil([&] { return h.delegate->activeJobs() == 0; }, 20s));
+    }
+
+    QJsonObject sentFields(int number = 1) const { return h.backend.upload(number).value("fields").toObject(); }
+
+    DelegateHarness h;
+};
+
+TEST_F(UploadDialogFlowTest, SendUsesTheFormAndTheNotesFile) {
+    const QString path = h.makeRecording(QStringLiteral("tavrel_merged_1.m4a"), "audio", "[0:03] Début\n[1:10] Fin");
+    h.alerts->answer(QStringLiteral("Envoyer"), fill(QStringLiteral("Réunion commune"), QStringLiteral("dupont sa "), 1, 2));
+    runDialog(path);
+
+    ASSERT_EQ(h.alerts->shown().size(), 1u);
+    const auto& alert = h.alerts->shown().front();
+    EXPECT_EQ(alert.message, "Enregistrement terminé");
+    EXPECT_EQ(alert.informativeText, "Options de transcription :");
+    EXPECT_EQ(alert.buttons, (QStringList{"Envoyer", "Annuler"}));
+    EXPECT_TRUE(alert.hadAccessory);
+
+    ASSERT_TRUE(waitUntil([&] { return h.backend.uploadCount() == 1; }, 10s));
+    const QJsonObject fields = sentFields();
+    EXPECT_EQ(fields.value("title").toString(), "Réunion commune");
+    EXPECT_EQ(fields.value("client_id").toString(), "1");
+    EXPECT_EQ(fields.value("synthesis_type").toString(), "revue_dce");
+    EXPECT_EQ(fields.value("synthesis_depth").toString(), "approfondie");
+    EXPECT_EQ(fields.value("notes").toString(), "[0:03] Début\n[1:10] Fin");
+    ASSERT_TRUE(waitUntil([&] { return !QFile::exists(path); }, 10s));
+    EXPECT_FALSE(QFile::exists(DelegateHarness::notesPath(path)));
+}
+
+TEST_F(UploadDialogFlowTest, DefaultsEmptyTitleAndUnreadableNotes) {
+    // Not UTF-8: the notes are sent empty, so not at all.
+    const QString path = h.makeRecording(QStringLiteral("r.m4a"), "audio", QByteArray("\xff\xfe note", 7));
+    h.alerts->answer(QStringLiteral("Envoyer"), fill(QString()));
+    runDialog(path);
+    ASSERT_TRUE(waitUntil([&] { return h.backend.uploadCount() == 1; }, 10s));
+    const QJsonObject fields = sentFields();
+    EXPECT_EQ(fields.value("title").toString(), "Enregistrement");
+    EXPECT_EQ(fields.value("synthesis_type").toString(), "professional");
+    EXPECT_EQ(fields.value("synthesis_depth").toString(), "normal");
+    EXPECT_FALSE(fields.contains("client_id"));
+    EXPECT_FALSE(fields.contains("notes"));
+}
+
+TEST_F(UploadDialogFlowTest, TitleOfSpacesAndClientOfSpacesAreTakenAsTyped) {
+    const QString path = h.makeRecording(QStringLiteral("r.m4a"), "audio");
+    h.alerts->answer(QStringLiteral("Envoyer"), fill(QStringLiteral("   "), QStringLiteral("   ")));
+    runDialog(path);
+    ASSERT_TRUE(waitUntil([&] { return h.backend.uploadCount() == 1; }, 10s));
+    EXPECT_EQ(sentFields().value("title").toString(), "   ");
+    EXPECT_FALSE(sentFields().contains("client_id"));
+    EXPECT_EQ(h.alerts->shown().size(), 1u) << "no \"Client introuvable\" for spaces";
+}
+
+TEST_F(UploadDialogFlowTest, CancelKeepsTheRecordingAndSaysSo) {
+    const QString path = h.makeRecording(QStringLiteral("r.m4a"), "audio", "note");
+    h.alerts->answer(QStringLiteral("Annuler"));
+    runDialog(path);
+    ASSERT_EQ(h.notifier->notifications.size(), 1);
+    EXPECT_EQ(h.notifier->notifications.front(),
+              qMakePair(QStringLiteral("Enregistrement conservé"),
+                        QStringLiteral("Non envoyé — il vous sera proposé au prochain lancement d'TaVREL Recorder.")));
+    EXPECT_TRUE(QFile::exists(path));
+    EXPECT_TRUE(QFile::exists(DelegateHarness::notesPath(path)));
+    EXPECT_EQ(h.backend.uploadCount(), 0);
+}
+
+TEST_F(UploadDialogFlowTest, UnknownClientCanBeSentWithoutClient) {
+    const QString path = h.makeRecording(QStringLiteral("r.m4a"), "audio");
+    h.alerts->answer(QStringLiteral("Envoyer"), fill(QStringLiteral("t"), QStringLiteral(" dup ")));
+    h.alerts->answer(QStringLiteral("Envoyer sans client"));
+    runDialog(path);
+    ASSERT_EQ(h.alerts->shown().size(), 2u);
+    const auto& notFound = h.alerts->shown()[1];
+    EXPECT_EQ(notFound.message, "Client introuvable");
+    EXPECT_EQ(notFound.informativeText, "Aucun client ne correspond à «  dup  ». Envoyer sans client ?");
+    EXPECT_EQ(notFound.buttons, (QStringList{"Envoyer sans client", "Revenir au formulaire"}));
+    ASSERT_TRUE(waitUntil([&] { return h.backend.uploadCount() == 1; }, 10s));
+    EXPECT_FALSE(sentFields().contains("client_id"));
+}
+
+TEST_F(UploadDialogFlowTest, BackToTheFormFetchesAgainAndStartsEmpty) {
+    const QString path = h.makeRecording(QStringLiteral("r.m4a"), "audio");
+    h.alerts->answer(QStringLiteral("Envoyer"), fill(QStringLiteral("Premier essai"), QStringLiteral("Martin"), 2, 0));
+    h.alerts->answer(QStringLiteral("Revenir au formulaire"));
+    bool freshForm = false;
+    h.alerts->answer(QStringLiteral("Annuler"), [&](const AlertSpec& spec) {
+        const UploadDialog* form = formOf(spec);
+        freshForm = form && form->titleText().isEmpty() && !form->isClientChecked() && form->clientText().isEmpty()
+                    && form->synthesisType() == "professional" && form->depth() == "normal"
+                    && form->titleField()->placeholderText() == "Titre (ex : Réunion commune de X)";
+    });
+    runDialog(path);
+    EXPECT_EQ(h.alerts->shownMessages(),
+              (QStringList{"Enregistrement terminé", "Client introuvable", "Enregistrement terminé"}));
+    EXPECT_TRUE(freshForm);
+    EXPECT_EQ(clientFetches(), 2);
+    EXPECT_EQ(h.backend.uploadCount(), 0);
+    EXPECT_TRUE(QFile::exists(path));
+}
+
+TEST_F(UploadDialogFlowTest, UnreachableClientListStillOpensTheDialog) {
+    h.backend.control(object(R"({"fault": {"route": "clients", "close": true}})"));
+    const QString path = h.makeRecording(QStringLiteral("r.m4a"), "audio");
+    int items = -1;
+    h.alerts->answer(QStringLiteral("Envoyer"), [&](const AlertSpec& spec) {
+        items = formOf(spec)->clientField()->count();
+        fill(QStringLiteral("t"), QStringLiteral("Dupont SA"))(spec);
+    });
+    h.alerts->answer(QStringLiteral("Revenir au formulaire"));
+    h.alerts->answer(QStringLiteral("Annuler"));
+    runDialog(path);
+    EXPECT_EQ(items, 0);
+    EXPECT_EQ(h.alerts->shownMessages(),
+              (QStringList{"Enregistrement terminé", "Client introuvable", "Enregistrement terminé"}));
+}
+
+// ----- recordings left unsent -------------------------------------------------------------------------------
+
+class PendingRecordingsTest : public UploadDialogFlowTest {
+protected:
+    /// A recording made `minutesAgo` minutes ago: created in that order, and dated so by its modification
+    /// time for file systems that keep no creation time.
+    QString recordingFrom(const QString& name, int minutesAgo) {
+        const QString path = h.makeRecording(name, "audio");
+        const QDateTime when = QDateTime::currentDateTime().addSecs(-60 * minutesAgo);
+        utimbuf times{when.toSecsSinceEpoch(), when.toSecsSinceEpoch()};
+        utime(QFile::encodeName(path).constData(), &times);
+        // Creation times of successive files must differ even on coarse clocks.
+        QThread::msleep(20);
+        return path;
+    }
+};
+
+TEST_F(PendingRecordingsTest, NothingPendingMeansNoAlert) {
+    h.delegate->checkPendingRecordings();
+    h.makeRecording(QStringLiteral("a.notes.txt"), "note");
+    h.makeRecording(QStringLiteral("m4a"), "no extension");
+    QDir(h.recordingsDir()).mkpath(QStringLiteral("sub"));
+    h.makeRecording(QStringLiteral("sub/deep.m4a"), "not directly inside");
+    h.delegate->checkPendingRecordings();
+    EXPECT_TRUE(h.alerts->shown().empty());
+    EXPECT_TRUE(h.alerts->unexpected().isEmpty());
+}
+
+TEST_F(PendingRecordingsTest, ShowInFileManagerSelectsAllNewestFirst) {
+    // Created at 09:00, 10:00, 11:00 in that order; listed by name they would come otherwise.
+    const QString nine = recordingFrom(QStringLiteral("b.m4a"), 120);
+    const QString ten = recordingFrom(QStringLiteral(".cache.M4A"), 60);
+    const QString eleven = recordingFrom(QStringLiteral("a.m4a"), 0);
+    h.makeRecording(QStringLiteral("a.notes.txt"), "note");
+    h.alerts->answer(QStringLiteral("Afficher dans le Finder"));
+    h.delegate->checkPendingRecordings();
+
+    ASSERT_EQ(h.alerts->shown().size(), 1u);
+    const auto& alert = h.alerts->shown().front();
+    EXPECT_EQ(alert.message, "3 enregistrement(s) non envoyé(s)");
+    EXPECT_EQ(alert.informativeText, "Des enregistrements attendent d'être envoyés pour transcription.");
+    EXPECT_EQ(alert.buttons, (QStringList{"Envoyer maintenant", "Afficher dans le Finder", "Plus tard"}));
+    ASSERT_EQ(h.desktop->revealed.size(), 1);
+    EXPECT_EQ(h.desktop->revealed.front(), (QStringList{eleven, ten, nine}));
+}
+
+TEST_F(PendingRecordingsTest, LaterChangesNothingAndTheSameAlertComesBack) {
+    recordingFrom(QStringLiteral("x.M4A"), 5);
+    recordingFrom(QStringLiteral("y.m4a"), 1);
+    const QStringList before = QDir(h.recordingsDir()).entryList(QDir::Files | QDir::Hidden);
+    h.alerts->answer(QStringLiteral("Plus tard"));
+    h.alerts->answer(QStringLiteral("Plus tard"));
+    h.delegate->checkPendingRecordings();
+    h.delegate->checkPendingRecordings();
+    EXPECT_EQ(h.alerts->shownMessages(),
+              (QStringList{"2 enregistrement(s) non envoyé(s)", "2 enregistrement(s) non envoyé(s)"}));
+    EXPECT_EQ(QDir(h.recordingsDir()).entryList(QDir::Files | QDir::Hidden), before);
+    EXPECT_EQ(h.backend.uploadCount(), 0);
+}
+
+TEST_F(PendingRecordingsTest, SendNowOpensOneDialogPerRecording) {
+    const QString sent = recordingFrom(QStringLiteral("sent.m4a"), 10);
+    const QString kept = recordingFrom(QStringLiteral("kept.m4a"), 5);
+    h.alerts->answer(QStringLiteral("Envoyer maintenant"));
+    h.alerts->answer(QStringLiteral("Annuler"));
+    h.alerts->answer(QStringLiteral("Envoyer"), fill(QStringLiteral("Envoyé")));
+    h.delegate->checkPendingRecordings();
+    ASSERT_TRUE(waitUntil([&] { return h.alerts->pendingAnswers() == 0; }, 20s));
+    ASSERT_TRUE(waitUntil([&] { return h.backend.uploadCount() == 1 && h.delegate->activeJobs() == 0; }, 20s));
+    EXPECT_EQ(h.alerts->shownMessages(),
+              (QStringList{"2 enregistrement(s) non envoyé(s)", "Enregistrement terminé", "Enregistrement terminé"}));
+    EXPECT_EQ(clientFetches(), 2);
+    // Exactly one of the two went (which one depends on which client fetch ended first); the other
+    // stays and is offered at the next check.
+    const bool sentGone = !QFile::exists(sent);
+    const bool keptGone = !QFile::exists(kept);
+    EXPECT_NE(sentGone, keptGone);
+    h.alerts->answer(QStringLiteral("Plus tard"));
+    h.delegate->checkPendingRecordings();
+    EXPECT_EQ(h.alerts->shownMessages().last(), "1 enregistrement(s) non envoyé(s)");
+}
+
+} // namespace
