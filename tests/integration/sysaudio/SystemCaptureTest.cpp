@@ -1,0 +1,353 @@
+// The system-audio sources against private audio servers: what is played must land in the source's file,
+// at its time, and nothing else.
+
+#include "TestSupport.h"
+
+#include "audio/BlackHoleRecorder.h"
+#include "audio/ProcessTapRecorder.h"
+#include "audio/SystemAudioRecorder.h"
+#include "core/Log.h"
+
+#include <QFileInfo>
+#include <QRegularExpression>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <mutex>
+#include <thread>
+
+namespace tavrel::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kRate = 44100;
+
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+/// Every logged line, for the exact texts of the sources.
+class LogLines {
+public:
+    LogLines()
+        : m_capture([this](const QString& line) {
+              std::lock_guard lock(m_mutex);
+              m_lines << line;
+          }) {}
+    QStringList lines() const {
+        std::lock_guard lock(m_mutex);
+        return m_lines;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    QStringList m_lines;
+    LogCapture m_capture;
+};
+
+/// The first onset at or after `fromS` (seconds), or -1.
+double onsetAfter(const std::vector<float>& samples, double fromS, double thresholdDb = -30.0) {
+    for (double onset : findSoundOnsets(samples, kRate, thresholdDb, 150))
+        if (onset >= fromS)
+            return onset;
+    return -1.0;
+}
+
+class CaptureFixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(makeTone(880, 0.6, m_dir.filePath("tone.wav"), 2, kRate, 0.5));
+        ASSERT_TRUE(makeTone(440, 0.6, m_dir.filePath("low.wav"), 2, kRate, 0.5));
+        m_tone = m_dir.filePath("tone.wav");
+        m_low = m_dir.filePath("low.wav");
+        m_environment.set("TMPDIR", m_dir.filePath("tmp", true).toUtf8());
+    }
+
+    /// Plays `file` into `sink`; the time since `start` at which it was launched.
+    double play(AudioServerFixture& server, const QString& sink, const QString& file, Clock::time_point start) {
+        const double at = secondsSince(start);
+        m_players.push_back(server.playIntoSink(sink, file));
+        return at;
+    }
+
+    TempDir m_dir{QStringLiteral("syscap")};
+    ScopedEnvironment m_environment;
+    QString m_tone;
+    QString m_low;
+    std::vector<ManagedProcess> m_players;
+};
+
+// ---- PipeWire: the tap ----------------------------------------------------------------------------
+
+class ProcessTapTest : public CaptureFixture {
+protected:
+    void SetUp() override {
+        QString missing;
+        if (!PipeWireFixture::isAvailable(&missing))
+            GTEST_SKIP() << "PipeWire missing: " << missing.toStdString();
+        CaptureFixture::SetUp();
+        ASSERT_TRUE(m_server.start());
+        ASSERT_TRUE(m_server.warmUp());
+    }
+    PipeWireFixture m_server;
+};
+
+TEST_F(ProcessTapTest, recordsWhatIsPlayedAtItsTimeAndLeavesPausesOut) {
+    LogLines log;
+    ProcessTapRecorder tap;
+    const Clock::time_point start = Clock::now();
+    ASSERT_NO_THROW(tap.startBlocking());
+    EXPECT_EQ(tap.targetSink(), m_server.speakerSink());
+    std::this_thread::sleep_for(1s);
+    const double first = play(m_server, m_server.speakerSink(), m_tone, start);
+    std::this_thread::sleep_for(1500ms);
+    tap.pause();
+    EXPECT_EQ(tap.currentLevel(), 0.0f);
+    // Played while paused: must not be in the file.
+    play(m_server, m_server.speakerSink(), m_low, start);
+    std::this_thread::sleep_for(3s);
+    tap.resume();
+    const double pausedS = 3.0;
+    std::this_thread::sleep_for(500ms);
+    const double second = play(m_server, m_server.speakerSink(), m_tone, start);
+    std::this_thread::sleep_for(1500ms);
+    const double totalS = secondsSince(start);
+    const auto file = tap.stopBlocking();
+
+    ASSERT_TRUE(file);
+    EXPECT_TRUE(QRegularExpression("^tavrel_tap_\\d+\\.caf$").match(QFileInfo(*file).fileName()).hasMatch());
+    EXPECT_EQ(QFileInfo(*file).absolutePath(), QFileInfo(m_dir.filePath("tmp")).absoluteFilePath());
+    const MediaInfo info = probe(*file);
+    ASSERT_TRUE(info.valid) << info.error.toStdString();
+    EXPECT_EQ(info.codecName, "pcm_f32le");
+    EXPECT_EQ(info.channels, 2);
+    EXPECT_NEAR(info.formatDurationS, totalS - pausedS, 0.3);
+
+    const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
+    const double firstOnset = onsetAfter(samples, 0.0);
+    EXPECT_NEAR(firstOnset, first, 0.15) << "launch-to-sound latency of paplay included";
+    const double secondOnset = onsetAfter(samples, firstOnset + 1.0);
+    EXPECT_NEAR(secondOnset - firstOnset, second - first - pausedS, 0.05);
+    EXPECT_LT(rmsDbBetween(samples, kRate, firstOnset + 0.8, secondOnset - 0.1), -60.0) << "paused audio leaked";
+
+    const QStringList lines = log.lines();
+    EXPECT_TRUE(lines.contains(QStringLiteral("[ProcessTap] Capture démarrée → ") + QFileInfo(*file).fileName()));
+    EXPECT_TRUE(lines.contains(QStringLiteral("[ProcessTap] Capture arrêtée")));
+}
+
+TEST_F(ProcessTapTest, followsTheDefaultOutputAndNeverRecordsTheMicrophone) {
+    ProcessTapRecorder tap;
+    const Clock::time_point start = Clock::now();
+    ASSERT_NO_THROW(tap.startBlocking());
+    // The microphone speaks the whole time: none of it may reach the system track.
+    ASSERT_TRUE(makeTone(300, 6.0, m_dir.filePath("mic.wav"), 1, kRate, 0.5));
+    auto micPlayer = m_server.playIntoMicrophone(m_dir.filePath("mic.wav"));
+    std::this_thread::sleep_for(700ms);
+    ASSERT_TRUE(m_server.setDefaultSink(m_server.blackHoleSink()));
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(tap.targetSink(), m_server.blackHoleSink());
+    const double played = play(m_server, m_server.blackHoleSink(), m_tone, start);
+    std::this_thread::sleep_for(1500ms);
+    const double totalS = secondsSince(start);
+    const auto file = tap.stopBlocking();
+    ASSERT_TRUE(file);
+
+    const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
+    EXPECT_NEAR(static_cast<double>(samples.size()) / kRate, totalS, 0.3) << "the move left a hole";
+    EXPECT_NEAR(onsetAfter(samples, 0.0), played, 0.15);
+    EXPECT_LT(rmsDbBetween(samples, kRate, 0.1, played - 0.1), -60.0) << "the microphone leaked in";
+}
+
+// ---- PulseAudio: the output monitor and the virtual device -------------------------------------------
+
+class PulseCaptureTest : public CaptureFixture {
+protected:
+    void SetUp() override {
+        CaptureFixture::SetUp();
+        ASSERT_TRUE(m_server.start());
+    }
+    PulseAudioFixture m_server;
+};
+
+TEST_F(PulseCaptureTest, monitorSourceRecordsWhatIsPlayedAndLeavesPausesOut) {
+    ASSERT_TRUE(m_server.warmUp());
+    LogLines log;
+    SystemAudioRecorder recorder;
+    const Clock::time_point start = Clock::now();
+    ASSERT_NO_THROW(recorder.startBlocking());
+    EXPECT_EQ(recorder.expectedSource(), AudioServerFixture::monitorOf(m_server.speakerSink()));
+    std::this_thread::sleep_for(1s);
+    const double first = play(m_server, m_server.speakerSink(), m_tone, start);
+    std::this_thread::sleep_for(1500ms);
+    recorder.pause();
+    EXPECT_EQ(recorder.currentLevel(), 0.0f);
+    play(m_server, m_server.speakerSink(), m_low, start);
+    std::this_thread::sleep_for(3s);
+    recorder.resume();
+    std::this_thread::sleep_for(500ms);
+    const double second = play(m_server, m_server.speakerSink(), m_tone, start);
+    std::this_thread::sleep_for(300ms);
+    EXPECT_GT(recorder.currentLevel(), 0.5f);
+    std::this_thread::sleep_for(1200ms);
+    const double totalS = secondsSince(start);
+    const auto file = recorder.stopBlocking();
+
+    ASSERT_TRUE(file);
+    EXPECT_TRUE(QRegularExpression("^tavrel_sys_\\d+\\.m4a$").match(QFileInfo(*file).fileName()).hasMatch());
+    const MediaInfo info = probe(*file);
+    ASSERT_TRUE(info.valid) << info.error.toStdString();
+    EXPECT_EQ(info.codecName, "aac");
+    EXPECT_EQ(info.sampleRateHz, 44100);
+    EXPECT_EQ(info.channels, 2);
+    EXPECT_NEAR(info.formatDurationS, totalS - 3.0, 0.3);
+
+    const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
+    const double firstOnset = onsetAfter(samples, 0.0);
+    EXPECT_NEAR(firstOnset, first, 0.15);
+    const double secondOnset = onsetAfter(samples, firstOnset + 1.0);
+    EXPECT_NEAR(secondOnset - firstOnset, second - first - 3.0, 0.05);
+    EXPECT_LT(rmsDbBetween(samples, kRate, firstOnset + 0.8, secondOnset - 0.1), -50.0) << "paused audio leaked";
+
+    const QStringList lines = log.lines();
+    EXPECT_TRUE(lines.contains(QStringLiteral("[SystemAudio] Capture démarrée : ") + QFileInfo(*file).fileName()));
+    EXPECT_TRUE(lines.contains(QStringLiteral("[SystemAudio] Capture arrêtée")));
+    EXPECT_EQ(recorder.stopBlocking(), std::nullopt) << "a second stop gives nothing";
+}
+
+// A suspended output sends nothing at all: the track must still keep real time, so that what is played
+// after a long silent stretch sits at its time.
+TEST_F(PulseCaptureTest, monitorTrackKeepsRealTimeThroughASuspendedOutput) {
+    ASSERT_TRUE(m_server.warmUp());
+    SystemAudioRecorder recorder;
+    const Clock::time_point start = Clock::now();
+    ASSERT_NO_THROW(recorder.startBlocking());
+    std::this_thread::sleep_for(500ms);
+    const double first = play(m_server, m_server.speakerSink(), m_tone, start);
+    std::this_thread::sleep_for(1500ms);
+    m_server.pactl({"suspend-sink", m_server.speakerSink(), "1"});
+    std::this_thread::sleep_for(7s);
+    m_server.pactl({"suspend-sink", m_server.speakerSink(), "0"});
+    std::this_thread::sleep_for(500ms);
+    const double second = play(m_server, m_server.speakerSink(), m_tone, start);
+    std::this_thread::sleep_for(1500ms);
+    const double totalS = secondsSince(start);
+    const auto file = recorder.stopBlocking();
+    ASSERT_TRUE(file);
+
+    const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
+    EXPECT_NEAR(static_cast<double>(samples.size()) / kRate, totalS, 0.3);
+    const double firstOnset = onsetAfter(samples, 0.0);
+    EXPECT_NEAR(firstOnset, first, 0.15);
+    EXPECT_NEAR(onsetAfter(samples, firstOnset + 1.0) - firstOnset, second - first, 0.05);
+}
+
+TEST_F(PulseCaptureTest, monitorFollowsTheDefaultOutput) {
+    ASSERT_TRUE(m_server.warmUp());
+    LogLines log;
+    SystemAudioRecorder recorder;
+    const Clock::time_point start = Clock::now();
+    ASSERT_NO_THROW(recorder.startBlocking());
+    std::this_thread::sleep_for(500ms);
+    ASSERT_TRUE(m_server.setDefaultSink(m_server.blackHoleSink()));
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(recorder.expectedSource(), AudioServerFixture::monitorOf(m_server.blackHoleSink()));
+    // Into the old output after the change: not ours any more.
+    play(m_server, m_server.speakerSink(), m_low, start);
+    std::this_thread::sleep_for(1s);
+    const double played = play(m_server, m_server.blackHoleSink(), m_tone, start);
+    std::this_thread::sleep_for(1500ms);
+    const double totalS = secondsSince(start);
+    const auto file = recorder.stopBlocking();
+    ASSERT_TRUE(file);
+
+    const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
+    EXPECT_NEAR(static_cast<double>(samples.size()) / kRate, totalS, 0.3) << "the move left a hole";
+    EXPECT_NEAR(onsetAfter(samples, 0.0), played, 0.15);
+    EXPECT_TRUE(log.lines().contains(QStringLiteral("[SystemAudio] Sortie par défaut changée → ") +
+                                     m_server.blackHoleSink()));
+}
+
+TEST_F(PulseCaptureTest, noDefaultOutputIsNoDisplay) {
+    SystemAudioRecorder recorder;
+    // Every sink gone: the server has no default output.
+    for (const QString& sink : m_server.sinkNames()) {
+        const QJsonArray sinks = m_server.list("sinks");
+        for (const auto& entry : sinks)
+            if (entry.toObject().value("name").toString() == sink)
+                m_server.unloadModule(entry.toObject().value("owner_module").toVariant().toInt());
+    }
+    try {
+        recorder.startBlocking();
+        FAIL() << "started without an output";
+    } catch (const SystemAudioFailure& failure) {
+        EXPECT_EQ(failure.code(), SystemAudioError::noDisplay);
+    }
+    EXPECT_EQ(recorder.stopBlocking(), std::nullopt);
+}
+
+TEST_F(PulseCaptureTest, unreachableServerIsPermissionDenied) {
+    m_server.stop();
+    m_environment.set("PULSE_SERVER", QByteArray("unix:") + m_dir.filePath("nothing").toUtf8());
+    SystemAudioRecorder recorder;
+    try {
+        recorder.startBlocking();
+        FAIL() << "started without a server";
+    } catch (const SystemAudioFailure& failure) {
+        EXPECT_EQ(failure.code(), SystemAudioError::permissionDenied);
+    }
+    EXPECT_FALSE(BlackHoleRecorder::findDevice());
+}
+
+TEST_F(PulseCaptureTest, virtualDeviceIsFoundAndKeepsPausedTime) {
+    ASSERT_TRUE(m_server.warmUp());
+    const auto device = BlackHoleRecorder::findDevice();
+    ASSERT_TRUE(device);
+    EXPECT_EQ(device->name, AudioServerFixture::monitorOf(m_server.blackHoleSink()));
+    EXPECT_TRUE(device->description.contains("BlackHole 2ch"));
+
+    LogLines log;
+    BlackHoleRecorder recorder(*device);
+    const Clock::time_point start = Clock::now();
+    ASSERT_NO_THROW(recorder.startBlocking());
+    std::this_thread::sleep_for(500ms);
+    const double first = play(m_server, m_server.blackHoleSink(), m_tone, start);
+    std::this_thread::sleep_for(1500ms);
+    recorder.pause();
+    EXPECT_EQ(recorder.currentLevel(), 0.0f);
+    const double duringPause = play(m_server, m_server.blackHoleSink(), m_tone, start);
+    std::this_thread::sleep_for(2s);
+    recorder.resume();
+    std::this_thread::sleep_for(500ms);
+    const double totalS = secondsSince(start);
+    const auto file = recorder.stopBlocking();
+    ASSERT_TRUE(file);
+
+    EXPECT_TRUE(QRegularExpression("^tavrel_bh_\\d+\\.m4a$").match(QFileInfo(*file).fileName()).hasMatch());
+    const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
+    EXPECT_NEAR(static_cast<double>(samples.size()) / kRate, totalS, 0.3) << "the paused time belongs in the file";
+    const double firstOnset = onsetAfter(samples, 0.0);
+    EXPECT_NEAR(firstOnset, first, 0.15);
+    EXPECT_NEAR(onsetAfter(samples, firstOnset + 1.0) - firstOnset, duringPause - first, 0.05);
+    const QStringList lines = log.lines();
+    EXPECT_TRUE(lines.contains(QStringLiteral("[BlackHole] Capture démarrée sur « ") + device->description +
+                               QStringLiteral(" » → ") + QFileInfo(*file).fileName()));
+    EXPECT_TRUE(lines.contains(QStringLiteral("[BlackHole] Capture arrêtée")));
+}
+
+TEST_F(PulseCaptureTest, virtualDeviceThatVanishedFailsToStart) {
+    BlackHoleRecorder recorder(CaptureDevice{QStringLiteral("no-such-source"), QStringLiteral("BlackHole 2ch")});
+    try {
+        recorder.startBlocking();
+        FAIL() << "started on a missing device";
+    } catch (const BlackHoleFailure& failure) {
+        EXPECT_EQ(failure.code(), BlackHoleError::sessionFailed);
+        EXPECT_EQ(failure.localizedDescription(), QStringLiteral("Impossible de démarrer la capture BlackHole."));
+    }
+    EXPECT_EQ(recorder.stopBlocking(), std::nullopt);
+}
+
+} // namespace
+} // namespace tavrel::test
