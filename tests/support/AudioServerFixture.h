@@ -72,6 +72,8 @@ public:
     virtual AudioServerKind kind() const = 0;
     QString kindName() const;
     bool isRunning() const { return m_running; }
+    /// Milliseconds from spawning the first daemon to the devices being present.
+    qint64 startupMs() const { return m_startupMs; }
 
     static QString speakerSink() { return QString::fromUtf8(kSpeakerSink); }
     static QString blackHoleSink() { return QString::fromUtf8(kBlackHoleSink); }
@@ -153,6 +155,7 @@ protected:
     ScopedEnvironment m_exported;
     bool m_running = false;
     int m_clientCount = 0;
+    qint64 m_startupMs = 0;
 };
 
 /// A fresh fixture of either kind, for tests parameterised over both servers.

@@ -3,6 +3,7 @@
 #include "Wait.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QStandardPaths>
 
 #include <cstring>
@@ -79,6 +80,8 @@ bool PipeWireFixture::isAvailable(QString* missing) {
     QElapsedTimer timer;
     timer.start();
     const QString runtime = m_dir.filePath(QStringLiteral("run"), true);
+    // Qt and the daemons insist on a runtime directory only its owner can enter.
+    QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     const QString home = m_dir.filePath(QStringLiteral("home"), true);
 
     QProcessEnvironment vars;

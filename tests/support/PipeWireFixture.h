@@ -26,7 +26,6 @@ public:
     ManagedProcess startSinkCapture(const QString& sink, const QString& wavPath);
     /// The private bus WirePlumber runs on.
     QString busAddress() const { return m_busAddress; }
-    qint64 startupMs() const { return m_startupMs; }
 
 private:
     ::testing::AssertionResult startDaemon(ManagedProcess& daemon, const QString& program, const QStringList& args,
@@ -37,7 +36,6 @@ private:
     ManagedProcess m_wireplumber;
     ManagedProcess m_pipewirePulse;
     QString m_busAddress;
-    qint64 m_startupMs = 0;
 };
 
 } // namespace tavrel::test

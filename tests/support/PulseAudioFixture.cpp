@@ -16,6 +16,8 @@ PulseAudioFixture::~PulseAudioFixture() {
     if (!m_dir.isValid())
         return ::testing::AssertionFailure() << "cannot create a temporary directory";
     const QString runtime = m_dir.filePath(QStringLiteral("run"), true);
+    // Qt and the daemons insist on a runtime directory only its owner can enter.
+    QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     const QString home = m_dir.filePath(QStringLiteral("home"), true);
     const QString socket = runtime + QStringLiteral("/native");
 

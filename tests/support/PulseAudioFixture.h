@@ -17,12 +17,9 @@ public:
     QString logs() const override;
 
     pid_t daemonPid() const { return m_daemon.pid(); }
-    /// Milliseconds from spawning the daemon to the devices being present.
-    qint64 startupMs() const { return m_startupMs; }
 
 private:
     ManagedProcess m_daemon;
-    qint64 m_startupMs = 0;
 };
 
 } // namespace tavrel::test

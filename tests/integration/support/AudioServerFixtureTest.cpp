@@ -24,6 +24,7 @@ protected:
             GTEST_SKIP() << "PipeWire not installed: " << missing.toStdString();
         m_server = makeAudioServer(GetParam());
         ASSERT_TRUE(m_server->start());
+        RecordProperty("startupMs", static_cast<int>(m_server->startupMs()));
     }
 
     std::unique_ptr<AudioServerFixture> m_server;

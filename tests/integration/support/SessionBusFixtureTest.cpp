@@ -78,6 +78,18 @@ TEST(SessionBusFixtureTest, NotifyReachesTheFakeServerIntact) {
 
     bus.clearNotifications();
     EXPECT_TRUE(bus.notifications().isEmpty());
+    RecordProperty("busStartupMs", static_cast<int>(bus.startupMs()));
+}
+
+TEST(SessionBusFixtureTest, SharedBusServesTheWholeBinary) {
+    SessionBusFixture& bus = SessionBusFixture::shared();
+    ASSERT_TRUE(bus.isRunning());
+    EXPECT_EQ(&bus, &SessionBusFixture::shared());
+    EXPECT_EQ(qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"), bus.address());
+    const QDBusMessage reply = QDBusConnection::sessionBus().call(QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("/org/freedesktop/Notifications"),
+        QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("GetServerInformation")));
+    EXPECT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
 }
 
 TEST(SessionBusFixtureTest, StatusNotifierWatcherAdvertisesAHostAndRecordsItems) {

@@ -15,6 +15,7 @@ using namespace std::chrono_literals;
 TEST(XvfbFixtureTest, DisplayAnswersAndScreenshotsHaveItsSize) {
     XvfbFixture xvfb;
     ASSERT_TRUE(xvfb.start());
+    RecordProperty("startupMs", static_cast<int>(xvfb.startupMs()));
     EXPECT_EQ(qEnvironmentVariable("DISPLAY"), xvfb.display());
     const CommandResult info = runCommand(QStringLiteral("xdpyinfo"), {}, xvfb.environment(), 10s);
     ASSERT_TRUE(info.ok()) << info.describe().toStdString();
