@@ -97,7 +97,7 @@ void AppDelegate::applicationDidFinishLaunching() {
 void AppDelegate::removeStaleRoutingDevice() {
     if (!m_services.deviceWithUID)
         return;
-    const std::optional<quint32> device = m_services.deviceWithUID(kStaleRoutingDeviceUID);
+    const std::optional<AudioRouting::Device> device = m_services.deviceWithUID(kStaleRoutingDeviceUID);
     if (device && m_services.destroyDevice)
         m_services.destroyDevice(*device);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "audio/AudioRecorder.h"
+#include "audio/AudioRouting.h"
 #include "core/MicInputQuery.h"
 #include "ui/Alert.h"
 
@@ -45,8 +46,8 @@ struct AppServices {
     std::unique_ptr<MicInputQuery> micInputQuery;
     /// The audio server's device lookup by UID and its removal, for the routing device a crash may have
     /// left behind. Empty: there is nothing to look up.
-    std::function<std::optional<quint32>(const QString& uid)> deviceWithUID;
-    std::function<void(quint32 device)> destroyDevice;
+    std::function<std::optional<AudioRouting::Device>(const QString& uid)> deviceWithUID;
+    std::function<bool(const AudioRouting::Device& device)> destroyDevice;
     /// Makes a recording interrupted by a crash readable again. Empty: nothing is repaired.
     std::function<void(const QString& path)> recoverInterruptedRecording;
     /// The status item's clock. Empty: the system clock.

@@ -4,10 +4,13 @@
 #include "CrashHooks.h"
 #include "LaunchRequest.h"
 #include "RecorderDBusService.h"
+#include "audio/AudioRouting.h"
+#include "audio/ffmpeg/M4aWriter.h"
 #include "core/Log.h"
 #include "platform/Desktop.h"
 #include "platform/LoginItem.h"
 #include "platform/Notifier.h"
+#include "platform/StatusItem.h"
 #include "ui/AppIcon.h"
 
 #include <QApplication>
@@ -50,6 +53,12 @@ int main(int argc, char** argv) {
     services.desktop = tavrel::makeDesktop();
     services.loginItem = tavrel::makeLoginItem();
     services.alerts = tavrel::makeAlertPresenter();
+    services.audioBackends = tavrel::linuxSystemAudioBackends();
+    services.deviceWithUID = [](const QString& uid) { return tavrel::AudioRouting::device(uid); };
+    services.destroyDevice = [](const tavrel::AudioRouting::Device& device) {
+        return tavrel::AudioRouting::destroy(device);
+    };
+    services.recoverInterruptedRecording = [](const QString& path) { tavrel::recoverInterruptedRecording(path); };
     tavrel::AppDelegate delegate(std::move(services));
     service.attach(&delegate);
     delegate.applicationDidFinishLaunching();
