@@ -74,7 +74,10 @@ QCoro::Task<> AudioRecorder::startRecording() {
         co_return;
 
     // The server's answer about the default source stands for the microphone permission.
-    const MicRecorder::Access access = co_await runInBackground([] { return MicRecorder::microphoneAccess(); });
+    // Work for other threads and the tasks that carry it are named before they are awaited: GCC 12 destroys some
+    // temporaries of a co_await expression twice.
+    auto checkAccess = runInBackground([] { return MicRecorder::microphoneAccess(); });
+    const MicRecorder::Access access = co_await checkAccess;
     if (access == MicRecorder::Access::denied)
         throw RecordFailure(RecordError::microphoneDenied);
 
@@ -87,19 +90,27 @@ QCoro::Task<> AudioRecorder::startRecording() {
     };
     Opened opened;
     try {
-        opened = co_await runInBackground([micPath] {
+        auto open = [micPath] {
             Opened result;
             result.recorder = std::make_shared<MicRecorder>(micPath);
             result.recording = result.recorder->record();
             return result;
-        });
+        };
+        auto opening = runInBackground(std::move(open));
+        opened = co_await opening;
     } catch (...) {
         // A microphone that could not start leaves nothing behind.
         removeFile(micPath);
         throw;
     }
     if (!opened.recording) {
-        co_await runInBackground([recorder = std::move(opened.recorder)]() mutable { recorder.reset(); });
+        auto discard = [recorder = opened.recorder] { recorder->stop(); };
+        opened.recorder.reset();
+        try {
+            auto discarding = runInBackground(std::move(discard));
+            co_await discarding;
+        } catch (...) {
+        }
         removeFile(micPath);
         throw RecordFailure(RecordError::recordFailed);
     }
@@ -118,7 +129,8 @@ QCoro::Task<AudioRecorder::SourceStart> AudioRecorder::startSource(std::unique_p
     try {
         if (!source)
             throw Error(QStringLiteral("source indisponible"));
-        co_await source->start();
+        auto starting = source->start();
+        co_await starting;
         m_sysRecorders.push_back(std::move(source));
     } catch (...) {
         outcome.failure = std::current_exception();
@@ -139,7 +151,7 @@ QCoro::Task<> AudioRecorder::startSystemAudio() {
         bool tapSupported = false;
         bool captureAllowed = true;
     };
-    const Probe probe = co_await runInBackground([backends] {
+    auto probing = runInBackground([backends] {
         Probe result;
         try {
             result.tapSupported = backends.processTapSupported && backends.processTapSupported();
@@ -150,6 +162,7 @@ QCoro::Task<> AudioRecorder::startSystemAudio() {
         }
         return result;
     });
+    const Probe probe = co_await probing;
 
     bool tapRunning = false;
     if (probe.tapSupported && backends.makeProcessTap) {
@@ -162,7 +175,10 @@ QCoro::Task<> AudioRecorder::startSystemAudio() {
                 failure = std::current_exception();
             }
             if (!failure)
-                failure = (co_await startSource(std::move(tap))).failure;
+                {
+                    auto starting = startSource(std::move(tap));
+                    failure = (co_await starting).failure;
+                }
             if (!failure) {
                 m_usingProcessTap = true;
                 tapRunning = true;
@@ -188,7 +204,10 @@ QCoro::Task<> AudioRecorder::startSystemAudio() {
                 failure = std::current_exception();
             }
             if (!failure)
-                failure = (co_await startSource(std::move(screen))).failure;
+                {
+                    auto starting = startSource(std::move(screen));
+                    failure = (co_await starting).failure;
+                }
             if (!failure) {
                 m_screenCaptureActive = true;
                 logLine(QStringLiteral("[AudioRecorder] ScreenCaptureKit démarré (applis/visio)"));
@@ -204,7 +223,8 @@ QCoro::Task<> AudioRecorder::startSystemAudio() {
         if (backends.findVirtualDevice && backends.makeVirtualDevice) {
             std::optional<CaptureDevice> device;
             try {
-                device = co_await runInBackground([backends] { return backends.findVirtualDevice(); });
+                auto finding = runInBackground([backends] { return backends.findVirtualDevice(); });
+                device = co_await finding;
             } catch (...) {
                 device.reset();
             }
@@ -217,7 +237,10 @@ QCoro::Task<> AudioRecorder::startSystemAudio() {
                     failure = std::current_exception();
                 }
                 if (!failure)
-                    failure = (co_await startSource(std::move(virtualDevice))).failure;
+                    {
+                    auto starting = startSource(std::move(virtualDevice));
+                    failure = (co_await starting).failure;
+                }
                 if (!failure) {
                     m_usingBlackHole = true;
                     logLine(QStringLiteral("[AudioRecorder] BlackHole démarré (téléphonie)"));
@@ -260,19 +283,19 @@ QCoro::Task<std::optional<QString>> AudioRecorder::stopRecording() {
     m_isRecording = false;
     m_isPaused = false;
 
-    std::shared_ptr<MicRecorder> mic = std::move(m_micRecorder);
-    m_micRecorder.reset();
-    if (mic) {
-        const QString failure = co_await runInBackground([mic = std::move(mic)]() mutable {
+    if (m_micRecorder) {
+        auto stopMic = [mic = m_micRecorder] {
             QString problem;
             try {
                 mic->stop();
             } catch (const Error& error) {
                 problem = error.localizedDescription();
             }
-            mic.reset();
             return problem;
-        });
+        };
+        m_micRecorder.reset();
+        auto stopping = runInBackground(std::move(stopMic));
+        const QString failure = co_await stopping;
         if (!failure.isEmpty()) {
             // The file stays readable as it was written while recording; the next launch rewrites it.
             logLine(QStringLiteral("[AudioRecorder] Fichier micro non finalisé : ") + failure);
@@ -288,7 +311,8 @@ QCoro::Task<std::optional<QString>> AudioRecorder::stopRecording() {
     for (const auto& source : sources) {
         std::optional<QString> file;
         try {
-            file = co_await source->stop();
+            auto stopping = source->stop();
+            file = co_await stopping;
         } catch (...) {
             file.reset();
         }
@@ -309,7 +333,8 @@ QCoro::Task<std::optional<QString>> AudioRecorder::stopRecording() {
     try {
         if (!m_backends.merge)
             throw SystemAudioFailure(SystemAudioError::mergeFailed);
-        merged = co_await m_backends.merge(micPath, systemFiles);
+        auto merging = m_backends.merge(micPath, systemFiles);
+        merged = co_await merging;
     } catch (...) {
         mergeFailure = std::current_exception();
     }

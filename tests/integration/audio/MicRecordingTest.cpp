@@ -1,0 +1,275 @@
+#include "AudioTestSupport.h"
+#include "Media.h"
+#include "Wait.h"
+#include "audio/ffmpeg/M4aWriter.h"
+#include "audio/pulse/PulseContext.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QFileInfo>
+#include <QDir>
+#include <QRandomGenerator>
+#include <QStandardPaths>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+#include <unistd.h>
+
+using namespace tavrel;
+using namespace tavrel::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+const QString kSpeech = QStringLiteral(
+    "Bonjour à tous, nous commençons la réunion de ce matin. Le premier point concerne le budget de l'année "
+    "prochaine, puis nous parlerons du calendrier des livraisons et des recrutements prévus pour le printemps.");
+
+struct LevelSpan {
+    float max = 0.0f;
+    float min = 1.0f;
+    int reads = 0;
+};
+
+// Polls the levels the way the recording panel does (every 50 ms) for `duration`.
+LevelSpan pollLevels(AudioRecorder& recorder, std::chrono::milliseconds duration) {
+    LevelSpan span;
+    const auto end = std::chrono::steady_clock::now() + duration;
+    while (std::chrono::steady_clock::now() < end) {
+        const float level = recorder.currentMicLevel();
+        span.max = std::max(span.max, level);
+        span.min = std::min(span.min, level);
+        ++span.reads;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+        std::this_thread::sleep_for(50ms);
+    }
+    return span;
+}
+
+class MicRecording : public PulseSuite {
+protected:
+    RecordingHome m_home;
+};
+
+} // namespace
+
+TEST_F(MicRecording, pausedSpeechLeavesAnOrdinaryAacFileOfTheActiveTimeWithLevelsOnlyWhileActive) {
+    const QString speech = speechFile(kSpeech);
+    ASSERT_FALSE(speech.isEmpty());
+    ASSERT_GT(probe(speech).formatDurationS, 7.0);
+
+    AudioRecorder recorder;
+    EXPECT_EQ(recorder.currentMicLevel(), 0.0f);
+    auto player = pulse().playIntoMicrophone(speech);
+    std::this_thread::sleep_for(200ms); // the speech is under way when recording begins
+    const std::exception_ptr failure = startAndWait(recorder);
+    ASSERT_FALSE(failure) << "start failed";
+    ASSERT_TRUE(recorder.isRecording());
+
+    const LevelSpan first = pollLevels(recorder, 2000ms);
+    recorder.pauseRecording();
+    const LevelSpan paused = pollLevels(recorder, 2000ms);
+    recorder.resumeRecording();
+    const LevelSpan second = pollLevels(recorder, 2000ms);
+    const std::optional<QString> file = stopAndWait(recorder);
+    EXPECT_EQ(recorder.currentMicLevel(), 0.0f);
+
+    EXPECT_GT(first.max, 0.0f);
+    EXPECT_GT(second.max, 0.0f);
+    EXPECT_EQ(paused.max, 0.0f);
+
+    ASSERT_TRUE(file);
+    EXPECT_EQ(QFileInfo(*file).absolutePath(), m_home.recordingsDir());
+    EXPECT_EQ(m_home.recordings(), QStringList{QFileInfo(*file).fileName()});
+    const MediaInfo info = probe(*file);
+    ASSERT_TRUE(info.valid) << info.error.toStdString();
+    EXPECT_EQ(info.codecName, "aac");
+    EXPECT_EQ(info.sampleRateHz, 44100);
+    EXPECT_EQ(info.channels, 1);
+    EXPECT_NEAR(info.formatDurationS, 4.0, 0.25);
+    EXPECT_TRUE(info.moovBeforeMdat) << info.topLevelBoxes.join(',').toStdString();
+    EXPECT_FALSE(info.topLevelBoxes.contains("moof"));
+    const std::vector<float> decoded = decodeToMonoFloat(*file);
+    EXPECT_GT(rmsDb(decoded), -40.0);
+}
+
+TEST_F(MicRecording, theTailUpToTheStopReachesTheFile) {
+    // A tone that starts well after the recording: whatever was captured in the last moments must be there.
+    TempDir dir;
+    const QString tone = dir.filePath("tone.wav");
+    ASSERT_TRUE(makeTone(440.0, 5.0, tone));
+    AudioRecorder recorder;
+    ASSERT_FALSE(startAndWait(recorder));
+    std::this_thread::sleep_for(300ms);
+    auto player = pulse().playIntoMicrophone(tone);
+    // Wait until the tone shows on the meter, then stop shortly after.
+    ASSERT_TRUE(waitUntil([&] { return recorder.currentMicLevel() > 0.5f; }, 5s));
+    const auto toneSeen = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(400ms);
+    const std::optional<QString> file = stopAndWait(recorder);
+    const double sinceToneS = std::chrono::duration<double>(std::chrono::steady_clock::now() - toneSeen).count();
+    ASSERT_TRUE(file);
+    const std::vector<float> decoded = decodeToMonoFloat(*file);
+    const double durationS = double(decoded.size()) / 44100.0;
+    // The last 0.3 s hold the tone: nothing captured before the stop was cut off.
+    EXPECT_GT(rmsDbBetween(decoded, 44100, durationS - 0.3, durationS), -15.0);
+    const std::vector<double> onsets = findSoundOnsets(decoded, 44100);
+    ASSERT_FALSE(onsets.empty());
+    EXPECT_GT(durationS - onsets.back(), 0.4);
+    EXPECT_LT(durationS - onsets.back(), sinceToneS + 0.25);
+}
+
+namespace {
+
+struct Refusal {
+    const char* name;
+    bool rightCookie;
+    const char* firstLine;
+};
+
+class MicrophoneRefusal : public PulseSuite, public ::testing::WithParamInterface<Refusal> {};
+
+void PrintTo(const Refusal& refusal, std::ostream* os) {
+    *os << refusal.name;
+}
+
+} // namespace
+
+// The server only refuses a client of another user without its cookie; the recorder runs as "nobody".
+TEST_P(MicrophoneRefusal, aServerThatRefusesThisClientMeansTheMicrophoneIsDenied) {
+    if (geteuid() != 0 || QStandardPaths::findExecutable("setpriv").isEmpty())
+        GTEST_SKIP() << "needs root and setpriv to run the recorder as another user";
+    TempDir dir;
+    QFile::setPermissions(dir.path(), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner |
+                                          QFileDevice::ReadOther | QFileDevice::WriteOther | QFileDevice::ExeOther);
+    const QString serverCookie = dir.filePath("server.cookie");
+    const QString clientCookie = dir.filePath("client.cookie");
+    QByteArray secret(256, '\0');
+    for (char& byte : secret)
+        byte = static_cast<char>(QRandomGenerator::global()->bounded(256));
+    for (const QString& path : {serverCookie, clientCookie}) {
+        QFile cookie(path);
+        ASSERT_TRUE(cookie.open(QIODevice::WriteOnly));
+        if (path == clientCookie && !GetParam().rightCookie)
+            secret[0] = static_cast<char>(secret[0] ^ 0x5a);
+        cookie.write(secret);
+        cookie.close();
+        cookie.setPermissions(QFileDevice::ReadOwner | QFileDevice::ReadOther);
+    }
+    const QString socket = dir.filePath("locked");
+    ASSERT_TRUE(pulse().loadModule("module-native-protocol-unix",
+                                   QStringLiteral("auth-anonymous=0 auth-cookie-enabled=1 auth-cookie=%1 socket=%2")
+                                       .arg(serverCookie, socket)));
+    QProcessEnvironment environment;
+    environment.insert("PATH", qEnvironmentVariable("PATH"));
+    environment.insert("HOME", dir.path());
+    environment.insert("XDG_RUNTIME_DIR", dir.path());
+    environment.insert("XDG_DATA_HOME", dir.filePath("data"));
+    environment.insert("TMPDIR", dir.path());
+    environment.insert("PULSE_SERVER", "unix:" + socket);
+    environment.insert("PULSE_COOKIE", clientCookie);
+
+    ManagedProcess recorder;
+    ManagedProcess::Options options;
+    options.program = QStringLiteral("setpriv");
+    options.arguments = QStringList{"--reuid=nobody", "--regid=nogroup", "--clear-groups",
+                                    QStringLiteral(TAVREL_RECORD_UNTIL_KILLED)};
+    options.environment = environment;
+    options.captureStdout = true;
+    ASSERT_TRUE(recorder.start(options)) << recorder.errorString().toStdString();
+    std::optional<QByteArray> line;
+    while ((line = recorder.readStdoutLine(10s)) && line->startsWith("[")) // our log lines
+        ;
+    ASSERT_TRUE(line) << recorder.describe().toStdString();
+    EXPECT_TRUE(line->startsWith(GetParam().firstLine)) << line->toStdString();
+    recorder.stop();
+    const QStringList left = QDir(dir.filePath("data") + "/TavrelRecorder/Enregistrements").entryList(QDir::Files);
+    EXPECT_EQ(left.size(), GetParam().rightCookie ? 1 : 0) << left.join(',').toStdString();
+}
+
+INSTANTIATE_TEST_SUITE_P(Cookies, MicrophoneRefusal,
+                         ::testing::Values(Refusal{"refused", false, "failed microphoneDenied"},
+                                           Refusal{"admitted", true, "recording "}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(MicRecording, noServerAtAllFailsTheStartWithTheServersErrorAndLeavesNothing) {
+    TempDir dir;
+    ScopedEnvironment env;
+    env.set("PULSE_SERVER", "unix:" + QFile::encodeName(dir.filePath("nobody-here")));
+    AudioRecorder recorder;
+    const std::exception_ptr failure = startAndWait(recorder);
+    ASSERT_TRUE(failure);
+    try {
+        std::rethrow_exception(failure);
+    } catch (const RecordFailure& error) {
+        ADD_FAILURE() << "the server's own error should propagate, got " << error.what();
+    } catch (const Error& error) {
+        EXPECT_FALSE(error.localizedDescription().isEmpty());
+    }
+    EXPECT_FALSE(recorder.isRecording());
+    EXPECT_TRUE(m_home.recordings().isEmpty());
+    EXPECT_FALSE(stopAndWait(recorder));
+}
+
+TEST_F(MicRecording, aKilledRecorderLeavesAFileReadableToWithinTwoSecondsThatRecoveryMakesOrdinary) {
+    const QString speech = speechFile(kSpeech);
+    ASSERT_FALSE(speech.isEmpty());
+    ManagedProcess recorder;
+    ManagedProcess::Options options;
+    options.program = QStringLiteral(TAVREL_RECORD_UNTIL_KILLED);
+    options.environment = pulse().environment();
+    options.environment.insert("XDG_DATA_HOME", qEnvironmentVariable("XDG_DATA_HOME"));
+    options.environment.insert("TMPDIR", qEnvironmentVariable("TMPDIR"));
+    options.captureStdout = true;
+    ASSERT_TRUE(recorder.start(options)) << recorder.errorString().toStdString();
+    std::optional<QByteArray> line;
+    while ((line = recorder.readStdoutLine(10s)) && !line->startsWith("recording "))
+        ;
+    ASSERT_TRUE(line) << recorder.describe().toStdString();
+    const QString path = QString::fromUtf8(line->mid(int(strlen("recording "))));
+    const auto started = std::chrono::steady_clock::now();
+    auto player = pulse().playIntoMicrophone(speech);
+    std::this_thread::sleep_for(3500ms);
+    recorder.sendSignal(SIGKILL);
+    const double recordedS = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    recorder.wait(5s);
+
+    ASSERT_TRUE(QFileInfo::exists(path));
+    EXPECT_EQ(QFileInfo(path).absolutePath(), m_home.recordingsDir());
+    const double readableS = double(decodeToMonoFloat(path).size()) / 44100.0;
+    EXPECT_GT(readableS, recordedS - 2.0);
+    EXPECT_LE(readableS, recordedS + 0.2);
+
+    EXPECT_EQ(recoverInterruptedRecording(path), RecoveryResult::recovered);
+    const MediaInfo info = probe(path);
+    ASSERT_TRUE(info.valid) << info.error.toStdString();
+    EXPECT_TRUE(info.moovBeforeMdat) << info.topLevelBoxes.join(',').toStdString();
+    EXPECT_NEAR(info.formatDurationS, readableS, 0.1);
+    EXPECT_EQ(recoverInterruptedRecording(path), RecoveryResult::untouched);
+}
+
+TEST_F(MicRecording, theSharedConnectionAnswersServerQueries) {
+    auto connection = PulseContext::instance();
+    const PulseServerInfo info = connection->serverInfo();
+    EXPECT_EQ(info.defaultSourceName, pulse().micSource());
+    EXPECT_EQ(info.defaultSinkName, pulse().speakerSink());
+    QStringList sources;
+    for (const auto& source : connection->sources())
+        sources << source.name;
+    EXPECT_TRUE(sources.contains(pulse().micSource()));
+    EXPECT_TRUE(sources.contains(AudioServerFixture::monitorOf(pulse().blackHoleSink())));
+    bool foundBlackHole = false;
+    for (const auto& sink : connection->sinks()) {
+        if (sink.name == pulse().blackHoleSink()) {
+            foundBlackHole = true;
+            EXPECT_EQ(sink.description, AudioServerFixture::kBlackHoleDescription);
+            EXPECT_EQ(sink.monitorSourceName, AudioServerFixture::monitorOf(pulse().blackHoleSink()));
+        }
+    }
+    EXPECT_TRUE(foundBlackHole);
+    EXPECT_THROW(connection->sourceInfo("no-such-source"), PulseError);
+    EXPECT_EQ(PulseContext::instance(), connection);
+}
