@@ -346,7 +346,7 @@ QCoro::Task<std::optional<QString>> AudioRecorder::stopRecording() {
             logLine(QStringLiteral("[AudioRecorder] Déplacement du fusionné échoué, on garde le temporaire : ") +
                     mergedFile.errorString());
         }
-        const QString finalFile = QFileInfo::exists(destination) ? destination : merged;
+        const QString finalFile = QFileInfo(destination).isFile() ? destination : merged;
         logLine(QStringLiteral("[AudioRecorder] Pistes fusionnées (%1 voie(s) correspondant) : %2")
                     .arg(systemFiles.size())
                     .arg(fileName(finalFile)));
