@@ -18,12 +18,13 @@ constexpr qreal kLabelPointSize = 11.0;
 constexpr qreal kMatchPointSize = 11.5;
 
 /// The colour of the field's text. Set through the style sheet too, since the alert's style sheet would
-/// otherwise win over the palette.
+/// otherwise win over the palette. The style sheet goes first: removing one puts back the palette the widget
+/// had before it, which must not undo the colour set here.
 void setTextColor(QLineEdit* editor, const QColor& color, bool standard) {
+    editor->setStyleSheet(standard ? QString() : QStringLiteral("color: %1;").arg(color.name()));
     QPalette palette = editor->palette();
     palette.setColor(QPalette::Text, color);
     editor->setPalette(palette);
-    editor->setStyleSheet(standard ? QString() : QStringLiteral("color: %1;").arg(color.name()));
 }
 
 void setLabel(QLabel* label, const QString& text, const QColor& color, qreal pointSize, QFont::Weight weight) {
@@ -32,10 +33,10 @@ void setLabel(QLabel* label, const QString& text, const QColor& color, qreal poi
     font.setPointSizeF(pointSize);
     font.setWeight(weight);
     label->setFont(font);
+    label->setStyleSheet(QStringLiteral("color: %1;").arg(color.name(QColor::HexArgb)));
     QPalette palette = label->palette();
     palette.setColor(QPalette::WindowText, color);
     label->setPalette(palette);
-    label->setStyleSheet(QStringLiteral("color: %1;").arg(color.name(QColor::HexArgb)));
 }
 
 } // namespace

@@ -10,3 +10,8 @@ tavrel_warnings(tavrel_net_testbackend)
 tavrel_add_test(net_integration_tests LABELS integration
     SOURCES ${CMAKE_CURRENT_LIST_DIR}/net/UploadServiceTest.cpp
     LIBS tavrel_net tavrel_net_testbackend)
+
+# The delegate's upload workflow needs widgets (the delegate owns the recording panel).
+tavrel_add_test(net_workflow_tests LABELS integration QT_GUI
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/net/UploadWorkflowTest.cpp ${CMAKE_CURRENT_LIST_DIR}/net/DelegateHarness.h
+    LIBS tavrel_app tavrel_net tavrel_platform_fake tavrel_net_testbackend)

@@ -155,6 +155,8 @@ class RawBody(str):
 
 class Handler(BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
+    # Headers and body go out in separate writes; without this, each answer waits for a delayed ACK.
+    disable_nagle_algorithm = True
     server_version = "TavrelReferenceBackend/1.0"
 
     # ----- plumbing -------------------------------------------------------------------------------------------

@@ -16,6 +16,7 @@
 #include <chrono>
 #include <exception>
 #include <optional>
+#include <variant>
 
 #include <ostream>
 
@@ -95,6 +96,24 @@ Outcome<T> runTask(QCoro::Task<T> task, std::chrono::milliseconds timeout = std:
     auto body = [&]() -> QCoro::Task<> {
         try {
             outcome.value = co_await std::move(task);
+        } catch (...) {
+            outcome.error = std::current_exception();
+        }
+        outcome.finished = true;
+    };
+    auto runner = body();
+    waitUntil([&] { return outcome.finished; }, timeout);
+    return outcome;
+}
+
+/// The same for a task without a value (`value` holds a monostate once it has ended without throwing).
+inline Outcome<std::monostate> runTask(QCoro::Task<> task,
+                                       std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
+    Outcome<std::monostate> outcome;
+    auto body = [&]() -> QCoro::Task<> {
+        try {
+            co_await std::move(task);
+            outcome.value = std::monostate{};
         } catch (...) {
             outcome.error = std::current_exception();
         }
