@@ -24,6 +24,7 @@ LaunchRequest LaunchRequest::fromArguments(const QStringList& arguments) {
         if (argument.startsWith(u'-'))
             continue; // options of the desktop or of Qt that we do not use
         request.urls << QUrl(argument);
+        request.links << argument;
     }
     if (!request.urls.isEmpty())
         request.kind = Kind::open;

@@ -16,6 +16,9 @@ struct LaunchRequest {
     enum class Kind { activate, open, action };
     Kind kind = Kind::activate;
     QList<QUrl> urls;
+    /// The same links as text, exactly as given: a QUrl folds the scheme's and host's case, which the account
+    /// link must see as it came.
+    QStringList links;
     QString action;
     QStringList parameters;
 

@@ -33,6 +33,7 @@ void ApplicationAdaptor::Open(const QStringList& uris, const QVariantMap&) {
     request.kind = LaunchRequest::Kind::open;
     for (const QString& uri : uris)
         request.urls << QUrl(uri);
+    request.links = uris;
     m_service->handle(request);
 }
 
@@ -129,7 +130,10 @@ void RecorderDBusService::handle(const LaunchRequest& request) {
         delegate->showPopover();
         return;
     case LaunchRequest::Kind::open:
-        delegate->application(request.urls);
+        if (request.links.isEmpty())
+            delegate->application(request.urls);
+        else
+            delegate->application(request.links);
         return;
     case LaunchRequest::Kind::action:
         break;
@@ -168,9 +172,11 @@ bool RecorderDBusService::forward(QDBusConnection connection, const LaunchReques
         call << QVariantMap();
         break;
     case LaunchRequest::Kind::open: {
-        QStringList uris;
-        for (const QUrl& url : request.urls)
-            uris << url.toString(QUrl::FullyEncoded);
+        QStringList uris = request.links;
+        if (uris.isEmpty()) {
+            for (const QUrl& url : request.urls)
+                uris << url.toString(QUrl::FullyEncoded);
+        }
         call = QDBusMessage::createMethodCall(service, path, interface, QStringLiteral("Open"));
         call << uris << QVariantMap();
         break;
