@@ -1,6 +1,7 @@
 #include "ui/HUDView.h"
 
 #include <QMouseEvent>
+#include <QPaintEvent>
 #include <QPainter>
 #include <QWindow>
 
@@ -16,12 +17,23 @@ HUDView::HUDView(QWidget* parent) : QWidget(parent) {
     setFixedSize(kWidthPx, kHeightPx);
 }
 
-void HUDView::paintEvent(QPaintEvent*) {
+void HUDView::paintEvent(QPaintEvent* event) {
+    // The meters repaint small parts of the card twenty times a second: the card is drawn once into a
+    // pixmap and copied from there.
+    const qreal ratio = devicePixelRatioF();
+    if (m_card.isNull() || m_card.devicePixelRatio() != ratio) {
+        m_card = QPixmap((QSizeF(size()) * ratio).toSize());
+        m_card.setDevicePixelRatio(ratio);
+        m_card.fill(Qt::transparent);
+        QPainter card(&m_card);
+        card.setRenderHint(QPainter::Antialiasing);
+        card.setPen(QPen(kCardEdge, 1.0));
+        card.setBrush(kCardColor);
+        card.drawRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), kCornerRadius, kCornerRadius);
+    }
     QPainter painter(this);
-    painter.setRenderHint(QPainter::Antialiasing);
-    painter.setPen(QPen(kCardEdge, 1.0));
-    painter.setBrush(kCardColor);
-    painter.drawRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), kCornerRadius, kCornerRadius);
+    const QRect dirty = event->rect();
+    painter.drawPixmap(dirty, m_card, QRectF(QPointF(dirty.topLeft()) * ratio, QSizeF(dirty.size()) * ratio));
 }
 
 void HUDView::mousePressEvent(QMouseEvent* event) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QPixmap>
 #include <QPoint>
 #include <QWidget>
 
@@ -22,6 +23,7 @@ protected:
     void mouseReleaseEvent(QMouseEvent* event) override;
 
 private:
+    QPixmap m_card;
     bool m_dragging = false;
     QPoint m_grabOffset; ///< cursor position relative to the window's top-left corner at the press
 };

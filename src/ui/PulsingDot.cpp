@@ -3,6 +3,8 @@
 #include <QPainter>
 #include <QPropertyAnimation>
 
+#include <cmath>
+
 namespace tavrel {
 
 namespace {
@@ -15,10 +17,13 @@ PulsingDot::PulsingDot(QWidget* parent) : QWidget(parent) {
 }
 
 void PulsingDot::setDotOpacity(qreal opacity) {
-    if (qFuzzyCompare(opacity, m_dotOpacity))
-        return;
+    // The animation runs at the display's frame rate; steps of 1/32 are invisible on an 8 px dot and
+    // halve the repaints of the panel.
+    constexpr qreal kSteps = 32.0;
+    const bool visible = std::lround(opacity * kSteps) != std::lround(m_dotOpacity * kSteps);
     m_dotOpacity = opacity;
-    update();
+    if (visible)
+        update();
 }
 
 void PulsingDot::showEvent(QShowEvent* event) {

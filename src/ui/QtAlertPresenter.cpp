@@ -41,6 +41,14 @@ QLineEdit, QPlainTextEdit {
     selection-background-color: #b5cdff; selection-color: #000000;
 }
 QLineEdit:focus, QPlainTextEdit:focus { border: 1px solid #6496ff; }
+QPushButton:checked { background: #e3ebff; border: 1px solid #6496ff; color: #2a56c6; }
+QComboBox {
+    border: 1px solid rgba(0, 0, 0, 0.16); border-radius: 5px; padding: 3px 5px;
+    background: #ffffff; color: rgba(0, 0, 0, 0.88);
+}
+QComboBox:focus { border: 1px solid #6496ff; }
+QComboBox:disabled { background: #f0f0f0; color: rgba(0, 0, 0, 0.35); }
+QComboBox::drop-down { border: none; width: 20px; }
 QCheckBox { color: rgba(0, 0, 0, 0.85); spacing: 7px; }
 )";
 

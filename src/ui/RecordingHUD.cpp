@@ -106,9 +106,8 @@ protected:
     void paintEvent(QPaintEvent* event) override {
         QPainter painter(this);
         painter.setCompositionMode(QPainter::CompositionMode_Source);
-        painter.fillRect(event->rect(), Qt::transparent);
-        painter.setCompositionMode(QPainter::CompositionMode_SourceOver);
-        painter.drawImage(0, 0, m_shadow);
+        const QRect dirty = event->rect();
+        painter.drawImage(dirty, m_shadow, dirty);
     }
 
 private:

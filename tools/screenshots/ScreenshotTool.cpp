@@ -10,11 +10,13 @@
 #include "ui/QtAlertPresenter.h"
 #include "ui/RecordingHUD.h"
 #include "ui/SettingsForm.h"
+#include "ui/UploadDialog.h"
 #include "ui/VUMeterView.h"
 
 #include <QApplication>
 #include <QDialog>
 #include <QDir>
+#include <QJsonObject>
 #include <QPainter>
 #include <QPainterPath>
 #include <QSvgRenderer>
@@ -193,5 +195,15 @@ int main(int argc, char** argv) {
                   {QStringLiteral("Ouvrir les réglages"), QStringLiteral("Continuer (micro seul)")},
                   AlertStyle::warning, nullptr},
         QStringLiteral("warning.png"));
+
+    QList<QJsonObject> clients;
+    for (const char* name : {"Cabinet Martin", "Durand & Fils", "Société Générale des Eaux"})
+        clients << QJsonObject{{QStringLiteral("id"), clients.size() + 1}, {QStringLiteral("name"), QString::fromUtf8(name)}};
+    UploadDialog upload(clients);
+    ok &= shootAlert(outdir,
+                     AlertSpec{QStringLiteral("Enregistrement terminé"), QStringLiteral("Options de transcription :"),
+                               {QStringLiteral("Envoyer"), QStringLiteral("Annuler")}, AlertStyle::informational,
+                               &upload},
+                     QStringLiteral("upload-dialog.png"));
     return ok ? 0 : 1;
 }
