@@ -7,6 +7,8 @@
 #include "core/Error.h"
 
 #include <QByteArray>
+#include <QEventLoop>
+#include <QTimer>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
@@ -88,10 +90,24 @@ struct Outcome {
     }
 };
 
+/// Turns `loop` until `finished` or `timeout`. A real event loop, not a polling one: uploads hand their
+/// body to Qt's network thread chunk by chunk through this thread's events, so sleeping here would throttle
+/// them.
+inline void runLoop(QEventLoop& loop, const bool& finished, std::chrono::milliseconds timeout) {
+    if (finished)
+        return;
+    QTimer timer;
+    timer.setSingleShot(true);
+    QObject::connect(&timer, &QTimer::timeout, &loop, &QEventLoop::quit);
+    timer.start(timeout);
+    loop.exec();
+}
+
 /// Runs `task` to its end with the event loop turning (at most `timeout`), catching what it throws.
 template <typename T>
 Outcome<T> runTask(QCoro::Task<T> task, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
     Outcome<T> outcome;
+    QEventLoop loop;
     // A named closure: the coroutine refers to its captures until it ends, after this function's loop.
     auto body = [&]() -> QCoro::Task<> {
         try {
@@ -100,9 +116,10 @@ Outcome<T> runTask(QCoro::Task<T> task, std::chrono::milliseconds timeout = std:
             outcome.error = std::current_exception();
         }
         outcome.finished = true;
+        loop.quit();
     };
     auto runner = body();
-    waitUntil([&] { return outcome.finished; }, timeout);
+    runLoop(loop, outcome.finished, timeout);
     return outcome;
 }
 
@@ -110,6 +127,7 @@ Outcome<T> runTask(QCoro::Task<T> task, std::chrono::milliseconds timeout = std:
 inline Outcome<std::monostate> runTask(QCoro::Task<> task,
                                        std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
     Outcome<std::monostate> outcome;
+    QEventLoop loop;
     auto body = [&]() -> QCoro::Task<> {
         try {
             co_await std::move(task);
@@ -118,9 +136,10 @@ inline Outcome<std::monostate> runTask(QCoro::Task<> task,
             outcome.error = std::current_exception();
         }
         outcome.finished = true;
+        loop.quit();
     };
     auto runner = body();
-    waitUntil([&] { return outcome.finished; }, timeout);
+    runLoop(loop, outcome.finished, timeout);
     return outcome;
 }
 
