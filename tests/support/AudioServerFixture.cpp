@@ -140,7 +140,8 @@ ManagedProcess AudioServerFixture::spawnClient(const QString& program, const QSt
     options.program = program;
     options.arguments = arguments;
     options.environment = env;
-    options.logPath = m_dir.filePath(QStringLiteral("client-%1-%2.log").arg(program).arg(++m_clientCount));
+    options.logPath =
+        m_dir.filePath(QStringLiteral("client-%1-%2.log").arg(QFileInfo(program).fileName()).arg(++m_clientCount));
     if (!process.start(options))
         ADD_FAILURE() << process.errorString().toStdString();
     return process;

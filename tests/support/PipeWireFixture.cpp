@@ -4,6 +4,8 @@
 
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
 #include <QStandardPaths>
 
 #include <cstring>
@@ -223,6 +225,28 @@ void PipeWireFixture::stop() {
 ManagedProcess PipeWireFixture::startSinkCapture(const QString& sink, const QString& wavPath) {
     return spawnClient(QStringLiteral("pw-record"), {QStringLiteral("--target"), sink, QStringLiteral("-P"),
                                                      QStringLiteral("stream.capture.sink=true"), wavPath});
+}
+
+ManagedProcess PipeWireFixture::startNativeRecordingClient(const RecordingClientOptions& options) {
+    // PipeWire takes application.process.binary from the executable's real path, so a symlink is not
+    // enough: run a copy of pw-cat named after the conferencing app (it then needs --record).
+    const QString binary = options.processBinary.isEmpty() ? QStringLiteral("pw-record") : options.processBinary;
+    const QString link = m_dir.filePath(QStringLiteral("bin"), true) + QLatin1Char('/') + binary;
+    if (!QFileInfo::exists(link))
+        QFile::copy(QStandardPaths::findExecutable(QStringLiteral("pw-cat")), link);
+    const QString properties = QStringLiteral("{ application.id=\"%1\" application.name=\"%2\" }")
+                                   .arg(options.applicationId, options.clientName);
+    const QString target = options.source.isEmpty() ? micSource() : options.source;
+    return spawnClient(link, {QStringLiteral("--record"), QStringLiteral("--target"), target, QStringLiteral("-P"),
+                              properties,
+                              m_dir.filePath(QStringLiteral("native-client-%1.wav").arg(m_clientCount + 1))});
+}
+
+QJsonArray PipeWireFixture::dump() {
+    const CommandResult result = runCommand(QStringLiteral("pw-dump"), {}, environment(), 10s);
+    if (!result.ok())
+        ADD_FAILURE() << result.describe().toStdString();
+    return QJsonDocument::fromJson(result.standardOutput).array();
 }
 
 QString PipeWireFixture::logs() const {

@@ -24,6 +24,13 @@ public:
     /// pw-record of what is played into `sink` (a native stream with stream.capture.sink=true);
     /// stop() it to finish the WAV file.
     ManagedProcess startSinkCapture(const QString& sink, const QString& wavPath);
+    /// A native PipeWire record stream (pw-cat) posing as a conferencing app: application.id and
+    /// application.name on the stream node, application.process.binary (the name it runs under) on
+    /// its client, where native clients carry it. stop() it to close the stream.
+    ManagedProcess startNativeRecordingClient(const RecordingClientOptions& options = {});
+    /// pw-dump's JSON array of every object (nodes, clients, links...).
+    QJsonArray dump();
+
     /// The private bus WirePlumber runs on.
     QString busAddress() const { return m_busAddress; }
 

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <QJsonDocument>
+#include <QJsonArray>
 #include <QJsonObject>
 
 #include <csignal>
@@ -134,6 +135,40 @@ TEST(PipeWireFixtureTest, NativeSinkCaptureRecordsWhatIsPlayed) {
     ASSERT_FALSE(samples.empty()) << pipewire.logs().toStdString();
     // A 0.5-amplitude sine is at -9 dBFS; anything near that proves the capture hears the sink.
     EXPECT_GT(rmsDb(samples), -20.0);
+}
+
+// Native clients carry the process binary on the client object, the app id on the stream node.
+TEST(PipeWireFixtureTest, NativeRecordingClientPosesAsConferencingApp) {
+    QString missing;
+    if (!PipeWireFixture::isAvailable(&missing))
+        GTEST_SKIP() << "PipeWire not installed: " << missing.toStdString();
+    PipeWireFixture pipewire;
+    ASSERT_TRUE(pipewire.start());
+    ManagedProcess client = pipewire.startNativeRecordingClient();
+    QString clientId;
+    QString binary;
+    const bool found = waitUntil(
+        [&] {
+            const QJsonArray objects = pipewire.dump();
+            for (const auto& value : objects) {
+                const QJsonObject props = value.toObject().value(QStringLiteral("info")).toObject().value(
+                    QStringLiteral("props")).toObject();
+                if (props.value(QStringLiteral("application.id")).toString() == QStringLiteral("us.zoom.xos") &&
+                    props.value(QStringLiteral("media.class")).toString() == QStringLiteral("Stream/Input/Audio"))
+                    clientId = QString::number(props.value(QStringLiteral("client.id")).toInt());
+            }
+            for (const auto& value : objects) {
+                const QJsonObject object = value.toObject();
+                if (QString::number(object.value(QStringLiteral("id")).toInt()) == clientId)
+                    binary = object.value(QStringLiteral("info")).toObject().value(QStringLiteral("props")).toObject().value(
+                        QStringLiteral("application.process.binary")).toString();
+            }
+            return !binary.isEmpty();
+        },
+        5s, 100ms);
+    ASSERT_TRUE(found) << "no record stream with the app id; client " << clientId.toStdString() << "\n"
+                       << client.describe().toStdString();
+    EXPECT_EQ(binary, QStringLiteral("zoom"));
 }
 
 } // namespace
