@@ -7,7 +7,6 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
-
 #include <csignal>
 #include <ostream>
 #include <thread>
@@ -16,9 +15,7 @@ namespace tavrel::test {
 
 using namespace std::chrono_literals;
 
-AudioServerFixture::AudioServerFixture(const QString& prefix, Options options)
-    : m_options(options), m_dir(prefix) {
-}
+AudioServerFixture::AudioServerFixture(const QString& prefix, Options options) : m_options(options), m_dir(prefix) {}
 
 AudioServerFixture::~AudioServerFixture() = default;
 
@@ -197,16 +194,16 @@ ManagedProcess::Options probeOptions(const QString& source, const QProcessEnviro
 } // namespace
 
 ::testing::AssertionResult AudioServerFixture::waitUntilSourceDelivers(const QString& source,
-                                                                      std::chrono::milliseconds timeout) {
+                                                                       std::chrono::milliseconds timeout) {
     ManagedProcess probe;
     if (!probe.start(probeOptions(source, environment())))
         return ::testing::AssertionFailure() << probe.errorString().toStdString();
     const QByteArray bytes = probe.readStdout(timeout, 256);
     probe.stop(500ms);
     if (bytes.size() < 256)
-        return ::testing::AssertionFailure() << "source " << source.toStdString() << " delivered no data within "
-                                             << timeout.count() << " ms\n"
-                                             << logs().toStdString();
+        return ::testing::AssertionFailure()
+               << "source " << source.toStdString() << " delivered no data within " << timeout.count() << " ms\n"
+               << logs().toStdString();
     return ::testing::AssertionSuccess();
 }
 
@@ -216,12 +213,12 @@ ManagedProcess::Options probeOptions(const QString& source, const QProcessEnviro
         sources << monitorOf(QString::fromUtf8(sink));
     if (kind() == AudioServerKind::PulseAudio && m_keepAlive.empty()) {
         for (const char* sink : {kSpeakerSink, kBlackHoleSink, kMicFeedSink}) {
-            m_keepAlive.push_back(spawnClient(
-                QStringLiteral("pacat"),
-                {QStringLiteral("--playback"), QStringLiteral("--raw"), QStringLiteral("--latency-msec=20"),
-                 QStringLiteral("--client-name=tavrel-keepalive"),
-                 QStringLiteral("--property=application.id=org.tavrel.test.keepalive"), QStringLiteral("-d"),
-                 QString::fromUtf8(sink), QStringLiteral("/dev/zero")}));
+            m_keepAlive.push_back(
+                spawnClient(QStringLiteral("pacat"),
+                            {QStringLiteral("--playback"), QStringLiteral("--raw"), QStringLiteral("--latency-msec=20"),
+                             QStringLiteral("--client-name=tavrel-keepalive"),
+                             QStringLiteral("--property=application.id=org.tavrel.test.keepalive"),
+                             QStringLiteral("-d"), QString::fromUtf8(sink), QStringLiteral("/dev/zero")}));
         }
     }
     std::vector<ManagedProcess> probes(static_cast<std::size_t>(sources.size()));
@@ -231,7 +228,8 @@ ManagedProcess::Options probeOptions(const QString& source, const QProcessEnviro
     }
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (std::size_t i = 0; i < probes.size(); ++i) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (probes[i].readStdout(std::max(left, 1ms), 256).size() < 256)
             return ::testing::AssertionFailure() << "source " << sources[static_cast<qsizetype>(i)].toStdString()
                                                  << " delivered no data within " << timeout.count() << " ms\n"
@@ -242,9 +240,9 @@ ManagedProcess::Options probeOptions(const QString& source, const QProcessEnviro
 
 ManagedProcess AudioServerFixture::startRecording(const QString& source, const QString& wavPath,
                                                   std::chrono::milliseconds timeout) {
-    ManagedProcess recorder = spawnClient(QStringLiteral("parecord"),
-                                          {QStringLiteral("-d"), source, QStringLiteral("--file-format=wav"),
-                                           QStringLiteral("--latency-msec=20"), wavPath});
+    ManagedProcess recorder =
+        spawnClient(QStringLiteral("parecord"), {QStringLiteral("-d"), source, QStringLiteral("--file-format=wav"),
+                                                 QStringLiteral("--latency-msec=20"), wavPath});
     // A WAV header is 44 bytes; a few hundred more mean samples flow.
     constexpr qint64 kFlowingBytes = 44 + 512;
     if (!waitUntil([&] { return QFileInfo(wavPath).size() > kFlowingBytes || !recorder.isRunning(); }, timeout, 5ms) ||
@@ -256,7 +254,7 @@ ManagedProcess AudioServerFixture::startRecording(const QString& source, const Q
 }
 
 ::testing::AssertionResult AudioServerFixture::recordSource(const QString& source, std::chrono::milliseconds duration,
-                                                           const QString& wavPath) {
+                                                            const QString& wavPath) {
     ManagedProcess recorder = startRecording(source, wavPath);
     if (recorder.pid() <= 0)
         return ::testing::AssertionFailure() << "parecord did not start";
@@ -267,12 +265,13 @@ ManagedProcess AudioServerFixture::startRecording(const QString& source, const Q
     recorder.sendSignal(SIGINT);
     const auto code = recorder.wait(3s);
     if (!code || *code != 0)
-        return ::testing::AssertionFailure() << "parecord did not finish cleanly: " << recorder.describe().toStdString();
+        return ::testing::AssertionFailure()
+               << "parecord did not finish cleanly: " << recorder.describe().toStdString();
     return ::testing::AssertionSuccess();
 }
 
 ::testing::AssertionResult AudioServerFixture::waitUntilReady(const std::vector<ManagedProcess*>& daemons,
-                                                             const QStringList& requiredSinks) {
+                                                              const QStringList& requiredSinks) {
     QString lastError;
     const bool ready = waitUntil(
         [&] {
@@ -304,10 +303,10 @@ ManagedProcess AudioServerFixture::startRecording(const QString& source, const Q
         },
         m_options.startTimeout, 20ms);
     if (!ready || !lastError.isEmpty())
-        return ::testing::AssertionFailure() << kindName().toStdString() << " did not come up within "
-                                             << m_options.startTimeout.count() << " ms: " << lastError.toStdString()
-                                             << "\n"
-                                             << logs().toStdString();
+        return ::testing::AssertionFailure()
+               << kindName().toStdString() << " did not come up within " << m_options.startTimeout.count()
+               << " ms: " << lastError.toStdString() << "\n"
+               << logs().toStdString();
     return ::testing::AssertionSuccess();
 }
 

@@ -5,14 +5,12 @@
 #include "ScopedEnvironment.h"
 #include "TempDir.h"
 
-#include <gtest/gtest.h>
-
 #include <QJsonArray>
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
-
 #include <chrono>
+#include <gtest/gtest.h>
 #include <iosfwd>
 #include <memory>
 #include <optional>

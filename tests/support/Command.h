@@ -4,7 +4,6 @@
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
-
 #include <chrono>
 
 namespace tavrel::test {

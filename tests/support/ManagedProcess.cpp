@@ -3,18 +3,16 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QStandardPaths>
-
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <thread>
-#include <vector>
-
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 extern char** environ;
 
@@ -115,8 +113,7 @@ bool ManagedProcess::start(Options options) {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     const QByteArray log = m_options.logPath.isEmpty() ? QByteArray("/dev/null") : m_options.logPath.toLocal8Bit();
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log.constData(), O_WRONLY | O_CREAT | O_APPEND,
-                                     0644);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log.constData(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     int pipeFds[2] = {-1, -1};
     const QByteArray stdoutFile = m_options.stdoutPath.toLocal8Bit();
     if (m_options.captureStdout) {
@@ -127,8 +124,8 @@ bool ManagedProcess::start(Options options) {
         }
         posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
     } else if (!stdoutFile.isEmpty()) {
-        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, stdoutFile.constData(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, stdoutFile.constData(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
     } else {
         posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
     }
@@ -160,7 +157,8 @@ bool ManagedProcess::start(Options options) {
     if (rc != 0) {
         if (pipeFds[0] >= 0)
             ::close(pipeFds[0]);
-        m_error = QStringLiteral("cannot start %1: %2").arg(m_options.program, QString::fromLocal8Bit(std::strerror(rc)));
+        m_error =
+            QStringLiteral("cannot start %1: %2").arg(m_options.program, QString::fromLocal8Bit(std::strerror(rc)));
         return false;
     }
     m_pid = pid;

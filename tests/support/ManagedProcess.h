@@ -4,10 +4,8 @@
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
-
 #include <chrono>
 #include <optional>
-
 #include <sys/types.h>
 
 namespace tavrel::test {

@@ -9,7 +9,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QtEndian>
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -109,7 +108,8 @@ QString speechFile(const QString& text, const SpeechOptions& options) {
     return commandOk(runCommand(QStringLiteral("sox"),
                                 {QStringLiteral("-D"), QStringLiteral("-n"), QStringLiteral("-b"), QStringLiteral("16"),
                                  QStringLiteral("-r"), QString::number(sampleRateHz), QStringLiteral("-c"),
-                                 QString::number(channels), path, QStringLiteral("trim"), QStringLiteral("0"), QString::number(seconds, 'f', 6)},
+                                 QString::number(channels), path, QStringLiteral("trim"), QStringLiteral("0"),
+                                 QString::number(seconds, 'f', 6)},
                                 {}, 60s));
 }
 
@@ -156,11 +156,11 @@ QStringList topLevelBoxes(const QString& path) {
 
 MediaInfo probe(const QString& path) {
     MediaInfo info;
-    const CommandResult result = runCommand(QStringLiteral("ffprobe"),
-                                            {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-print_format"),
-                                             QStringLiteral("json"), QStringLiteral("-show_format"),
-                                             QStringLiteral("-show_streams"), path},
-                                            {}, 30s);
+    const CommandResult result =
+        runCommand(QStringLiteral("ffprobe"),
+                   {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-print_format"),
+                    QStringLiteral("json"), QStringLiteral("-show_format"), QStringLiteral("-show_streams"), path},
+                   {}, 30s);
     info.topLevelBoxes = topLevelBoxes(path);
     const qsizetype moov = info.topLevelBoxes.indexOf(QStringLiteral("moov"));
     const qsizetype mdat = info.topLevelBoxes.indexOf(QStringLiteral("mdat"));
@@ -202,12 +202,12 @@ std::vector<float> decodeToMonoFloat(const QString& path, int sampleRateHz) {
         return {};
     }
     const int channels = std::max(1, info.channels);
-    const CommandResult result = runCommand(QStringLiteral("ffmpeg"),
-                                            {QStringLiteral("-nostdin"), QStringLiteral("-v"), QStringLiteral("error"),
-                                             QStringLiteral("-i"), path, QStringLiteral("-vn"), QStringLiteral("-ar"),
-                                             QString::number(sampleRateHz), QStringLiteral("-f"),
-                                             QStringLiteral("f32le"), QStringLiteral("-")},
-                                            {}, 120s);
+    const CommandResult result =
+        runCommand(QStringLiteral("ffmpeg"),
+                   {QStringLiteral("-nostdin"), QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"),
+                    path, QStringLiteral("-vn"), QStringLiteral("-ar"), QString::number(sampleRateHz),
+                    QStringLiteral("-f"), QStringLiteral("f32le"), QStringLiteral("-")},
+                   {}, 120s);
     if (!result.ok()) {
         ADD_FAILURE() << "ffmpeg cannot decode " << path.toStdString() << ": " << result.describe().toStdString();
         return {};

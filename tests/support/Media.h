@@ -1,11 +1,9 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <QString>
 #include <QStringList>
-
 #include <cstddef>
+#include <gtest/gtest.h>
 #include <limits>
 #include <span>
 #include <vector>

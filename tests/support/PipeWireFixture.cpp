@@ -7,9 +7,7 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QStandardPaths>
-
 #include <cstring>
-
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -42,8 +40,7 @@ bool socketAccepts(const QString& path) {
 
 } // namespace
 
-PipeWireFixture::PipeWireFixture(Options options) : AudioServerFixture(QStringLiteral("tavrel-pw"), options) {
-}
+PipeWireFixture::PipeWireFixture(Options options) : AudioServerFixture(QStringLiteral("tavrel-pw"), options) {}
 
 PipeWireFixture::~PipeWireFixture() {
     stop();
@@ -61,7 +58,7 @@ bool PipeWireFixture::isAvailable(QString* missing) {
 }
 
 ::testing::AssertionResult PipeWireFixture::startDaemon(ManagedProcess& daemon, const QString& program,
-                                                       const QStringList& args, const QProcessEnvironment& env) {
+                                                        const QStringList& args, const QProcessEnvironment& env) {
     ManagedProcess::Options options;
     options.program = program;
     options.arguments = args;
@@ -166,7 +163,8 @@ bool PipeWireFixture::isAvailable(QString* missing) {
         {QStringLiteral("module-null-sink"), QStringLiteral("sink_name=%1 sink_properties='device.description=\"%2\"'")
                                                  .arg(latin1(kBlackHoleSink), latin1(kBlackHoleDescription))},
         {QStringLiteral("module-null-sink"),
-         QStringLiteral("sink_name=%1 sink_properties='device.description=\"Entrée micro\"'").arg(latin1(kMicFeedSink))},
+         QStringLiteral("sink_name=%1 sink_properties='device.description=\"Entrée micro\"'")
+             .arg(latin1(kMicFeedSink))},
         {QStringLiteral("module-remap-source"),
          QStringLiteral("source_name=%1 master=%2.monitor source_properties='device.description=\"%3\"'")
              .arg(latin1(kMicSource), latin1(kMicFeedSink), QString::fromUtf8(kMicDescription))},
@@ -203,8 +201,7 @@ bool PipeWireFixture::isAvailable(QString* missing) {
         return ::testing::AssertionFailure() << "PipeWire devices did not appear: " << why;
     }
     // WirePlumber applies the defaults asynchronously; wait until pactl reports them.
-    waitUntil([&] { return defaultSink() == latin1(kSpeakerSink) && defaultSource() == latin1(kMicSource); }, 3s,
-              20ms);
+    waitUntil([&] { return defaultSink() == latin1(kSpeakerSink) && defaultSource() == latin1(kMicSource); }, 3s, 20ms);
     m_startupMs = timer.elapsed();
     m_running = true;
     if (m_options.warmUp)
@@ -237,9 +234,9 @@ ManagedProcess PipeWireFixture::startNativeRecordingClient(const RecordingClient
     const QString properties = QStringLiteral("{ application.id=\"%1\" application.name=\"%2\" }")
                                    .arg(options.applicationId, options.clientName);
     const QString target = options.source.isEmpty() ? micSource() : options.source;
-    return spawnClient(link, {QStringLiteral("--record"), QStringLiteral("--target"), target, QStringLiteral("-P"),
-                              properties,
-                              m_dir.filePath(QStringLiteral("native-client-%1.wav").arg(m_clientCount + 1))});
+    return spawnClient(link,
+                       {QStringLiteral("--record"), QStringLiteral("--target"), target, QStringLiteral("-P"),
+                        properties, m_dir.filePath(QStringLiteral("native-client-%1.wav").arg(m_clientCount + 1))});
 }
 
 QJsonArray PipeWireFixture::dump() {

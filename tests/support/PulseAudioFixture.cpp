@@ -5,8 +5,7 @@
 
 namespace tavrel::test {
 
-PulseAudioFixture::PulseAudioFixture(Options options) : AudioServerFixture(QStringLiteral("tavrel-pa"), options) {
-}
+PulseAudioFixture::PulseAudioFixture(Options options) : AudioServerFixture(QStringLiteral("tavrel-pa"), options) {}
 
 PulseAudioFixture::~PulseAudioFixture() {
     stop();
@@ -49,7 +48,8 @@ PulseAudioFixture::~PulseAudioFixture() {
                  "set-default-source %7\n")
                  .arg(socket, QString::fromUtf8(kSpeakerSink), QString::fromUtf8(kSpeakerDescription),
                       QString::fromUtf8(kBlackHoleSink), QString::fromUtf8(kBlackHoleDescription),
-                      QString::fromUtf8(kMicFeedSink), QString::fromUtf8(kMicSource), QString::fromUtf8(kMicDescription))
+                      QString::fromUtf8(kMicFeedSink), QString::fromUtf8(kMicSource),
+                      QString::fromUtf8(kMicDescription))
                  .toUtf8());
     pa.close();
 
@@ -81,7 +81,7 @@ PulseAudioFixture::~PulseAudioFixture() {
     if (!m_daemon.start(options))
         return ::testing::AssertionFailure() << m_daemon.errorString().toStdString();
     auto ready = waitUntilReady({&m_daemon}, {QString::fromUtf8(kSpeakerSink), QString::fromUtf8(kBlackHoleSink),
-                                               QString::fromUtf8(kMicFeedSink)});
+                                              QString::fromUtf8(kMicFeedSink)});
     m_startupMs = timer.elapsed();
     if (!ready) {
         stop();

@@ -2,7 +2,6 @@
 
 #include <QByteArray>
 #include <QProcessEnvironment>
-
 #include <optional>
 #include <utility>
 #include <vector>

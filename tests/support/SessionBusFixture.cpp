@@ -7,7 +7,6 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
-
 #include <memory>
 
 namespace tavrel::test {
@@ -34,11 +33,9 @@ QList<QJsonObject> readJsonLines(const QString& path) {
 
 } // namespace
 
-SessionBusFixture::SessionBusFixture(Options options) : m_options(options), m_dir(QStringLiteral("tavrel-bus")) {
-}
+SessionBusFixture::SessionBusFixture(Options options) : m_options(options), m_dir(QStringLiteral("tavrel-bus")) {}
 
-SessionBusFixture::SessionBusFixture() : SessionBusFixture(Options{}) {
-}
+SessionBusFixture::SessionBusFixture() : SessionBusFixture(Options{}) {}
 
 SessionBusFixture::~SessionBusFixture() {
     stop();
@@ -81,8 +78,8 @@ SessionBusFixture& SessionBusFixture::shared() {
     if (!address || address->trimmed().isEmpty()) {
         const std::string why = m_daemon.describe().toStdString();
         stop();
-        return ::testing::AssertionFailure() << "dbus-daemon did not come up within " << m_options.startTimeout.count()
-                                             << " ms: " << why;
+        return ::testing::AssertionFailure()
+               << "dbus-daemon did not come up within " << m_options.startTimeout.count() << " ms: " << why;
     }
     m_address = QString::fromUtf8(address->trimmed());
     if (m_options.exportEnvironment)
@@ -95,7 +92,8 @@ SessionBusFixture& SessionBusFixture::shared() {
         // The system interpreter: it is the one that sees python3-dbus.
         services.program = QStringLiteral("/usr/bin/python3");
         services.arguments = {QStringLiteral(TAVREL_TEST_SUPPORT_DIR "/fake_desktop_services.py"),
-                              QStringLiteral("--notifications-log"), m_dir.filePath(QStringLiteral("notifications.jsonl"))};
+                              QStringLiteral("--notifications-log"),
+                              m_dir.filePath(QStringLiteral("notifications.jsonl"))};
         if (m_options.statusNotifierWatcher)
             services.arguments << QStringLiteral("--watcher-log") << m_dir.filePath(QStringLiteral("watcher.jsonl"));
         services.environment = env;
@@ -205,7 +203,8 @@ QStringList SessionBusFixture::registeredStatusItems() const {
 
 ::testing::AssertionResult SessionBusFixture::waitForStatusItems(int count, std::chrono::milliseconds timeout) {
     if (!m_options.statusNotifierWatcher)
-        return ::testing::AssertionFailure() << "the fixture runs no StatusNotifierWatcher (Options::statusNotifierWatcher)";
+        return ::testing::AssertionFailure()
+               << "the fixture runs no StatusNotifierWatcher (Options::statusNotifierWatcher)";
     if (waitUntil([&] { return registeredStatusItems().size() >= count; }, timeout))
         return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "expected " << count << " status item(s) within " << timeout.count()

@@ -4,15 +4,13 @@
 #include "ScopedEnvironment.h"
 #include "TempDir.h"
 
-#include <gtest/gtest.h>
-
 #include <QJsonObject>
 #include <QList>
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
-
 #include <chrono>
+#include <gtest/gtest.h>
 
 namespace tavrel::test {
 

@@ -8,11 +8,9 @@ namespace tavrel::test {
 
 using namespace std::chrono_literals;
 
-XvfbFixture::XvfbFixture(Options options) : m_options(options), m_dir(QStringLiteral("tavrel-x")) {
-}
+XvfbFixture::XvfbFixture(Options options) : m_options(options), m_dir(QStringLiteral("tavrel-x")) {}
 
-XvfbFixture::XvfbFixture() : XvfbFixture(Options{}) {
-}
+XvfbFixture::XvfbFixture() : XvfbFixture(Options{}) {}
 
 XvfbFixture::~XvfbFixture() {
     stop();
@@ -25,9 +23,9 @@ XvfbFixture::~XvfbFixture() {
     options.program = QStringLiteral("Xvfb");
     // -displayfd 1: Xvfb chooses a free display and writes its number to our pipe once it accepts
     // connections, so parallel test binaries never race for ":99".
-    options.arguments = {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"),
-                         QStringLiteral("0"), m_options.screen, QStringLiteral("-nolisten"), QStringLiteral("tcp"),
-                         QStringLiteral("-noreset")};
+    options.arguments = {QStringLiteral("-displayfd"), QStringLiteral("1"),       QStringLiteral("-screen"),
+                         QStringLiteral("0"),          m_options.screen,          QStringLiteral("-nolisten"),
+                         QStringLiteral("tcp"),        QStringLiteral("-noreset")};
     options.logPath = m_dir.filePath(QStringLiteral("xvfb.log"));
     options.captureStdout = true;
     options.workingDirectory = m_dir.path();
@@ -39,8 +37,8 @@ XvfbFixture::~XvfbFixture() {
     if (!ok) {
         const std::string why = m_server.describe().toStdString();
         stop();
-        return ::testing::AssertionFailure() << "Xvfb did not come up within " << m_options.startTimeout.count()
-                                             << " ms: " << why;
+        return ::testing::AssertionFailure()
+               << "Xvfb did not come up within " << m_options.startTimeout.count() << " ms: " << why;
     }
     m_display = QStringLiteral(":%1").arg(number);
     if (m_options.exportEnvironment)

@@ -4,12 +4,10 @@
 #include "ScopedEnvironment.h"
 #include "TempDir.h"
 
-#include <gtest/gtest.h>
-
 #include <QProcessEnvironment>
 #include <QString>
-
 #include <chrono>
+#include <gtest/gtest.h>
 
 namespace tavrel::test {
 

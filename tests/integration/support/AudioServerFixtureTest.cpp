@@ -1,16 +1,15 @@
 #include "AudioServerFixture.h"
+
 #include "Media.h"
 #include "PipeWireFixture.h"
 #include "TempDir.h"
 #include "Wait.h"
 
-#include <gtest/gtest.h>
-
-#include <QJsonDocument>
 #include <QJsonArray>
+#include <QJsonDocument>
 #include <QJsonObject>
-
 #include <csignal>
+#include <gtest/gtest.h>
 
 namespace tavrel::test {
 namespace {
@@ -89,8 +88,10 @@ TEST_P(AudioServerFixtureTest, RecordingClientPosesAsConferencingApp) {
     client.stop();
     const auto stillRecording = [&] {
         for (const auto& output : m_server->list(QStringLiteral("source-outputs"))) {
-            if (output.toObject().value(QStringLiteral("properties")).toObject().value(QStringLiteral("application.id")) ==
-                QStringLiteral("us.zoom.xos"))
+            if (output.toObject()
+                    .value(QStringLiteral("properties"))
+                    .toObject()
+                    .value(QStringLiteral("application.id")) == QStringLiteral("us.zoom.xos"))
                 return true;
         }
         return false;
@@ -99,8 +100,9 @@ TEST_P(AudioServerFixtureTest, RecordingClientPosesAsConferencingApp) {
 }
 
 TEST_P(AudioServerFixtureTest, ModulesLoadAndUnload) {
-    const auto index = m_server->loadModule(QStringLiteral("module-null-sink"),
-                                            QStringLiteral("sink_name=extra sink_properties='device.description=\"Casque USB\"'"));
+    const auto index =
+        m_server->loadModule(QStringLiteral("module-null-sink"),
+                             QStringLiteral("sink_name=extra sink_properties='device.description=\"Casque USB\"'"));
     ASSERT_TRUE(index.has_value());
     ASSERT_TRUE(waitUntil([&] { return m_server->sinkNames().contains(QStringLiteral("extra")); }, 3s));
     EXPECT_EQ(m_server->description(QStringLiteral("extra")), QStringLiteral("Casque USB"));
@@ -151,8 +153,8 @@ TEST(PipeWireFixtureTest, NativeRecordingClientPosesAsConferencingApp) {
         [&] {
             const QJsonArray objects = pipewire.dump();
             for (const auto& value : objects) {
-                const QJsonObject props = value.toObject().value(QStringLiteral("info")).toObject().value(
-                    QStringLiteral("props")).toObject();
+                const QJsonObject props =
+                    value.toObject().value(QStringLiteral("info")).toObject().value(QStringLiteral("props")).toObject();
                 if (props.value(QStringLiteral("application.id")).toString() == QStringLiteral("us.zoom.xos") &&
                     props.value(QStringLiteral("media.class")).toString() == QStringLiteral("Stream/Input/Audio"))
                     clientId = QString::number(props.value(QStringLiteral("client.id")).toInt());
@@ -160,8 +162,12 @@ TEST(PipeWireFixtureTest, NativeRecordingClientPosesAsConferencingApp) {
             for (const auto& value : objects) {
                 const QJsonObject object = value.toObject();
                 if (QString::number(object.value(QStringLiteral("id")).toInt()) == clientId)
-                    binary = object.value(QStringLiteral("info")).toObject().value(QStringLiteral("props")).toObject().value(
-                        QStringLiteral("application.process.binary")).toString();
+                    binary = object.value(QStringLiteral("info"))
+                                 .toObject()
+                                 .value(QStringLiteral("props"))
+                                 .toObject()
+                                 .value(QStringLiteral("application.process.binary"))
+                                 .toString();
             }
             return !binary.isEmpty();
         },

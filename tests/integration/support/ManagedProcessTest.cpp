@@ -1,11 +1,10 @@
 #include "ManagedProcess.h"
+
 #include "TempDir.h"
 
-#include <gtest/gtest.h>
-
 #include <QElapsedTimer>
-
 #include <csignal>
+#include <gtest/gtest.h>
 
 namespace tavrel::test {
 namespace {

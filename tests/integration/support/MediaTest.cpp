@@ -1,10 +1,10 @@
-#include "Command.h"
 #include "Media.h"
+
+#include "Command.h"
 #include "TempDir.h"
 
-#include <gtest/gtest.h>
-
 #include <QFile>
+#include <gtest/gtest.h>
 
 namespace tavrel::test {
 namespace {
@@ -79,8 +79,9 @@ TEST_P(ContainerTest, ProbeReportsCodecDurationAndBoxOrder) {
     const QString tone = dir.filePath(QStringLiteral("tone.wav"));
     ASSERT_TRUE(makeTone(440, 2.0, tone, 1));
     const QString m4a = dir.filePath(QStringLiteral("out.m4a"));
-    QStringList args{QStringLiteral("-nostdin"), QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"),
-                     tone, QStringLiteral("-c:a"), QStringLiteral("aac")};
+    QStringList args{
+        QStringLiteral("-nostdin"), QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), tone,
+        QStringLiteral("-c:a"),     QStringLiteral("aac")};
     args << GetParam().extraArguments << m4a;
     const CommandResult encoded = runCommand(QStringLiteral("ffmpeg"), args, {}, 60s);
     ASSERT_TRUE(encoded.ok()) << encoded.describe().toStdString();
@@ -96,10 +97,11 @@ TEST_P(ContainerTest, ProbeReportsCodecDurationAndBoxOrder) {
     EXPECT_EQ(info.topLevelBoxes.value(0), QStringLiteral("ftyp"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Layouts, ContainerTest,
-                         ::testing::Values(ContainerCase{"Plain", {}, false},
-                                           ContainerCase{"FastStart", {QStringLiteral("-movflags"), QStringLiteral("+faststart")}, true}),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Layouts, ContainerTest,
+    ::testing::Values(ContainerCase{"Plain", {}, false},
+                      ContainerCase{"FastStart", {QStringLiteral("-movflags"), QStringLiteral("+faststart")}, true}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(MediaProbeTest, UnreadableFileIsReportedNotCrashed) {
     TempDir dir(QStringLiteral("tavrel-media-test"));

@@ -1,7 +1,6 @@
 #include "SessionBusFixture.h"
-#include "Wait.h"
 
-#include <gtest/gtest.h>
+#include "Wait.h"
 
 #include <QDBusConnection>
 #include <QDBusInterface>
@@ -9,6 +8,7 @@
 #include <QDBusReply>
 #include <QSignalSpy>
 #include <QVariantMap>
+#include <gtest/gtest.h>
 
 namespace tavrel::test {
 namespace {
@@ -37,15 +37,16 @@ TEST(SessionBusFixtureTest, NotifyReachesTheFakeServerIntact) {
     BusConnection connection(bus.address(), QStringLiteral("notify-test"));
     ASSERT_TRUE(connection->isConnected());
 
-    QDBusInterface server(QStringLiteral("org.freedesktop.Notifications"), QStringLiteral("/org/freedesktop/Notifications"),
+    QDBusInterface server(QStringLiteral("org.freedesktop.Notifications"),
+                          QStringLiteral("/org/freedesktop/Notifications"),
                           QStringLiteral("org.freedesktop.Notifications"), *connection);
     const QString summary = QStringLiteral("Enregistrement terminé");
     const QString body = QStringLiteral("Réunion « équipe » — 12 min\nsecond line & <b>markup</b>");
     QVariantMap hints{{QStringLiteral("urgency"), QVariant::fromValue<uchar>(1)},
                       {QStringLiteral("desktop-entry"), QStringLiteral("tavrel-recorder")}};
-    QDBusReply<uint> first = server.call(QStringLiteral("Notify"), QStringLiteral("TaVREL Recorder"), 0u,
-                                         QStringLiteral("tavrel"), summary, body,
-                                         QStringList{QStringLiteral("open"), QStringLiteral("Ouvrir")}, hints, 5000);
+    QDBusReply<uint> first =
+        server.call(QStringLiteral("Notify"), QStringLiteral("TaVREL Recorder"), 0u, QStringLiteral("tavrel"), summary,
+                    body, QStringList{QStringLiteral("open"), QStringLiteral("Ouvrir")}, hints, 5000);
     ASSERT_TRUE(first.isValid()) << first.error().message().toStdString();
     QDBusReply<uint> second = server.call(QStringLiteral("Notify"), QStringLiteral("TaVREL Recorder"), 0u, QString(),
                                           QStringLiteral("Deuxième"), QString(), QStringList(), QVariantMap(), -1);
@@ -67,8 +68,8 @@ TEST(SessionBusFixtureTest, NotifyReachesTheFakeServerIntact) {
 
     // A click on the action reaches whoever listens for ActionInvoked (D-Bus signals have no
     // function-pointer form: the interface's meta-object is built from introspection).
-    QSignalSpy actions(&server, SIGNAL(ActionInvoked(uint,QString)));
-    QSignalSpy closed(&server, SIGNAL(NotificationClosed(uint,uint)));
+    QSignalSpy actions(&server, SIGNAL(ActionInvoked(uint, QString)));
+    QSignalSpy closed(&server, SIGNAL(NotificationClosed(uint, uint)));
     ASSERT_TRUE(actions.isValid());
     ASSERT_TRUE(bus.invokeAction(first.value(), QStringLiteral("open")));
     ASSERT_TRUE(waitUntil([&] { return actions.size() == 1 && closed.size() == 1; }, 3s));

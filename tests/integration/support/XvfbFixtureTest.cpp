@@ -1,9 +1,10 @@
+#include "XvfbFixture.h"
+
 #include "Command.h"
-#include "SessionBusFixture.h"
 #include "ScopedEnvironment.h"
+#include "SessionBusFixture.h"
 #include "TempDir.h"
 #include "Wait.h"
-#include "XvfbFixture.h"
 
 #include <gtest/gtest.h>
 
@@ -19,12 +20,14 @@ TEST(XvfbFixtureTest, DisplayAnswersAndScreenshotsHaveItsSize) {
     EXPECT_EQ(qEnvironmentVariable("DISPLAY"), xvfb.display());
     const CommandResult info = runCommand(QStringLiteral("xdpyinfo"), {}, xvfb.environment(), 10s);
     ASSERT_TRUE(info.ok()) << info.describe().toStdString();
-    EXPECT_TRUE(info.standardOutput.contains("dimensions:    1280x800 pixels")) << info.standardOutput.left(2000).toStdString();
+    EXPECT_TRUE(info.standardOutput.contains("dimensions:    1280x800 pixels"))
+        << info.standardOutput.left(2000).toStdString();
 
     TempDir dir(QStringLiteral("tavrel-x-test"));
     const QString png = dir.filePath(QStringLiteral("root.png"));
     ASSERT_TRUE(xvfb.screenshot(png));
-    const CommandResult identify = runCommand(QStringLiteral("identify"), {QStringLiteral("-format"), QStringLiteral("%w %h"), png});
+    const CommandResult identify =
+        runCommand(QStringLiteral("identify"), {QStringLiteral("-format"), QStringLiteral("%w %h"), png});
     EXPECT_EQ(QString::fromUtf8(identify.standardOutput).trimmed(), QStringLiteral("1280 800"));
 }
 
