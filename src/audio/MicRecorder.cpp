@@ -13,7 +13,7 @@ namespace {
 
 // About 12 s of mono audio: room for the encoder thread to stall on a slow disk without losing anything.
 constexpr std::size_t kRingSamples = std::size_t{1} << 19;
-constexpr std::chrono::milliseconds kEncoderPoll{10};
+constexpr std::chrono::milliseconds kEncoderPoll{20};
 constexpr std::chrono::milliseconds kConnectTimeout{3000};
 // At stop, the reads that carry the last captured samples arrive within a fragment or two.
 constexpr uint64_t kTailReads = 2;
@@ -64,7 +64,7 @@ MicRecorder::~MicRecorder() {
 }
 
 bool MicRecorder::record() {
-    if (m_stopped)
+    if (m_stopped || !m_stream)
         return false;
     if (m_connected) {
         m_paused = false;

@@ -72,7 +72,7 @@ std::shared_ptr<PulseContext> PulseContext::instance(std::chrono::milliseconds t
     if (g_instance && g_instance->isReady() && g_instance->serverAddress() == address)
         return g_instance;
     // A failed or outdated connection stays alive for whoever still holds it; new users get a fresh one.
-    std::shared_ptr<PulseContext> fresh(new PulseContext());
+    auto fresh = std::make_shared<PulseContext>(Token{});
     fresh->connect(address, timeout);
     g_instance = fresh;
     return fresh;

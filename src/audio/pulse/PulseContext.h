@@ -112,6 +112,14 @@ public:
     /// The connected context of this process, made on first use. Throws `PulseError` when no server answers.
     static std::shared_ptr<PulseContext> instance(std::chrono::milliseconds timeout = kDefaultTimeout);
 
+    /// Only `instance()` can make one (the tag is private).
+    struct Token {
+    private:
+        Token() = default;
+        friend class PulseContext;
+    };
+    explicit PulseContext(Token) {}
+
     ~PulseContext();
     PulseContext(const PulseContext&) = delete;
     PulseContext& operator=(const PulseContext&) = delete;
@@ -154,7 +162,6 @@ public:
     int lastError() const;
 
 private:
-    PulseContext() = default;
     void connect(const QString& serverAddress, std::chrono::milliseconds timeout);
     static void onStateChanged(pa_context* context, void* userdata);
 
