@@ -103,6 +103,9 @@ QCoro::Task<> AppDelegate::uploadFile(QString fileURL, QString title, qint64 cli
                          QStringLiteral("Plus tard")};
         alert.style = AlertStyle::warning;
         const int response = m_services.alerts ? m_services.alerts->run(alert) : kFirstButton - 1;
+        // The alert's event loop may have seen the application go.
+        if (!self)
+            co_return;
         if (response == kFirstButton) {
             // A fresh attempt of its own, with the notes read the first time.
             QTimer::singleShot(0, this, [this, fileURL, title, clientId, synthesisType, depth, notes] {
@@ -202,7 +205,10 @@ QCoro::Task<> AppDelegate::runUploadDialog(QString fileURL) {
     alert.informativeText = QStringLiteral("Options de transcription :");
     alert.buttons = {QStringLiteral("Envoyer"), QStringLiteral("Annuler")};
     alert.accessory = &form;
-    if (m_services.alerts->run(alert) != kFirstButton) {
+    const int response = m_services.alerts->run(alert);
+    if (!self)
+        co_return;
+    if (response != kFirstButton) {
         notify(QStringLiteral("Enregistrement conservé"),
                QStringLiteral("Non envoyé — il vous sera proposé au prochain lancement d'TaVREL Recorder."));
         co_return;
@@ -221,7 +227,10 @@ QCoro::Task<> AppDelegate::runUploadDialog(QString fileURL) {
             notFound.informativeText = QStringLiteral("Aucun client ne correspond à « ") + typedClient
                                        + QStringLiteral(" ». Envoyer sans client ?");
             notFound.buttons = {QStringLiteral("Envoyer sans client"), QStringLiteral("Revenir au formulaire")};
-            if (m_services.alerts->run(notFound) != kFirstButton) {
+            const int choice = m_services.alerts->run(notFound);
+            if (!self)
+                co_return;
+            if (choice != kFirstButton) {
                 showUploadDialog(fileURL);
                 co_return;
             }
@@ -274,7 +283,10 @@ void AppDelegate::checkPendingRecordings() {
     alert.informativeText = QStringLiteral("Des enregistrements attendent d'être envoyés pour transcription.");
     alert.buttons = {QStringLiteral("Envoyer maintenant"), QStringLiteral("Afficher dans le Finder"),
                      QStringLiteral("Plus tard")};
+    const QPointer<AppDelegate> self(this);
     const int response = m_services.alerts->run(alert);
+    if (!self)
+        return;
     if (response == kFirstButton) {
         for (const QString& path : std::as_const(paths))
             showUploadDialog(path);
