@@ -6,7 +6,7 @@ namespace tavrel {
 
 int64_t CaptureTimeline::framesAt(int64_t ns) const {
     const int64_t elapsed = ns - m_startNs;
-    // 128-bit free: an hour at 48 kHz is far below the range of elapsed * rate.
+    // elapsed * rate stays within 64 bits for about fifty hours at 48 kHz.
     return elapsed * m_sampleRateHz / 1'000'000'000;
 }
 

@@ -3,6 +3,7 @@
 
 #include "TestSupport.h"
 
+#include "audio/AudioRouting.h"
 #include "audio/BlackHoleRecorder.h"
 #include "audio/ProcessTapRecorder.h"
 #include "audio/SystemAudioRecorder.h"
@@ -347,6 +348,73 @@ TEST_F(PulseCaptureTest, virtualDeviceThatVanishedFailsToStart) {
         EXPECT_EQ(failure.localizedDescription(), QStringLiteral("Impossible de démarrer la capture BlackHole."));
     }
     EXPECT_EQ(recorder.stopBlocking(), std::nullopt);
+}
+
+/// Kills our record stream named `mediaName` from the server side, as when its device goes away.
+bool killStream(AudioServerFixture& server, const QString& mediaName) {
+    for (const auto& entry : server.list("source-outputs")) {
+        const QJsonObject output = entry.toObject();
+        if (output.value("properties").toObject().value("media.name").toString() == mediaName)
+            return server.runPactl({"kill-source-output", QString::number(output.value("index").toInt())}).ok();
+    }
+    return false;
+}
+
+// The server ending the stream is a dead end for the monitor source: logged, no file to give.
+TEST_F(PulseCaptureTest, monitorStreamEndedByTheServerGivesNoFile) {
+    LogLines log;
+    SystemAudioRecorder recorder;
+    ASSERT_NO_THROW(recorder.startBlocking());
+    std::this_thread::sleep_for(300ms);
+    ASSERT_TRUE(killStream(m_server, QStringLiteral("TaVREL sortie système")));
+    ASSERT_TRUE(waitUntil([&] { return !recorder.isRecording(); }, 3s));
+    EXPECT_EQ(recorder.currentLevel(), 0.0f);
+    EXPECT_EQ(recorder.stopBlocking(), std::nullopt);
+    const QStringList lines = log.lines();
+    EXPECT_EQ(lines.filter(QRegularExpression("^\\[SystemAudio\\] Stream stoppé : .+")).size(), 1) << lines.join('\n').toStdString();
+    EXPECT_FALSE(lines.contains(QStringLiteral("[SystemAudio] Capture arrêtée")));
+}
+
+// The virtual device's file survives the server ending its stream: stop hands it over without waiting.
+TEST_F(PulseCaptureTest, virtualDeviceStreamEndedByTheServerStillGivesItsFile) {
+    ASSERT_TRUE(m_server.warmUp());
+    LogLines log;
+    const auto device = BlackHoleRecorder::findDevice();
+    ASSERT_TRUE(device);
+    BlackHoleRecorder recorder(*device);
+    ASSERT_NO_THROW(recorder.startBlocking());
+    std::this_thread::sleep_for(1s);
+    ASSERT_TRUE(killStream(m_server, QStringLiteral("TaVREL BlackHole")));
+    ASSERT_TRUE(waitUntil([&] { return !recorder.isRunning(); }, 3s));
+    const auto file = recorder.stopBlocking();
+    ASSERT_TRUE(file);
+    const MediaInfo info = probe(*file);
+    ASSERT_TRUE(info.valid) << info.error.toStdString();
+    EXPECT_NEAR(info.formatDurationS, 1.0, 0.3);
+    const QStringList lines = log.lines();
+    EXPECT_EQ(lines.filter(QRegularExpression("^\\[BlackHole\\] Fin d'enregistrement avec erreur : .+")).size(), 1);
+    EXPECT_FALSE(lines.contains(QStringLiteral("[BlackHole] Capture arrêtée")));
+}
+
+// Start-up looks for a leftover routing device by its identifier and removes it.
+TEST_F(PulseCaptureTest, routingFindsDevicesByIdentifierAndDestroysTheirModule) {
+    const auto devices = AudioRouting::allDevices();
+    const auto has = [&](const QString& uid) {
+        return std::any_of(devices.begin(), devices.end(), [&](const auto& d) { return d.uid == uid; });
+    };
+    EXPECT_TRUE(has(m_server.speakerSink()));
+    EXPECT_TRUE(has(m_server.micSource()));
+    EXPECT_TRUE(has(AudioServerFixture::monitorOf(m_server.blackHoleSink())));
+    EXPECT_FALSE(AudioRouting::device(QStringLiteral("no-such-device")));
+
+    ASSERT_TRUE(m_server.loadModule("module-null-sink", "sink_name=fr.tavrel.recorder.autoroute"));
+    const auto leftover = AudioRouting::device(QStringLiteral("fr.tavrel.recorder.autoroute"));
+    ASSERT_TRUE(leftover);
+    EXPECT_EQ(leftover->kind, AudioRouting::DeviceKind::sink);
+    EXPECT_TRUE(AudioRouting::destroy(*leftover));
+    EXPECT_FALSE(AudioRouting::device(QStringLiteral("fr.tavrel.recorder.autoroute")));
+    EXPECT_FALSE(m_server.sinkNames().contains("fr.tavrel.recorder.autoroute"));
+    EXPECT_TRUE(AudioRouting::device(m_server.speakerSink())) << "only the leftover goes";
 }
 
 } // namespace
