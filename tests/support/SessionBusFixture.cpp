@@ -46,6 +46,7 @@ SessionBusFixture& SessionBusFixture::shared() {
     if (!instance) {
         Options options;
         options.statusNotifierWatcher = true;
+        options.fileManager = true;
         instance = std::make_unique<SessionBusFixture>(options);
         const auto started = instance->start();
         if (!started)
@@ -85,7 +86,7 @@ SessionBusFixture& SessionBusFixture::shared() {
     if (m_options.exportEnvironment)
         m_exported.set("DBUS_SESSION_BUS_ADDRESS", m_address.toUtf8());
 
-    if (m_options.notificationServer || m_options.statusNotifierWatcher) {
+    if (m_options.notificationServer || m_options.statusNotifierWatcher || m_options.fileManager) {
         env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), m_address);
         env.insert(QStringLiteral("PYTHONDONTWRITEBYTECODE"), QStringLiteral("1"));
         ManagedProcess::Options services;
@@ -96,6 +97,9 @@ SessionBusFixture& SessionBusFixture::shared() {
                               m_dir.filePath(QStringLiteral("notifications.jsonl"))};
         if (m_options.statusNotifierWatcher)
             services.arguments << QStringLiteral("--watcher-log") << m_dir.filePath(QStringLiteral("watcher.jsonl"));
+        if (m_options.fileManager)
+            services.arguments << QStringLiteral("--file-manager-log")
+                               << m_dir.filePath(QStringLiteral("file-manager.jsonl"));
         services.environment = env;
         services.logPath = m_dir.filePath(QStringLiteral("services.log"));
         services.captureStdout = true;
@@ -210,6 +214,33 @@ QStringList SessionBusFixture::registeredStatusItems() const {
     return ::testing::AssertionFailure() << "expected " << count << " status item(s) within " << timeout.count()
                                          << " ms, got " << registeredStatusItems().size() << "\n"
                                          << logs().toStdString();
+}
+
+QList<SessionBusFixture::FileManagerCall> SessionBusFixture::fileManagerCalls() const {
+    QList<FileManagerCall> calls;
+    for (const QJsonObject& record : readJsonLines(m_dir.filePath(QStringLiteral("file-manager.jsonl")))) {
+        FileManagerCall call;
+        call.method = record.value(QStringLiteral("method")).toString();
+        for (const auto& uri : record.value(QStringLiteral("uris")).toArray())
+            call.uris << uri.toString();
+        calls << call;
+    }
+    return calls;
+}
+
+::testing::AssertionResult SessionBusFixture::waitForFileManagerCalls(int count, std::chrono::milliseconds timeout) {
+    if (!m_options.fileManager)
+        return ::testing::AssertionFailure() << "the fixture runs no file manager (Options::fileManager)";
+    if (waitUntil([&] { return fileManagerCalls().size() >= count; }, timeout))
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "expected " << count << " file manager call(s) within " << timeout.count()
+                                         << " ms, got " << fileManagerCalls().size() << "\n"
+                                         << logs().toStdString();
+}
+
+::testing::AssertionResult SessionBusFixture::setFileManagerPresent(bool present) {
+    return callControl(QStringLiteral("SetFileManagerPresent"),
+                       {QStringLiteral("boolean:") + (present ? QStringLiteral("true") : QStringLiteral("false"))});
 }
 
 QString SessionBusFixture::logs() const {

@@ -38,6 +38,8 @@ public:
     struct Options {
         bool notificationServer = true;
         bool statusNotifierWatcher = false;
+        /// A fake org.freedesktop.FileManager1 that logs ShowItems/ShowFolders.
+        bool fileManager = false;
         /// Export DBUS_SESSION_BUS_ADDRESS into the test process.
         bool exportEnvironment = true;
         std::chrono::milliseconds startTimeout{10000};
@@ -79,6 +81,17 @@ public:
     QStringList registeredStatusItems() const;
     ::testing::AssertionResult waitForStatusItems(int count,
                                                   std::chrono::milliseconds timeout = std::chrono::seconds(5));
+
+    /// Every FileManager1 call so far: method name ("ShowItems", "ShowFolders") and its URIs.
+    struct FileManagerCall {
+        QString method;
+        QStringList uris;
+    };
+    QList<FileManagerCall> fileManagerCalls() const;
+    ::testing::AssertionResult waitForFileManagerCalls(int count,
+                                                       std::chrono::milliseconds timeout = std::chrono::seconds(5));
+    /// Takes the fake file manager off the bus (false) or puts it back (true), to test the fallback.
+    ::testing::AssertionResult setFileManagerPresent(bool present);
 
     qint64 startupMs() const { return m_startupMs; }
     QString logs() const;

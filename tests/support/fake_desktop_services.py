@@ -5,7 +5,10 @@
   with increasing ids (or the replaced id).
 - org.kde.StatusNotifierWatcher (optional): accepts item registrations, reports one registered
   host, and logs registrations and the items' disappearance.
-- org.tavrel.FakeDesktop at /: lets a test click a notification action or dismiss it.
+- org.freedesktop.FileManager1 (optional): ShowItems/ShowFolders calls are logged; a test can make
+  the file manager leave the bus and come back.
+- org.tavrel.FakeDesktop at /: lets a test click a notification action, dismiss it, or take the
+  file manager away.
 
 Prints "ready" on standard output once every name is owned.
 """
@@ -230,10 +233,47 @@ class StatusNotifierWatcher(dbus.service.Object):
             self.StatusNotifierItemUnregistered(entry)
 
 
+class FileManager(dbus.service.Object):
+    NAME = "org.freedesktop.FileManager1"
+
+    def __init__(self, bus, journal):
+        super().__init__(bus, "/org/freedesktop/FileManager1")
+        self.bus = bus
+        self.journal = journal
+        self.name = None
+
+    def set_present(self, present):
+        if present and self.name is None:
+            self.name = dbus.service.BusName(self.NAME, self.bus, do_not_queue=True)
+        elif not present and self.name is not None:
+            self.bus.release_name(self.NAME)
+            self.name = None
+
+    @dbus.service.method(NAME, in_signature="ass", out_signature="")
+    def ShowItems(self, uris, startup_id):
+        self.journal.append({"method": "ShowItems", "uris": [str(u) for u in uris], "startup_id": str(startup_id)})
+
+    @dbus.service.method(NAME, in_signature="ass", out_signature="")
+    def ShowFolders(self, uris, startup_id):
+        self.journal.append({"method": "ShowFolders", "uris": [str(u) for u in uris], "startup_id": str(startup_id)})
+
+    @dbus.service.method(NAME, in_signature="ass", out_signature="")
+    def ShowItemProperties(self, uris, startup_id):
+        self.journal.append({"method": "ShowItemProperties", "uris": [str(u) for u in uris],
+                             "startup_id": str(startup_id)})
+
+
 class Control(dbus.service.Object):
-    def __init__(self, bus, notifications):
+    def __init__(self, bus, notifications, file_manager):
         super().__init__(bus, "/")
         self.notifications = notifications
+        self.file_manager = file_manager
+
+    @dbus.service.method(CONTROL_IFACE, in_signature="b", out_signature="")
+    def SetFileManagerPresent(self, present):
+        if self.file_manager is None:
+            raise dbus.exceptions.DBusException("no file manager in this run")
+        self.file_manager.set_present(bool(present))
 
     @dbus.service.method(CONTROL_IFACE, in_signature="us", out_signature="")
     def InvokeAction(self, nid, action_key):
@@ -249,6 +289,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--notifications-log", required=True)
     parser.add_argument("--watcher-log")
+    parser.add_argument("--file-manager-log")
     args = parser.parse_args()
 
     DBusGMainLoop(set_as_default=True)
@@ -256,7 +297,12 @@ def main():
     keep = []
     notifications = Notifications(bus, Journal(args.notifications_log))
     keep.append(dbus.service.BusName("org.freedesktop.Notifications", bus, do_not_queue=True))
-    keep.append(Control(bus, notifications))
+    file_manager = None
+    if args.file_manager_log:
+        file_manager = FileManager(bus, Journal(args.file_manager_log))
+        file_manager.set_present(True)
+        keep.append(file_manager)
+    keep.append(Control(bus, notifications, file_manager))
     keep.append(dbus.service.BusName("org.tavrel.FakeDesktop", bus, do_not_queue=True))
     if args.watcher_log:
         watcher = StatusNotifierWatcher(bus, Journal(args.watcher_log))

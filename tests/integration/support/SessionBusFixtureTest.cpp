@@ -82,6 +82,35 @@ TEST(SessionBusFixtureTest, NotifyReachesTheFakeServerIntact) {
     RecordProperty("busStartupMs", static_cast<int>(bus.startupMs()));
 }
 
+TEST(SessionBusFixtureTest, FileManagerLogsShowItemsAndCanLeaveTheBus) {
+    SessionBusFixture::Options options;
+    options.fileManager = true;
+    SessionBusFixture bus(options);
+    ASSERT_TRUE(bus.start());
+    BusConnection connection(bus.address(), QStringLiteral("file-manager-test"));
+    const auto showItems = [&](const QStringList& uris) {
+        QDBusMessage call = QDBusMessage::createMethodCall(
+            QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
+            QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));
+        call << uris << QString();
+        return connection->call(call);
+    };
+    const QStringList uris{QStringLiteral("file:///tmp/R%C3%A9union%201.m4a"), QStringLiteral("file:///tmp/b.m4a")};
+    EXPECT_EQ(showItems(uris).type(), QDBusMessage::ReplyMessage);
+    ASSERT_TRUE(bus.waitForFileManagerCalls(1));
+    EXPECT_EQ(bus.fileManagerCalls().front().method, QStringLiteral("ShowItems"));
+    EXPECT_EQ(bus.fileManagerCalls().front().uris, uris);
+
+    // Without a file manager on the bus the caller gets an error at once (its cue to fall back).
+    ASSERT_TRUE(bus.setFileManagerPresent(false));
+    const QDBusMessage missing = showItems(uris);
+    EXPECT_EQ(missing.type(), QDBusMessage::ErrorMessage);
+    EXPECT_EQ(missing.errorName(), QStringLiteral("org.freedesktop.DBus.Error.ServiceUnknown"));
+    ASSERT_TRUE(bus.setFileManagerPresent(true));
+    EXPECT_EQ(showItems(uris).type(), QDBusMessage::ReplyMessage);
+    EXPECT_TRUE(bus.waitForFileManagerCalls(2));
+}
+
 TEST(SessionBusFixtureTest, SharedBusServesTheWholeBinary) {
     SessionBusFixture& bus = SessionBusFixture::shared();
     ASSERT_TRUE(bus.isRunning());
