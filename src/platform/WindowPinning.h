@@ -9,4 +9,8 @@ namespace tavrel {
 /// shown. Does nothing where the window system has no such request (Wayland, offscreen).
 void showOnAllWorkspaces(QWindow& window);
 
+/// Whether windows with transparent parts (rounded corners, drawn shadows) show as such: false on an
+/// X11 screen with no compositing manager, where transparent pixels would show black.
+bool isCompositingAvailable();
+
 } // namespace tavrel

@@ -11,6 +11,7 @@
 #include <QLabel>
 #include <QPaintEvent>
 #include <QPainter>
+#include <QPainterPath>
 #include <QScreen>
 #include <QTimer>
 #include <QToolButton>
@@ -26,6 +27,7 @@ namespace {
 constexpr int kShadowMarginPx = 18;
 constexpr int kShadowBlurPx = 9;
 constexpr int kShadowOffsetYPx = 4;
+constexpr qreal kCardRadiusPx = 20.0;
 const QRect kFallbackArea(0, 0, 1440, 900);
 
 const QColor kLabelColor = QColor::fromRgbF(0.2f, 0.2f, 0.2f, 0.6f);
@@ -87,23 +89,36 @@ QImage makeShadow(QSize cardSize) {
     return image;
 }
 
-/// The panel's top-level window: transparent, with the card inset by the shadow's margin.
+/// The panel's top-level window: transparent, with the card inset by the shadow's margin. Without a
+/// compositor it is the card itself, cut to its rounded shape.
 class HUDPanel : public QWidget {
 public:
-    HUDPanel()
+    explicit HUDPanel(bool translucent)
         : QWidget(nullptr, Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint |
                                Qt::WindowDoesNotAcceptFocus | Qt::NoDropShadowWindowHint),
-          m_shadow(makeShadow(QSize(HUDView::kWidthPx, HUDView::kHeightPx))) {
+          m_marginPx(translucent ? kShadowMarginPx : 0) {
         setAttribute(Qt::WA_ShowWithoutActivating);
-        setAttribute(Qt::WA_TranslucentBackground);
-        setAttribute(Qt::WA_NoSystemBackground);
         setFocusPolicy(Qt::NoFocus);
         setWindowTitle(QStringLiteral("TaVREL Recorder"));
-        setFixedSize(HUDView::kWidthPx + 2 * kShadowMarginPx, HUDView::kHeightPx + 2 * kShadowMarginPx);
+        const QSize card(HUDView::kWidthPx, HUDView::kHeightPx);
+        setFixedSize(card + QSize(2 * m_marginPx, 2 * m_marginPx));
+        if (translucent) {
+            setAttribute(Qt::WA_TranslucentBackground);
+            setAttribute(Qt::WA_NoSystemBackground);
+            m_shadow = makeShadow(card);
+        } else {
+            QPainterPath shape;
+            shape.addRoundedRect(QRectF(QPointF(0, 0), card), kCardRadiusPx, kCardRadiusPx);
+            setMask(QRegion(shape.toFillPolygon().toPolygon()));
+        }
     }
+
+    int marginPx() const { return m_marginPx; }
 
 protected:
     void paintEvent(QPaintEvent* event) override {
+        if (m_shadow.isNull())
+            return;
         QPainter painter(this);
         painter.setCompositionMode(QPainter::CompositionMode_Source);
         const QRect dirty = event->rect();
@@ -111,6 +126,7 @@ protected:
     }
 
 private:
+    int m_marginPx;
     QImage m_shadow;
 };
 
@@ -246,10 +262,12 @@ void RecordingHUD::buildPanel(bool systemAudio) {
     QScreen* screen = QGuiApplication::primaryScreen();
     const QRect cardRect = panelRect(screen ? screen->availableGeometry() : kFallbackArea);
 
-    m_panel.reset(new HUDPanel);
-    m_panel->move(cardRect.topLeft() - QPoint(kShadowMarginPx, kShadowMarginPx));
+    auto* panel = new HUDPanel(!compositingAvailable || compositingAvailable());
+    m_panel.reset(panel);
+    const int margin = panel->marginPx();
+    m_panel->move(cardRect.topLeft() - QPoint(margin, margin));
     m_view = new HUDView(m_panel.get());
-    m_view->move(kShadowMarginPx, kShadowMarginPx);
+    m_view->move(margin, margin);
     const qreal ratio = m_view->devicePixelRatioF();
 
     auto* logo = new QLabel(m_view);

@@ -39,6 +39,9 @@ public:
     /// Called with the panel's native window before it is first shown, to keep it on every workspace
     /// (the desktop-specific part lives with the platform code). Optional.
     std::function<void(QWindow&)> pinToAllWorkspaces;
+    /// Whether the desktop shows transparent window parts; without it the panel has no drawn shadow and
+    /// is cut to its rounded shape instead. Optional (unset: transparency is available).
+    std::function<bool()> compositingAvailable;
 
     /// Shows a new panel with one meter, or two when `systemAudio`; does nothing while a panel is shown.
     void show(bool systemAudio);

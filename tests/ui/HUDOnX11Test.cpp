@@ -11,6 +11,7 @@
 
 #include <QCoreApplication>
 #include <QGuiApplication>
+#include <QScreen>
 #include <QWindow>
 
 #include <xcb/xcb.h>
@@ -51,6 +52,8 @@ TEST(HUDOnX11, Child) {
 
     tavrel::RecordingHUD hud;
     hud.pinToAllWorkspaces = [](QWindow& window) { tavrel::showOnAllWorkspaces(window); };
+    hud.compositingAvailable = [] { return tavrel::isCompositingAvailable(); };
+    EXPECT_FALSE(tavrel::isCompositingAvailable()) << "Xvfb runs no compositing manager";
     hud.show(true);
     QCoreApplication::processEvents();
     xcb_connection_t* connection = x11->connection();
@@ -62,6 +65,8 @@ TEST(HUDOnX11, Child) {
     EXPECT_NE(std::find(states.begin(), states.end(), atom(connection, "_NET_WM_STATE_ABOVE")), states.end())
         << "Qt's own stay-on-top state is kept beside ours";
     EXPECT_TRUE(hud.panel()->isVisible());
+    EXPECT_FALSE(hud.panel()->mask().isEmpty()) << "cut to the card's shape: no black shadow area";
+    EXPECT_EQ(hud.panel()->geometry(), tavrel::RecordingHUD::panelRect(QGuiApplication::primaryScreen()->availableGeometry()));
 }
 
 TEST(HUDOnX11, PanelIsOnEveryWorkspace) {

@@ -71,6 +71,20 @@ TEST(RecordingHUD, PanelIsAFloatingToolWindowAtTheTopRight) {
     EXPECT_EQ(hud.panelFrame(), QRect(area.x() + area.width() - 80, area.y() + 20, 60, 262));
 }
 
+TEST(RecordingHUD, WithoutCompositingThePanelIsTheCardCutToItsShape) {
+    RecordingHUD hud;
+    hud.compositingAvailable = [] { return false; };
+    hud.show(true);
+    QWidget* panel = hud.panel();
+    EXPECT_EQ(panel->size(), QSize(60, 262));
+    EXPECT_FALSE(panel->testAttribute(Qt::WA_TranslucentBackground));
+    const QRegion mask = panel->mask();
+    EXPECT_TRUE(mask.contains(QPoint(30, 131)));
+    EXPECT_FALSE(mask.contains(QPoint(1, 1))) << "rounded corner";
+    const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
+    EXPECT_EQ(hud.panelFrame(), QRect(area.x() + area.width() - 80, area.y() + 20, 60, 262));
+}
+
 TEST(RecordingHUD, PanelRectFollowsTheAvailableArea) {
     EXPECT_EQ(RecordingHUD::panelRect(QRect(0, 25, 1512, 920)).topLeft(), QPoint(1432, 45));
     EXPECT_EQ(RecordingHUD::panelRect(QRect(1920, 0, 1280, 1024)).topLeft(), QPoint(3120, 20));

@@ -73,4 +73,18 @@ void showOnAllWorkspaces(QWindow& window) {
     xcb_flush(connection);
 }
 
+bool isCompositingAvailable() {
+    auto* x11 = qGuiApp ? qGuiApp->nativeInterface<QNativeInterface::QX11Application>() : nullptr;
+    if (!x11 || !x11->connection())
+        return true; // Wayland compositors always composite; offscreen keeps alpha
+    xcb_connection_t* connection = x11->connection();
+    // EWMH: a compositing manager owns the selection _NET_WM_CM_S<screen number>.
+    const xcb_atom_t selection = internAtom(connection, "_NET_WM_CM_S0");
+    if (selection == XCB_ATOM_NONE)
+        return false;
+    std::unique_ptr<xcb_get_selection_owner_reply_t, FreeDeleter> reply(
+        xcb_get_selection_owner_reply(connection, xcb_get_selection_owner(connection, selection), nullptr));
+    return reply && reply->owner != XCB_WINDOW_NONE;
+}
+
 } // namespace tavrel
