@@ -13,12 +13,12 @@ struct CommandResult {
     int exitCode = -1; ///< -1 when it could not start or timed out
     QByteArray standardOutput;
     QByteArray standardError;
-    QString error; ///< why it failed to start or finish, empty otherwise
+    QString error;   ///< why it failed to start or finish, empty otherwise
+    QString command; ///< the command line, for messages
 
     bool ok() const { return exitCode == 0 && error.isEmpty(); }
     /// One line for assertion messages: the command, its exit code and its standard error.
     QString describe() const;
-    QString command;
 };
 
 /// Runs a command to completion (killed after `timeout`). `environment` empty: the test process's.
