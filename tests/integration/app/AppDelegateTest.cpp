@@ -1,0 +1,233 @@
+// Launch, tray popover, settings window and the idle title: the delegate without recording.
+#include "AppDelegateTestBase.h"
+
+#include "audio/AudioRecorder.h"
+#include "core/CallMonitor.h"
+#include "ui/CircleButton.h"
+#include "ui/HUDView.h"
+#include "ui/MainPopoverController.h"
+#include "ui/RecordingHUD.h"
+#include "ui/VUMeterView.h"
+#include "ui/SettingsForm.h"
+
+#include <QCheckBox>
+#include <QFile>
+#include <QFileInfo>
+#include <QLineEdit>
+#include <QSettings>
+
+namespace tavrel::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+class AppDelegateTest : public AppDelegateTestBase {};
+
+// --- launch ---
+
+struct StaleDeviceCase {
+    const char* name;
+    bool present;
+};
+
+class StaleDeviceTest : public AppDelegateTest, public ::testing::WithParamInterface<StaleDeviceCase> {};
+
+TEST_P(StaleDeviceTest, LeftoverRoutingDeviceIsRemovedAtLaunch) {
+    QStringList asked;
+    QList<uint32_t> destroyed;
+    launch([&](AppServices& services) {
+        services.deviceWithUID = [&](const QString& uid) -> std::optional<AudioRouting::Device> {
+            asked << uid;
+            if (!GetParam().present)
+                return std::nullopt;
+            AudioRouting::Device device;
+            device.index = 42;
+            device.uid = uid;
+            return device;
+        };
+        services.destroyDevice = [&](const AudioRouting::Device& device) {
+            destroyed << device.index;
+            return true;
+        };
+    });
+    EXPECT_EQ(asked, QStringList{QStringLiteral("fr.tavrel.recorder.autoroute")});
+    EXPECT_EQ(destroyed, GetParam().present ? QList<uint32_t>{42} : QList<uint32_t>{});
+}
+
+INSTANTIATE_TEST_SUITE_P(Launch, StaleDeviceTest,
+                         ::testing::Values(StaleDeviceCase{"present", true}, StaleDeviceCase{"absent", false}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(AppDelegateTest, InterruptedRecordingsAreRepairedAtLaunch) {
+    const QString folder = AudioRecorder::recordingsDir();
+    for (const QString& name : {QStringLiteral("tavrel_mic_1.m4a"), QStringLiteral("tavrel_merged_2.m4a"),
+                                QStringLiteral("tavrel_merged_2.notes.txt")}) {
+        QFile file(folder + u'/' + name);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    }
+    QStringList repaired;
+    launch([&](AppServices& services) {
+        services.recoverInterruptedRecording = [&](const QString& path) { repaired << QFileInfo(path).fileName(); };
+    });
+    repaired.sort();
+    EXPECT_EQ(repaired, (QStringList{QStringLiteral("tavrel_merged_2.m4a"), QStringLiteral("tavrel_mic_1.m4a")}));
+}
+
+TEST_F(AppDelegateTest, CallMonitorFollowsTheSettingAtLaunch) {
+    for (const bool detect : {false, true}) {
+        SettingsManager::shared().setAutoDetectCalls(detect);
+        launch();
+        ASSERT_NE(m_delegate->callMonitor(), nullptr) << "the monitor exists either way";
+        EXPECT_EQ(m_delegate->callMonitor()->isPolling(), detect);
+        m_delegate.reset();
+    }
+}
+
+TEST_F(AppDelegateTest, NotificationsGoToTheDesktop) {
+    launch();
+    m_delegate->notify(QStringLiteral("Titre"), QStringLiteral("Corps"));
+    m_delegate->notify(QStringLiteral("Titre"), QStringLiteral("Corps"));
+    EXPECT_EQ(m_notifier->notifications.size(), 2);
+}
+
+// --- the idle title ---
+
+TEST_F(AppDelegateTest, StoppingWhileIdleShowsTheUploadStateInTheTitle) {
+    launch();
+    m_delegate->setBusyIndicator(true, QStringLiteral("⏳"));
+    m_delegate->stopRecording();
+    EXPECT_EQ(m_delegate->statusTitle(), QStringLiteral("⏳"));
+    EXPECT_EQ(m_statusItem->title(), QStringLiteral("⏳"));
+    EXPECT_EQ(m_statusItem->icon, StatusIcon::busy);
+    m_delegate->setBusyIndicator(false, QStringLiteral("⏳"));
+    m_delegate->stopRecording();
+    EXPECT_EQ(m_delegate->statusTitle(), QString());
+    EXPECT_EQ(m_statusItem->icon, StatusIcon::idle);
+    EXPECT_FALSE(m_delegate->hud().isShown());
+}
+
+// --- the popover ---
+
+TEST_F(AppDelegateTest, TrayClickTogglesAFreshPopoverUnderTheClick) {
+    launch();
+    EXPECT_EQ(m_delegate->popoverController(), nullptr) << "no popover before the first click";
+    m_statusItem->click(QPoint(700, 10));
+    ASSERT_TRUE(m_delegate->isPopoverShown());
+    QPointer<MainPopoverController> first = m_delegate->popoverController();
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->size(), QSize(300, 148));
+    EXPECT_TRUE(first->geometry().contains(QPoint(700, first->geometry().top() + 1)));
+    EXPECT_GE(first->geometry().top(), 10) << "under a tray at the top of the screen";
+    EXPECT_FALSE(first->isRecording());
+
+    m_statusItem->click(QPoint(700, 10));
+    EXPECT_FALSE(m_delegate->isPopoverShown());
+    m_statusItem->click(QPoint(700, 10));
+    ASSERT_TRUE(m_delegate->isPopoverShown());
+    EXPECT_NE(m_delegate->popoverController(), first.data());
+    waitUntil([&] { return first.isNull(); }, 1s);
+    EXPECT_TRUE(first.isNull()) << "a closed popover is dropped with its controller";
+}
+
+TEST_F(AppDelegateTest, PopoverSettingsButtonClosesItAndOpensTheSettings) {
+    launch();
+    m_statusItem->click();
+    ASSERT_TRUE(m_delegate->popoverController());
+    m_alerts->answer(QStringLiteral("Annuler"));
+    m_delegate->popoverController()->onSettings();
+    EXPECT_FALSE(m_delegate->isPopoverShown());
+    ASSERT_EQ(m_alerts->shown().size(), 1U);
+    EXPECT_EQ(m_alerts->shown().front().message, QStringLiteral("Paramètres TaVREL Recorder"));
+}
+
+// --- the settings window ---
+
+SettingsForm* formOf(const AlertSpec& spec) { return qobject_cast<SettingsForm*>(spec.accessory); }
+
+TEST_F(AppDelegateTest, NewUserSeesTheDefaultsAndCancelChangesNothing) {
+    launch();
+    QFile::remove(SettingsManager::filePath());
+    bool inspected = false;
+    m_alerts->answer(QStringLiteral("Annuler"), [&](const AlertSpec& spec) {
+        SettingsForm* form = formOf(spec);
+        ASSERT_NE(form, nullptr);
+        EXPECT_EQ(form->backendField()->text(), SettingsManager::defaultBackendURL());
+        EXPECT_EQ(form->backendField()->placeholderText(), SettingsManager::defaultBackendURL());
+        EXPECT_EQ(form->webField()->text(), SettingsManager::defaultWebURL());
+        EXPECT_EQ(form->webField()->placeholderText(), SettingsManager::defaultWebURL());
+        EXPECT_EQ(form->tokenField()->text(), QString());
+        EXPECT_TRUE(form->autoDetectCallsBox()->isChecked());
+        EXPECT_FALSE(form->launchAtLoginBox()->isChecked());
+        form->backendField()->setText(QStringLiteral("http://ne-doit-pas-rester"));
+        form->autoDetectCallsBox()->setChecked(false);
+        inspected = true;
+    });
+    m_delegate->openSettings();
+    ASSERT_TRUE(inspected);
+    const auto& alert = m_alerts->shown().front();
+    EXPECT_EQ(alert.informativeText, QStringLiteral("Version ") + AppDelegate::appVersionString());
+    EXPECT_EQ(alert.buttons, (QStringList{QStringLiteral("Enregistrer"), QStringLiteral("Annuler")}));
+    EXPECT_FALSE(QFile::exists(SettingsManager::filePath())) << "nothing stored on Annuler";
+    EXPECT_TRUE(m_loginItem->calls.isEmpty());
+}
+
+TEST_F(AppDelegateTest, SaveStoresEveryFieldAndAppliesCallDetection) {
+    SettingsManager::shared().setAutoDetectCalls(true);
+    launch();
+    ASSERT_TRUE(m_delegate->callMonitor()->isPolling());
+    m_alerts->answer(QStringLiteral("Enregistrer"), [](const AlertSpec& spec) {
+        SettingsForm* form = formOf(spec);
+        form->backendField()->clear();
+        form->webField()->setText(QStringLiteral(" https://web.exemple.fr/app/ "));
+        form->tokenField()->setText(QStringLiteral("jeton-secret"));
+        form->launchAtLoginBox()->setChecked(true);
+        form->autoDetectCallsBox()->setChecked(false);
+    });
+    m_delegate->openSettings();
+
+    SettingsManager& settings = SettingsManager::shared();
+    EXPECT_EQ(settings.backendURL(), QString()) << "an emptied field is stored empty, not replaced by the default";
+    EXPECT_EQ(settings.webURL(), QStringLiteral(" https://web.exemple.fr/app/ "));
+    EXPECT_EQ(settings.token(), QStringLiteral("jeton-secret"));
+    EXPECT_FALSE(settings.autoDetectCalls());
+    EXPECT_EQ(m_loginItem->calls, QList<bool>{true});
+    EXPECT_FALSE(m_delegate->callMonitor()->isPolling());
+
+    // The next opening shows the empty field with the default as placeholder; saving unchanged still
+    // registers the login item again.
+    m_alerts->answer(QStringLiteral("Enregistrer"), [](const AlertSpec& spec) {
+        SettingsForm* form = formOf(spec);
+        EXPECT_EQ(form->backendField()->text(), QString());
+        EXPECT_EQ(form->backendField()->placeholderText(), SettingsManager::defaultBackendURL());
+        EXPECT_TRUE(form->launchAtLoginBox()->isChecked());
+        EXPECT_FALSE(form->autoDetectCallsBox()->isChecked());
+        form->autoDetectCallsBox()->setChecked(true);
+    });
+    m_delegate->openSettings();
+    EXPECT_EQ(m_loginItem->calls, (QList<bool>{true, true}));
+    EXPECT_TRUE(m_delegate->callMonitor()->isPolling());
+    EXPECT_EQ(settings.backendURL(), QString());
+}
+
+TEST_F(AppDelegateTest, LoginItemFailureIsShownAndTheRestIsStillSaved) {
+    launch();
+    m_loginItem->failWith = QStringLiteral("dossier en lecture seule");
+    m_alerts->answer(QStringLiteral("Enregistrer"), [](const AlertSpec& spec) {
+        formOf(spec)->tokenField()->setText(QStringLiteral("abc"));
+        formOf(spec)->launchAtLoginBox()->setChecked(true);
+        formOf(spec)->autoDetectCallsBox()->setChecked(false);
+    });
+    m_alerts->answer(0);
+    m_delegate->openSettings();
+    ASSERT_EQ(m_alerts->shown().size(), 2U) << m_alerts->shownMessages().join(u'|').toStdString();
+    const auto& error = m_alerts->shown().back();
+    EXPECT_EQ(error.message, QStringLiteral("Erreur"));
+    EXPECT_EQ(error.informativeText,
+              QStringLiteral("Impossible de modifier le démarrage automatique : dossier en lecture seule"));
+    EXPECT_EQ(error.style, AlertStyle::warning);
+    EXPECT_EQ(SettingsManager::shared().token(), QStringLiteral("abc"));
+    EXPECT_FALSE(SettingsManager::shared().autoDetectCalls()) << "stored after the failed login-item step";
+}
+
+} // namespace
+} // namespace tavrel::test

@@ -1,0 +1,68 @@
+#pragma once
+
+// An application delegate in the test process: the real recorder and widgets (offscreen), fakes for
+// the desktop (tray, notifications, login item, URL opening) and scripted answers to its alerts.
+#include "app/AppDelegate.h"
+#include "core/SettingsManager.h"
+#include "platform/fake/FakePlatform.h"
+#include "ui/ScriptedAlertPresenter.h"
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+namespace tavrel::test {
+
+class AppDelegateTestBase : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(m_dir.isValid());
+        m_env.set("XDG_CONFIG_HOME", m_dir.filePath(QStringLiteral("config"), true).toUtf8());
+        m_env.set("XDG_DATA_HOME", m_dir.filePath(QStringLiteral("data"), true).toUtf8());
+        // The call monitor must not poll behind the tests' backs.
+        SettingsManager::shared().setAutoDetectCalls(false);
+    }
+
+    void TearDown() override { m_delegate.reset(); }
+
+    /// Makes the delegate and runs its launch; `customize` may change the services first.
+    void launch(const std::function<void(AppServices&)>& customize = {}) {
+        AppServices services;
+        auto notifier = std::make_unique<FakeNotifier>();
+        auto desktop = std::make_unique<FakeDesktop>();
+        auto loginItem = std::make_unique<FakeLoginItem>();
+        auto alerts = std::make_unique<ScriptedAlertPresenter>();
+        auto statusItem = std::make_unique<FakeStatusItem>();
+        m_notifier = notifier.get();
+        m_desktop = desktop.get();
+        m_loginItem = loginItem.get();
+        m_alerts = alerts.get();
+        m_statusItem = statusItem.get();
+        services.notifier = std::move(notifier);
+        services.desktop = std::move(desktop);
+        services.loginItem = std::move(loginItem);
+        services.alerts = std::move(alerts);
+        services.statusItem = std::move(statusItem);
+        // The pending check belongs to the upload tests; keep it out of the way here.
+        services.pendingCheckDelayMs = std::chrono::hours(1);
+        services.now = [this] { return m_now.isValid() ? m_now : QDateTime::currentDateTime(); };
+        if (customize)
+            customize(services);
+        m_delegate = std::make_unique<AppDelegate>(std::move(services));
+        m_delegate->applicationDidFinishLaunching();
+    }
+
+    TempDir m_dir{QStringLiteral("tavrel-app")};
+    ScopedEnvironment m_env;
+    std::unique_ptr<AppDelegate> m_delegate;
+    QDateTime m_now;
+    FakeNotifier* m_notifier = nullptr;
+    FakeDesktop* m_desktop = nullptr;
+    FakeLoginItem* m_loginItem = nullptr;
+    ScriptedAlertPresenter* m_alerts = nullptr;
+    FakeStatusItem* m_statusItem = nullptr;
+};
+
+} // namespace tavrel::test

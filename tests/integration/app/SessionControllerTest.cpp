@@ -1,0 +1,323 @@
+// The session controller with the real recorder on a private PulseAudio server.
+#include "AppDelegateTestBase.h"
+
+#include "audio/AudioRecorder.h"
+#include "audio/SystemAudioBackends.h"
+#include "ui/NoteField.h"
+#include "ui/HUDView.h"
+#include "ui/RecordingHUD.h"
+#include "ui/VUMeterView.h"
+
+#include <QDir>
+#include <QFile>
+#include <QSignalSpy>
+
+namespace tavrel::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+const QString kMissingAudio = QStringLiteral("⚠️ Audio du correspondant non capté");
+const QString kUploadDialog = QStringLiteral("Enregistrement terminé");
+
+class SessionControllerTest : public AppDelegateTestBase {
+protected:
+    static void SetUpTestSuite() {
+        s_pulse = new PulseAudioFixture();
+        const auto started = s_pulse->start();
+        if (!started)
+            ADD_FAILURE() << started.message();
+    }
+    static void TearDownTestSuite() {
+        delete s_pulse;
+        s_pulse = nullptr;
+    }
+
+    void SetUp() override {
+        AppDelegateTestBase::SetUp();
+        ASSERT_TRUE(s_pulse && s_pulse->isRunning());
+        m_now = QDateTime::fromSecsSinceEpoch(1731772800);
+    }
+
+    /// Starts a session and waits for the recorder; answers the missing-audio warning with its first button.
+    void startAndWait() {
+        const auto before = m_alerts->shown().size();
+        m_alerts->answer(0);
+        m_delegate->startRecording();
+        ASSERT_TRUE(waitUntil([&] { return m_delegate->isRecording(); }, 10s))
+            << "alerts: " << m_alerts->shownMessages().join(u'|').toStdString();
+        ASSERT_EQ(m_alerts->shown().size(), before + 1);
+        EXPECT_EQ(m_alerts->shown().back().message, kMissingAudio);
+    }
+
+    /// Stops and waits for the finished file; cancels the upload dialog that follows.
+    QString stopAndWait() {
+        QSignalSpy finished(m_delegate.get(), &AppDelegate::recordingFinished);
+        m_alerts->answer(QStringLiteral("Annuler"));
+        m_delegate->stopRecording();
+        if (!waitUntil([&] { return finished.size() == 1; }, 20s))
+            return {};
+        waitUntil([&] { return m_alerts->shownMessages().contains(kUploadDialog); }, 10s);
+        return finished.at(0).at(0).toString();
+    }
+
+    static PulseAudioFixture* s_pulse;
+};
+
+PulseAudioFixture* SessionControllerTest::s_pulse = nullptr;
+
+TEST_F(SessionControllerTest, FlagsFollowStartPauseAndStop) {
+    launch();
+    QSignalSpy changes(m_delegate.get(), &AppDelegate::recordingStateChanged);
+    m_delegate->startRecording();
+    // Starting: nothing shows yet.
+    EXPECT_FALSE(m_delegate->isRecording());
+    EXPECT_FALSE(m_delegate->hud().isShown());
+    m_alerts->answer(0);
+    ASSERT_TRUE(waitUntil([&] { return m_delegate->isRecording(); }, 10s));
+    EXPECT_FALSE(m_delegate->isPaused());
+    EXPECT_TRUE(m_delegate->hud().isShown());
+    EXPECT_EQ(m_statusItem->icon, StatusIcon::recording);
+    EXPECT_TRUE(m_statusItem->titles.isEmpty()) << "the first clock title comes one second after the start";
+    EXPECT_GE(changes.size(), 1);
+
+    m_delegate->togglePause();
+    EXPECT_TRUE(m_delegate->isPaused());
+    EXPECT_TRUE(m_delegate->recorder().isPaused());
+    EXPECT_TRUE(m_delegate->hud().isShown());
+    m_delegate->togglePause();
+    EXPECT_FALSE(m_delegate->isPaused());
+    EXPECT_FALSE(m_delegate->recorder().isPaused());
+
+    const int changesBeforeStop = static_cast<int>(changes.size());
+    const QString file = stopAndWait();
+    EXPECT_FALSE(m_delegate->isRecording());
+    EXPECT_FALSE(m_delegate->isPaused());
+    EXPECT_FALSE(m_delegate->hud().isShown());
+    EXPECT_EQ(m_delegate->statusTitle(), QString());
+    EXPECT_EQ(m_statusItem->icon, StatusIcon::idle);
+    EXPECT_GT(changes.size(), changesBeforeStop);
+    ASSERT_FALSE(file.isEmpty());
+    EXPECT_TRUE(QFile::exists(file));
+    EXPECT_EQ(QFileInfo(file).absolutePath(), QDir(AudioRecorder::recordingsDir()).absolutePath());
+    EXPECT_TRUE(file.startsWith(m_dir.path())) << "the recordings folder follows XDG_DATA_HOME";
+    EXPECT_TRUE(m_alerts->shownMessages().contains(kUploadDialog));
+}
+
+TEST_F(SessionControllerTest, ClockCountsWholeMinutesSinceTheStart) {
+    launch();
+    const QDateTime start = m_now;
+    startAndWait();
+    struct Tick {
+        qint64 seconds;
+        const char* title;
+    };
+    for (const Tick& tick : {Tick{0, "🔴0:00"}, Tick{59, "🔴0:59"}, Tick{60, "🔴1:00"}, Tick{75, "🔴1:15"},
+                             Tick{3600, "🔴60:00"}, Tick{3725, "🔴62:05"}}) {
+        m_now = start.addMSecs(tick.seconds * 1000 + 999); // truncated, not rounded
+        m_delegate->updateStatusClock();
+        EXPECT_EQ(m_delegate->statusTitle(), QString::fromUtf8(tick.title)) << tick.seconds;
+        EXPECT_EQ(m_statusItem->title(), QString::fromUtf8(tick.title));
+    }
+    // Pauses are not subtracted.
+    m_delegate->togglePause();
+    m_now = start.addSecs(61);
+    m_delegate->updateStatusClock();
+    EXPECT_EQ(m_delegate->statusTitle(), QStringLiteral("🔴1:01"));
+    stopAndWait();
+    EXPECT_EQ(m_delegate->statusTitle(), QString());
+}
+
+struct NotesCase {
+    const char* name;
+    QStringList notes;   ///< as typed
+    bool expectNotesFile;
+};
+
+class NotesFileTest : public SessionControllerTest, public ::testing::WithParamInterface<NotesCase> {};
+
+TEST_P(NotesFileTest, NotesFileIsWrittenOnlyWithNotes) {
+    launch();
+    startAndWait();
+    for (const QString& note : GetParam().notes)
+        m_delegate->addNote(note);
+    const QString file = stopAndWait();
+    ASSERT_FALSE(file.isEmpty());
+    const QFileInfo info(file);
+    const QString notesPath = info.path() + u'/' + info.completeBaseName() + QStringLiteral(".notes.txt");
+    ASSERT_EQ(QFile::exists(notesPath), GetParam().expectNotesFile) << notesPath.toStdString();
+    if (!GetParam().expectNotesFile)
+        return;
+    QFile notes(notesPath);
+    ASSERT_TRUE(notes.open(QIODevice::ReadOnly));
+    const QString text = QString::fromUtf8(notes.readAll());
+    for (const QString& note : GetParam().notes) {
+        if (!note.isEmpty()) {
+            EXPECT_TRUE(text.contains(note)) << text.toStdString();
+        }
+    }
+    EXPECT_EQ(QDir(info.path()).entryList({QStringLiteral("*.notes.txt*")}, QDir::Files).size(), 1)
+        << "no temporary file left beside the notes";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Notes, NotesFileTest,
+    ::testing::Values(NotesCase{"none", {}, false}, NotesCase{"only_empty", {QString()}, false},
+                      NotesCase{"spaces_count", {QStringLiteral("   ")}, true},
+                      NotesCase{"two", {QStringLiteral("Décision : on signe"), QStringLiteral("Relancer « Dupont »")}, true}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+struct NotePromptCase {
+    const char* name;
+    QString typed;
+    QString button;
+    bool added;
+};
+
+class NotePromptTest : public SessionControllerTest, public ::testing::WithParamInterface<NotePromptCase> {};
+
+TEST_P(NotePromptTest, PromptAddsWhatWasTypedOnOK) {
+    launch();
+    startAndWait();
+    m_alerts->answer(GetParam().button, [](const AlertSpec& spec) {
+        auto* field = qobject_cast<NoteField*>(spec.accessory);
+        ASSERT_NE(field, nullptr);
+        field->setText(GetParam().typed);
+    });
+    m_delegate->promptNote();
+    const ScriptedAlertPresenter::ShownAlert& prompt = m_alerts->shown().back();
+    EXPECT_EQ(prompt.message, QStringLiteral("Ajouter une note"));
+    EXPECT_EQ(prompt.buttons, (QStringList{QStringLiteral("OK"), QStringLiteral("Annuler")}));
+    EXPECT_TRUE(prompt.hadAccessory);
+    const QString notes = m_delegate->recorder().formattedNotes();
+    EXPECT_EQ(!notes.isEmpty(), GetParam().added) << notes.toStdString();
+    if (GetParam().added) {
+        EXPECT_TRUE(notes.contains(GetParam().typed));
+    }
+    stopAndWait();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Prompt, NotePromptTest,
+    ::testing::Values(NotePromptCase{"ok", QStringLiteral("Budget validé"), QStringLiteral("OK"), true},
+                      NotePromptCase{"spaces", QStringLiteral("  "), QStringLiteral("OK"), true},
+                      NotePromptCase{"empty", QString(), QStringLiteral("OK"), false},
+                      NotePromptCase{"cancel", QStringLiteral("Budget validé"), QStringLiteral("Annuler"), false}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(SessionControllerTest, FailedStartShowsOneAlertWithTheErrorAndChangesNothing) {
+    // No server behind this address: the microphone cannot start.
+    m_env.set("PULSE_SERVER", (QStringLiteral("unix:") + m_dir.path() + QStringLiteral("/no-server")).toUtf8());
+    QString expected;
+    bool probed = false;
+    AudioRecorder probe;
+    auto probing = [&]() -> QCoro::Task<> {
+        try {
+            co_await probe.startRecording();
+        } catch (const Error& error) {
+            expected = error.localizedDescription();
+        }
+        probed = true;
+    }();
+    ASSERT_TRUE(waitUntil([&] { return probed; }, 10s));
+    ASSERT_FALSE(expected.isEmpty()) << "the recorder started without a server";
+
+    launch();
+    QSignalSpy changes(m_delegate.get(), &AppDelegate::recordingStateChanged);
+    m_alerts->answer(0);
+    m_delegate->startRecording();
+    ASSERT_TRUE(waitUntil([&] { return !m_alerts->shown().empty(); }, 10s));
+    waitUntil([] { return false; }, 300ms); // room for a wrong second alert
+    ASSERT_EQ(m_alerts->shown().size(), 1U) << m_alerts->shownMessages().join(u'|').toStdString();
+    EXPECT_EQ(m_alerts->shown().front().message, QStringLiteral("Impossible de démarrer"));
+    EXPECT_EQ(m_alerts->shown().front().informativeText, expected);
+    EXPECT_EQ(m_alerts->shown().front().style, AlertStyle::warning);
+    EXPECT_FALSE(m_delegate->isRecording());
+    EXPECT_FALSE(m_delegate->hud().isShown());
+    EXPECT_TRUE(m_statusItem->titles.isEmpty());
+    EXPECT_EQ(changes.size(), 0);
+}
+
+enum class Backends { none, tapNeedsPermission, monitorButTapNeedsPermission, monitor };
+
+struct WarningCase {
+    const char* name;
+    Backends backends;
+    QString message; ///< empty: no alert
+    QString informativeStart;
+    QStringList buttons;
+    int answer;
+    int soundSettingsOpened;
+};
+
+class MissingAudioWarningTest : public SessionControllerTest, public ::testing::WithParamInterface<WarningCase> {};
+
+TEST_P(MissingAudioWarningTest, WarnsAfterEveryStartWhenTheOtherSideIsNotCaptured) {
+    const WarningCase& c = GetParam();
+    launch([&](AppServices& services) {
+        if (c.backends == Backends::none)
+            return;
+        SystemAudioBackends backends = linuxSystemAudioBackends();
+        backends.findVirtualDevice = {};
+        backends.makeVirtualDevice = {};
+        if (c.backends == Backends::monitor) {
+            backends.processTapSupported = {};
+            backends.makeProcessTap = {};
+            backends.captureAllowed = [] { return true; };
+        } else {
+            // A tap that the output-capture permission keeps from starting.
+            backends.processTapSupported = [] { return true; };
+            backends.captureAllowed = [] { return false; };
+            backends.makeProcessTap = [] { return std::unique_ptr<SystemAudioSource>(); };
+            if (c.backends == Backends::tapNeedsPermission)
+                backends.makeScreenCapture = {};
+        }
+        services.audioBackends = backends;
+    });
+    // Twice: the warning has no memory of the previous session.
+    for (int round = 0; round < 2; ++round) {
+        const auto before = m_alerts->shown().size();
+        if (!c.message.isEmpty())
+            m_alerts->answer(c.answer);
+        m_delegate->startRecording();
+        ASSERT_TRUE(waitUntil([&] { return m_delegate->isRecording(); }, 10s));
+        if (c.message.isEmpty()) {
+            waitUntil([] { return false; }, 200ms);
+            EXPECT_EQ(m_alerts->shown().size(), before) << m_alerts->shownMessages().join(u'|').toStdString();
+        } else {
+            ASSERT_EQ(m_alerts->shown().size(), before + 1);
+            const auto& alert = m_alerts->shown().back();
+            EXPECT_EQ(alert.message, c.message);
+            EXPECT_TRUE(alert.informativeText.startsWith(c.informativeStart)) << alert.informativeText.toStdString();
+            EXPECT_EQ(alert.buttons, c.buttons);
+        }
+        EXPECT_TRUE(m_delegate->isRecording()) << "the recording goes on in every case";
+        EXPECT_EQ(m_desktop->soundSettingsOpened, c.soundSettingsOpened * (round + 1));
+        stopAndWait();
+    }
+}
+
+const QString kOpen = QStringLiteral("Ouvrir les réglages");
+
+INSTANTIATE_TEST_SUITE_P(
+    Warnings, MissingAudioWarningTest,
+    ::testing::Values(
+        WarningCase{"nothing_captured", Backends::none, kMissingAudio,
+                    QStringLiteral("L'audio du correspondant n'a pas pu démarrer. Seul votre micro est enregistré."),
+                    {QStringLiteral("OK")}, 0, 0},
+        WarningCase{"permission_open", Backends::tapNeedsPermission, kMissingAudio,
+                    QStringLiteral("Activez « Enregistrement d'écran » pour TaVREL Recorder : c'est cette permission"),
+                    {kOpen, QStringLiteral("Continuer (micro seul)")}, 0, 1},
+        WarningCase{"permission_mic_only", Backends::tapNeedsPermission, kMissingAudio,
+                    QStringLiteral("Activez « Enregistrement d'écran »"),
+                    {kOpen, QStringLiteral("Continuer (micro seul)")}, 1, 0},
+        WarningCase{"visio_missing", Backends::monitorButTapNeedsPermission,
+                    QStringLiteral("⚠️ Visioconférences non captées"),
+                    QStringLiteral("La voix de vos correspondants en visio (Teams, Zoom, Meet) nécessite la permission "
+                                   "« Enregistrement d'écran », non accordée.\n\nLes appels téléphoniques"),
+                    {kOpen, QStringLiteral("Plus tard")}, 0, 1},
+        WarningCase{"all_captured", Backends::monitor, QString(), QString(), {}, 0, 0}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+} // namespace
+} // namespace tavrel::test
