@@ -16,7 +16,6 @@
 #include <QPropertyAnimation>
 #include <QTextStream>
 #include <QTimer>
-
 #include <cmath>
 #include <ctime>
 #include <random>

@@ -2,7 +2,6 @@
 
 #include <QPainter>
 #include <QSvgRenderer>
-
 #include <cmath>
 
 namespace tavrel {

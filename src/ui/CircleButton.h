@@ -3,7 +3,6 @@
 #include <QColor>
 #include <QPixmap>
 #include <QWidget>
-
 #include <functional>
 
 namespace tavrel {

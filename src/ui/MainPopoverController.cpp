@@ -65,7 +65,8 @@ protected:
         event->setAccepted(m_pressed);
     }
     void mouseReleaseEvent(QMouseEvent* event) override {
-        const bool click = m_pressed && event->button() == Qt::LeftButton && rect().contains(event->position().toPoint());
+        const bool click =
+            m_pressed && event->button() == Qt::LeftButton && rect().contains(event->position().toPoint());
         m_pressed = false;
         event->accept();
         if (click && m_onClick)
@@ -133,7 +134,8 @@ void MainPopoverController::setIsRecording(bool recording) {
 
 void MainPopoverController::setIsPaused(bool paused) {
     m_isPaused = paused;
-    QMetaObject::invokeMethod(this, [this] { updatePauseButton(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this] { updatePauseButton(); }, Qt::QueuedConnection);
 }
 
 qreal MainPopoverController::pauseContainerOpacity() const {
@@ -196,8 +198,8 @@ void MainPopoverController::buildUI(const QString& versionString) {
     rowLayout->addWidget(m_actionLabel, 0, Qt::AlignVCenter);
     bodyLayout->addWidget(m_startRow, 0, Qt::AlignHCenter);
 
-    auto [pauseContainer, pauseButton] =
-        makeSecondaryButton(QStringLiteral("pause.fill"), QStringLiteral(" Pause"), &MainPopoverController::didTapPause);
+    auto [pauseContainer, pauseButton] = makeSecondaryButton(QStringLiteral("pause.fill"), QStringLiteral(" Pause"),
+                                                             &MainPopoverController::didTapPause);
     m_pauseContainer = pauseContainer;
     m_pauseBtn = pauseButton;
     auto [quitContainer, quitButton] =
@@ -217,8 +219,7 @@ void MainPopoverController::buildUI(const QString& versionString) {
     root->addWidget(body, 1);
 }
 
-QToolButton* MainPopoverController::makeHeaderButton(const QString& symbol,
-                                                     void (MainPopoverController::*action)()) {
+QToolButton* MainPopoverController::makeHeaderButton(const QString& symbol, void (MainPopoverController::*action)()) {
     auto* button = new QToolButton(this);
     button->setFixedSize(30, 30);
     button->setAutoRaise(true);
@@ -233,8 +234,7 @@ QToolButton* MainPopoverController::makeHeaderButton(const QString& symbol,
     return button;
 }
 
-std::pair<QFrame*, QToolButton*> MainPopoverController::makeSecondaryButton(const QString& symbol,
-                                                                            const QString& title,
+std::pair<QFrame*, QToolButton*> MainPopoverController::makeSecondaryButton(const QString& symbol, const QString& title,
                                                                             void (MainPopoverController::*action)()) {
     auto* container = new SecondaryContainer(this);
     container->setFixedHeight(kSecondaryRowHeightPx);

@@ -5,11 +5,10 @@
 #include <QFrame>
 #include <QLabel>
 #include <QPointer>
-#include <QToolButton>
 #include <QString>
+#include <QToolButton>
 #include <QUrl>
 #include <QWidget>
-
 #include <functional>
 
 namespace tavrel {

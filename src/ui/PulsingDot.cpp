@@ -2,7 +2,6 @@
 
 #include <QPainter>
 #include <QPropertyAnimation>
-
 #include <cmath>
 
 namespace tavrel {

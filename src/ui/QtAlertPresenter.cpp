@@ -68,8 +68,8 @@ public:
 
 QPixmap alertPicture(AlertStyle style, qreal ratio) {
     if (style == AlertStyle::warning) {
-        QPixmap warning = SymbolIcon::pixmap(QStringLiteral("exclamationmark.triangle.fill"),
-                                             kIconEdgePx / 1.2, kWarningTint, ratio);
+        QPixmap warning =
+            SymbolIcon::pixmap(QStringLiteral("exclamationmark.triangle.fill"), kIconEdgePx / 1.2, kWarningTint, ratio);
         if (!warning.isNull())
             return warning;
     }

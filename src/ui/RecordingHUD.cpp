@@ -15,7 +15,6 @@
 #include <QScreen>
 #include <QTimer>
 #include <QToolButton>
-
 #include <algorithm>
 #include <cmath>
 #include <optional>
@@ -67,11 +66,13 @@ QImage makeShadow(QSize cardSize) {
                 int sum = 0;
                 int count = 0;
                 for (int k = std::max(0, i - radius); k <= std::min(inner - 1, i + radius); ++k) {
-                    const size_t index = horizontal ? static_cast<size_t>(o) * width + k : static_cast<size_t>(k) * width + o;
+                    const size_t index =
+                        horizontal ? static_cast<size_t>(o) * width + k : static_cast<size_t>(k) * width + o;
                     sum += alpha[index];
                     ++count;
                 }
-                const size_t target = horizontal ? static_cast<size_t>(o) * width + i : static_cast<size_t>(i) * width + o;
+                const size_t target =
+                    horizontal ? static_cast<size_t>(o) * width + i : static_cast<size_t>(i) * width + o;
                 scratch[target] = sum / count;
             }
         }
@@ -200,8 +201,8 @@ void RecordingHUD::tickClock() {
     const qint64 minutes = m_elapsed / 60;
     const qint64 seconds = m_elapsed % 60;
     if (m_timerLabel)
-        m_timerLabel->setText(QString::asprintf("%lld:%02lld", static_cast<long long>(minutes),
-                                                static_cast<long long>(seconds)));
+        m_timerLabel->setText(
+            QString::asprintf("%lld:%02lld", static_cast<long long>(minutes), static_cast<long long>(seconds)));
 }
 
 void RecordingHUD::tickMeters() {
@@ -245,8 +246,7 @@ QLabel* RecordingHUD::makeLabel(const QRect& frame) {
     return label;
 }
 
-QLabel* RecordingHUD::makeSymbolView(const QString& symbol, qreal pointSize, const QRect& frame,
-                                     const QColor& tint) {
+QLabel* RecordingHUD::makeSymbolView(const QString& symbol, qreal pointSize, const QRect& frame, const QColor& tint) {
     auto* view = new QLabel(m_view);
     view->setGeometry(frame);
     view->setAlignment(Qt::AlignCenter);

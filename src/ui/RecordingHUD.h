@@ -9,7 +9,6 @@
 #include <QRect>
 #include <QTimer>
 #include <QToolButton>
-
 #include <functional>
 #include <memory>
 

@@ -20,9 +20,12 @@ QStringList ScriptedAlertPresenter::shownMessages() const {
 }
 
 int ScriptedAlertPresenter::run(const AlertSpec& spec) {
-    ShownAlert shown{spec.message, spec.informativeText,
-                     spec.buttons.isEmpty() ? QStringList{QStringLiteral("OK")} : spec.buttons, spec.style,
-                     spec.accessory != nullptr, kUnexpectedResponse};
+    ShownAlert shown{spec.message,
+                     spec.informativeText,
+                     spec.buttons.isEmpty() ? QStringList{QStringLiteral("OK")} : spec.buttons,
+                     spec.style,
+                     spec.accessory != nullptr,
+                     kUnexpectedResponse};
 
     auto reject = [&](const QString& why) {
         m_unexpected << why;

@@ -3,7 +3,6 @@
 #include <QFile>
 #include <QPainter>
 #include <QSvgRenderer>
-
 #include <array>
 #include <cmath>
 #include <utility>

@@ -3,27 +3,33 @@
 #include "ui/ScriptedAlertPresenter.h"
 #include "ui/SettingsForm.h"
 
-#include <gtest/gtest.h>
-
 #include <QCheckBox>
 #include <QDialog>
 #include <QLineEdit>
 #include <QPushButton>
 #include <QTest>
+#include <gtest/gtest.h>
 
 using namespace tavrel;
 
 namespace {
 
 SettingsFormValues newUserValues() {
-    return {QStringLiteral("https://srv/backend"), QStringLiteral("https://srv/backend"),
-            QStringLiteral("https://srv/tavrel/index.html"), QStringLiteral("https://srv/tavrel/index.html"),
-            QString(), false, true};
+    return {QStringLiteral("https://srv/backend"),
+            QStringLiteral("https://srv/backend"),
+            QStringLiteral("https://srv/tavrel/index.html"),
+            QStringLiteral("https://srv/tavrel/index.html"),
+            QString(),
+            false,
+            true};
 }
 
 AlertSpec settingsAlert(QWidget* form) {
-    return {QStringLiteral("Paramètres TaVREL Recorder"), QStringLiteral("Version 1.2.0"),
-            {QStringLiteral("Enregistrer"), QStringLiteral("Annuler")}, AlertStyle::informational, form};
+    return {QStringLiteral("Paramètres TaVREL Recorder"),
+            QStringLiteral("Version 1.2.0"),
+            {QStringLiteral("Enregistrer"), QStringLiteral("Annuler")},
+            AlertStyle::informational,
+            form};
 }
 
 TEST(SettingsForm, ShowsValuesPlaceholdersAndTheMaskedToken) {
@@ -103,13 +109,13 @@ class QtAlertButtonTest : public ::testing::TestWithParam<int> {};
 
 TEST_P(QtAlertButtonTest, ClickedButtonGivesItsResponse) {
     const QStringList titles{QStringLiteral("Envoyer"), QStringLiteral("Plus tard"), QStringLiteral("Supprimer")};
-    const int response = runDialog({QStringLiteral("Enregistrement non envoyé"), QStringLiteral("ligne 1\nligne 2"),
-                                    titles},
-                                   [&](QDialog& dialog) {
-                                       QPushButton* button = buttonTitled(dialog, titles[GetParam()]);
-                                       ASSERT_NE(button, nullptr);
-                                       QTest::mouseClick(button, Qt::LeftButton);
-                                   });
+    const int response =
+        runDialog({QStringLiteral("Enregistrement non envoyé"), QStringLiteral("ligne 1\nligne 2"), titles},
+                  [&](QDialog& dialog) {
+                      QPushButton* button = buttonTitled(dialog, titles[GetParam()]);
+                      ASSERT_NE(button, nullptr);
+                      QTest::mouseClick(button, Qt::LeftButton);
+                  });
     EXPECT_EQ(response, kFirstButton + GetParam());
 }
 
@@ -139,8 +145,11 @@ TEST(QtAlertPresenter, ReturnInTheNoteFieldSubmitsTheNoteAsTyped) {
     NoteField note;
     EXPECT_EQ(note.placeholderText(), QStringLiteral("Note horodatée…"));
     EXPECT_EQ(note.size(), QSize(300, 60));
-    const int response = runDialog({QStringLiteral("Ajouter une note"), {}, {QStringLiteral("OK"), QStringLiteral("Annuler")},
-                                    AlertStyle::informational, &note},
+    const int response = runDialog({QStringLiteral("Ajouter une note"),
+                                    {},
+                                    {QStringLiteral("OK"), QStringLiteral("Annuler")},
+                                    AlertStyle::informational,
+                                    &note},
                                    [&](QDialog&) {
                                        QTest::keyClicks(&note, QStringLiteral("  appel client "));
                                        QTest::keyClick(&note, Qt::Key_Return);

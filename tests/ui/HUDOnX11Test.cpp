@@ -1,23 +1,19 @@
 // The recording panel on a real X server: it must be on every workspace and above other windows.
 // The test process itself runs offscreen, so it starts a copy of itself on a private Xvfb that runs
 // the part marked "child" and reports through its exit status.
-#include "platform/WindowPinning.h"
-#include "ui/RecordingHUD.h"
-
 #include "Command.h"
 #include "XvfbFixture.h"
-
-#include <gtest/gtest.h>
+#include "platform/WindowPinning.h"
+#include "ui/RecordingHUD.h"
 
 #include <QCoreApplication>
 #include <QGuiApplication>
 #include <QScreen>
 #include <QWindow>
-
-#include <xcb/xcb.h>
-
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <memory>
+#include <xcb/xcb.h>
 
 namespace {
 
@@ -66,7 +62,8 @@ TEST(HUDOnX11, Child) {
         << "Qt's own stay-on-top state is kept beside ours";
     EXPECT_TRUE(hud.panel()->isVisible());
     EXPECT_FALSE(hud.panel()->mask().isEmpty()) << "cut to the card's shape: no black shadow area";
-    EXPECT_EQ(hud.panel()->geometry(), tavrel::RecordingHUD::panelRect(QGuiApplication::primaryScreen()->availableGeometry()));
+    EXPECT_EQ(hud.panel()->geometry(),
+              tavrel::RecordingHUD::panelRect(QGuiApplication::primaryScreen()->availableGeometry()));
 }
 
 TEST(HUDOnX11, PanelIsOnEveryWorkspace) {
@@ -80,9 +77,9 @@ TEST(HUDOnX11, PanelIsOnEveryWorkspace) {
     environment.insert(QString::fromLatin1(kChildVariable), QStringLiteral("1"));
     // No session bus: libdbus must not start one of its own for the child.
     environment.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), QStringLiteral("unix:path=/nonexistent"));
-    const tavrel::test::CommandResult child =
-        tavrel::test::runCommand(QCoreApplication::applicationFilePath(), {QStringLiteral("--gtest_filter=HUDOnX11.Child")},
-                                 environment, std::chrono::seconds(60));
+    const tavrel::test::CommandResult child = tavrel::test::runCommand(
+        QCoreApplication::applicationFilePath(), {QStringLiteral("--gtest_filter=HUDOnX11.Child")}, environment,
+        std::chrono::seconds(60));
     EXPECT_TRUE(child.ok()) << child.describe().toStdString() << "\n" << child.standardOutput.toStdString();
     EXPECT_TRUE(child.standardOutput.contains("[  PASSED  ] 1 test")) << child.standardOutput.toStdString();
 }

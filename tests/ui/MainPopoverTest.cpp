@@ -1,13 +1,11 @@
-#include "ui/MainPopoverController.h"
-
-#include "core/SettingsManager.h"
 #include "ScopedEnvironment.h"
 #include "TempDir.h"
-
-#include <gtest/gtest.h>
+#include "core/SettingsManager.h"
+#include "ui/MainPopoverController.h"
 
 #include <QCoreApplication>
 #include <QTest>
+#include <gtest/gtest.h>
 
 using tavrel::MainPopoverController;
 
@@ -54,15 +52,14 @@ TEST_P(PopoverStateTest, ShowsTheStateAfterTheQueuedUpdate) {
     EXPECT_EQ(pauses, state.recording ? 1 : 0) << "the dimmed row ignores clicks";
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    States, PopoverStateTest,
-    ::testing::Values(PopoverState{"idle", false, false, "Démarrer l'enregistrement", kSystemRed,
-                                   "record.circle.fill", " Pause", "pause.fill", 0.4},
-                      PopoverState{"recording", true, false, "Arrêter l'enregistrement", kDarkerRed, "stop.fill",
-                                   " Pause", "pause.fill", 1.0},
-                      PopoverState{"paused", true, true, "Arrêter l'enregistrement", kDarkerRed, "stop.fill",
-                                   " Reprendre", "play.fill", 1.0}),
-    [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(States, PopoverStateTest,
+                         ::testing::Values(PopoverState{"idle", false, false, "Démarrer l'enregistrement", kSystemRed,
+                                                        "record.circle.fill", " Pause", "pause.fill", 0.4},
+                                           PopoverState{"recording", true, false, "Arrêter l'enregistrement",
+                                                        kDarkerRed, "stop.fill", " Pause", "pause.fill", 1.0},
+                                           PopoverState{"paused", true, true, "Arrêter l'enregistrement", kDarkerRed,
+                                                        "stop.fill", " Reprendre", "play.fill", 1.0}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST(MainPopover, FlagChangesShowOnlyAfterTheCurrentWork) {
     MainPopoverController popover(QStringLiteral("1.0"));
@@ -154,14 +151,13 @@ TEST_P(HistoryButtonTest, OpensTheWebApplicationsRecordings) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    URLs, HistoryButtonTest,
-    ::testing::Values(HistoryCase{"https://tavrel.example.org/tavrel/index.html",
-                                  "https://tavrel.example.org/tavrel/index.html#recordings"},
-                      HistoryCase{"http://127.0.0.1:8642/tavrel/index.html",
-                                  "http://127.0.0.1:8642/tavrel/index.html#recordings"},
-                      HistoryCase{"", nullptr}, HistoryCase{"pas une adresse", nullptr},
-                      HistoryCase{"https://exa mple.org/", nullptr}));
+INSTANTIATE_TEST_SUITE_P(URLs, HistoryButtonTest,
+                         ::testing::Values(HistoryCase{"https://tavrel.example.org/tavrel/index.html",
+                                                       "https://tavrel.example.org/tavrel/index.html#recordings"},
+                                           HistoryCase{"http://127.0.0.1:8642/tavrel/index.html",
+                                                       "http://127.0.0.1:8642/tavrel/index.html#recordings"},
+                                           HistoryCase{"", nullptr}, HistoryCase{"pas une adresse", nullptr},
+                                           HistoryCase{"https://exa mple.org/", nullptr}));
 
 TEST(MainPopover, HistoryWithoutAStoredURLOpensTheDefault) {
     tavrel::test::TempDir config;
@@ -186,7 +182,8 @@ TEST(MainPopover, EverythingFitsInsideThePopover) {
     const QRect pause = placed(popover.pauseContainer());
     const QRect quit = placed(popover.quitButton());
     for (const QRect& rect : {disc, pause, quit, placed(popover.historyButton()), placed(popover.settingsButton())})
-        EXPECT_TRUE(bounds.contains(rect)) << rect.x() << "," << rect.y() << " " << rect.width() << "x" << rect.height();
+        EXPECT_TRUE(bounds.contains(rect))
+            << rect.x() << "," << rect.y() << " " << rect.width() << "x" << rect.height();
     EXPECT_EQ(disc.size(), QSize(36, 36));
     EXPECT_EQ(pause.height(), 30);
     EXPECT_EQ(pause.width(), quit.width());

@@ -1,15 +1,13 @@
 #include "ui/RecordingHUD.h"
 
-#include <gtest/gtest.h>
+#include "ui/PulsingDot.h"
 
 #include <QGuiApplication>
+#include <QPropertyAnimation>
 #include <QScreen>
 #include <QSignalSpy>
 #include <QTest>
-
-#include "ui/PulsingDot.h"
-
-#include <QPropertyAnimation>
+#include <gtest/gtest.h>
 
 using tavrel::RecordingHUD;
 using tavrel::VUMeterView;
@@ -248,8 +246,8 @@ TEST(RecordingHUD, DraggingTheBackgroundMovesThePanel) {
     QWidget* view = hud.view();
     const QPoint grab(30, 150); // between the separator and the meter heading: background
     QTest::mousePress(view, Qt::LeftButton, {}, grab);
-    QMouseEvent move(QEvent::MouseMove, QPointF(grab + QPoint(-100, 40)), QPointF(view->mapToGlobal(grab + QPoint(-100, 40))),
-                     Qt::NoButton, Qt::LeftButton, Qt::NoModifier);
+    QMouseEvent move(QEvent::MouseMove, QPointF(grab + QPoint(-100, 40)),
+                     QPointF(view->mapToGlobal(grab + QPoint(-100, 40))), Qt::NoButton, Qt::LeftButton, Qt::NoModifier);
     QCoreApplication::sendEvent(view, &move);
     QTest::mouseRelease(view, Qt::LeftButton, {}, grab + QPoint(-100, 40));
     EXPECT_EQ(hud.panel()->pos(), before + QPoint(-100, 40));

@@ -1,11 +1,11 @@
-#include "ui/AppIcon.h"
 #include "ui/SymbolIcon.h"
 
-#include <gtest/gtest.h>
+#include "ui/AppIcon.h"
 
 #include <QFile>
 #include <QImage>
 #include <QSvgRenderer>
+#include <gtest/gtest.h>
 
 namespace SymbolIcon = tavrel::SymbolIcon;
 

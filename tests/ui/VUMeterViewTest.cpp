@@ -1,9 +1,8 @@
 #include "ui/VUMeterView.h"
 
-#include <gtest/gtest.h>
-
 #include <QImage>
 #include <QPainter>
+#include <gtest/gtest.h>
 
 using tavrel::VUMeterView;
 

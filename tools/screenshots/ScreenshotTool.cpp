@@ -21,7 +21,6 @@
 #include <QPainterPath>
 #include <QSvgRenderer>
 #include <QTextStream>
-
 #include <cmath>
 #include <cstdio>
 #include <functional>
@@ -166,11 +165,11 @@ int main(int argc, char** argv) {
     ok &= shootPanel(outdir, false, QStringLiteral("panel-one-meter.png"));
     ok &= shootPanel(outdir, true, QStringLiteral("panel-two-meters.png"));
 
-    SettingsForm form(SettingsFormValues{
-        QStringLiteral(TAVREL_DEFAULT_SERVER "/backend"), QStringLiteral(TAVREL_DEFAULT_SERVER "/backend"),
-        QStringLiteral(TAVREL_DEFAULT_SERVER "/tavrel/index.html"),
-        QStringLiteral(TAVREL_DEFAULT_SERVER "/tavrel/index.html"), QStringLiteral("eyJhbGciOiJIUzI1NiJ9.secret"),
-        false, true});
+    SettingsForm form(SettingsFormValues{QStringLiteral(TAVREL_DEFAULT_SERVER "/backend"),
+                                         QStringLiteral(TAVREL_DEFAULT_SERVER "/backend"),
+                                         QStringLiteral(TAVREL_DEFAULT_SERVER "/tavrel/index.html"),
+                                         QStringLiteral(TAVREL_DEFAULT_SERVER "/tavrel/index.html"),
+                                         QStringLiteral("eyJhbGciOiJIUzI1NiJ9.secret"), false, true});
     ok &= shootAlert(outdir,
                      AlertSpec{QStringLiteral("Paramètres TaVREL Recorder"),
                                QStringLiteral("Version " TAVREL_VERSION),
@@ -181,8 +180,11 @@ int main(int argc, char** argv) {
 
     NoteField note;
     ok &= shootAlert(outdir,
-                     AlertSpec{QStringLiteral("Ajouter une note"), QString(),
-                               {QStringLiteral("OK"), QStringLiteral("Annuler")}, AlertStyle::informational, &note},
+                     AlertSpec{QStringLiteral("Ajouter une note"),
+                               QString(),
+                               {QStringLiteral("OK"), QStringLiteral("Annuler")},
+                               AlertStyle::informational,
+                               &note},
                      QStringLiteral("note-prompt.png"));
     ok &= shootAlert(
         outdir,
@@ -193,16 +195,20 @@ int main(int argc, char** argv) {
                                  "audio à faire.\n\nCliquez sur « Ouvrir les réglages », activez TaVREL Recorder, "
                                  "puis relancez un enregistrement."),
                   {QStringLiteral("Ouvrir les réglages"), QStringLiteral("Continuer (micro seul)")},
-                  AlertStyle::warning, nullptr},
+                  AlertStyle::warning,
+                  nullptr},
         QStringLiteral("warning.png"));
 
     QList<QJsonObject> clients;
     for (const char* name : {"Cabinet Martin", "Durand & Fils", "Société Générale des Eaux"})
-        clients << QJsonObject{{QStringLiteral("id"), clients.size() + 1}, {QStringLiteral("name"), QString::fromUtf8(name)}};
+        clients << QJsonObject{{QStringLiteral("id"), clients.size() + 1},
+                               {QStringLiteral("name"), QString::fromUtf8(name)}};
     UploadDialog upload(clients);
     ok &= shootAlert(outdir,
-                     AlertSpec{QStringLiteral("Enregistrement terminé"), QStringLiteral("Options de transcription :"),
-                               {QStringLiteral("Envoyer"), QStringLiteral("Annuler")}, AlertStyle::informational,
+                     AlertSpec{QStringLiteral("Enregistrement terminé"),
+                               QStringLiteral("Options de transcription :"),
+                               {QStringLiteral("Envoyer"), QStringLiteral("Annuler")},
+                               AlertStyle::informational,
                                &upload},
                      QStringLiteral("upload-dialog.png"));
     return ok ? 0 : 1;

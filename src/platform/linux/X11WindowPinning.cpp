@@ -2,14 +2,12 @@
 
 #include <QGuiApplication>
 #include <QWindow>
-
-#include <xcb/xcb.h>
-
 #include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <xcb/xcb.h>
 
 namespace tavrel {
 
