@@ -2,6 +2,9 @@
 
 #include "pulse/PulseContext.h"
 
+#include <chrono>
+#include <thread>
+
 namespace tavrel {
 
 namespace {
@@ -59,6 +62,10 @@ bool AudioRouting::destroy(const Device& device) {
     } catch (const PulseError&) {
         return false;
     }
+    // The server answers before it has taken the module's devices away: wait until they are gone, so that
+    // whoever looks next does not find the device again.
+    for (int attempt = 0; attempt < 40 && AudioRouting::device(device.uid); ++attempt)
+        std::this_thread::sleep_for(std::chrono::milliseconds(25));
     return true;
 }
 

@@ -49,8 +49,10 @@ void PulseCapture::connect(const QString& source, ChunkHandler onChunk, EndedHan
         pa_stream_set_read_callback(m_stream.get(), &PulseCapture::onRead, this);
         pa_stream_set_state_callback(m_stream.get(), &PulseCapture::onState, this);
         pa_stream_set_moved_callback(m_stream.get(), &PulseCapture::onMoved, this);
-        const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING |
-                                                          PA_STREAM_AUTO_TIMING_UPDATE);
+        auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING |
+                                                    PA_STREAM_AUTO_TIMING_UPDATE);
+        if (!m_onMoved)
+            flags = static_cast<pa_stream_flags_t>(flags | PA_STREAM_DONT_MOVE);
         if (pa_stream_connect_record(m_stream.get(), device.constData(), &attributes, flags) < 0) {
             const int error = m_pulse->lastError();
             pa_stream_set_read_callback(m_stream.get(), nullptr, nullptr);

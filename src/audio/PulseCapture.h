@@ -30,7 +30,9 @@ public:
     PulseCapture(const PulseCapture&) = delete;
     PulseCapture& operator=(const PulseCapture&) = delete;
 
-    /// Connects to `source` and waits until the stream runs. Throws `PulseError`.
+    /// Connects to `source` and waits until the stream runs. Throws `PulseError`. Without `onMoved` the
+    /// stream is pinned to its source: when the source goes away the server ends the stream instead of
+    /// moving it to the default source (which is the microphone).
     void connect(const QString& source, ChunkHandler onChunk, EndedHandler onEnded = {}, MovedHandler onMoved = {});
     /// Moves the running stream to another source (no reconnection, no gap of our own). False on failure.
     bool moveTo(const QString& source);

@@ -350,23 +350,13 @@ TEST_F(PulseCaptureTest, virtualDeviceThatVanishedFailsToStart) {
     EXPECT_EQ(recorder.stopBlocking(), std::nullopt);
 }
 
-/// Kills our record stream named `mediaName` from the server side, as when its device goes away.
-bool killStream(AudioServerFixture& server, const QString& mediaName) {
-    for (const auto& entry : server.list("source-outputs")) {
-        const QJsonObject output = entry.toObject();
-        if (output.value("properties").toObject().value("media.name").toString() == mediaName)
-            return server.runPactl({"kill-source-output", QString::number(output.value("index").toInt())}).ok();
-    }
-    return false;
-}
-
 // The server ending the stream is a dead end for the monitor source: logged, no file to give.
 TEST_F(PulseCaptureTest, monitorStreamEndedByTheServerGivesNoFile) {
     LogLines log;
     SystemAudioRecorder recorder;
     ASSERT_NO_THROW(recorder.startBlocking());
     std::this_thread::sleep_for(300ms);
-    ASSERT_TRUE(killStream(m_server, QStringLiteral("TaVREL sortie système")));
+    m_server.stop(); // the audio server goes away under the stream
     ASSERT_TRUE(waitUntil([&] { return !recorder.isRecording(); }, 3s));
     EXPECT_EQ(recorder.currentLevel(), 0.0f);
     EXPECT_EQ(recorder.stopBlocking(), std::nullopt);
@@ -375,7 +365,8 @@ TEST_F(PulseCaptureTest, monitorStreamEndedByTheServerGivesNoFile) {
     EXPECT_FALSE(lines.contains(QStringLiteral("[SystemAudio] Capture arrêtée")));
 }
 
-// The virtual device's file survives the server ending its stream: stop hands it over without waiting.
+// The virtual device going away ends its stream (it is never moved to the microphone); the file recorded so
+// far is handed over.
 TEST_F(PulseCaptureTest, virtualDeviceStreamEndedByTheServerStillGivesItsFile) {
     ASSERT_TRUE(m_server.warmUp());
     LogLines log;
@@ -383,14 +374,21 @@ TEST_F(PulseCaptureTest, virtualDeviceStreamEndedByTheServerStillGivesItsFile) {
     ASSERT_TRUE(device);
     BlackHoleRecorder recorder(*device);
     ASSERT_NO_THROW(recorder.startBlocking());
+    ASSERT_TRUE(makeTone(300, 4.0, m_dir.filePath("mic.wav"), 1, kRate, 0.5));
+    auto micPlayer = m_server.playIntoMicrophone(m_dir.filePath("mic.wav"));
     std::this_thread::sleep_for(1s);
-    ASSERT_TRUE(killStream(m_server, QStringLiteral("TaVREL BlackHole")));
+    int blackHoleModule = -1;
+    for (const auto& entry : m_server.list("sinks"))
+        if (entry.toObject().value("name").toString() == m_server.blackHoleSink())
+            blackHoleModule = entry.toObject().value("owner_module").toVariant().toInt();
+    ASSERT_TRUE(m_server.unloadModule(blackHoleModule));
     ASSERT_TRUE(waitUntil([&] { return !recorder.isRunning(); }, 3s));
     const auto file = recorder.stopBlocking();
     ASSERT_TRUE(file);
     const MediaInfo info = probe(*file);
     ASSERT_TRUE(info.valid) << info.error.toStdString();
     EXPECT_NEAR(info.formatDurationS, 1.0, 0.3);
+    EXPECT_LT(rmsDb(decodeToMonoFloat(*file, kRate)), -60.0) << "the microphone got in";
     const QStringList lines = log.lines();
     EXPECT_EQ(lines.filter(QRegularExpression("^\\[BlackHole\\] Fin d'enregistrement avec erreur : .+")).size(), 1);
     EXPECT_FALSE(lines.contains(QStringLiteral("[BlackHole] Capture arrêtée")));
