@@ -6,6 +6,7 @@
 #include "platform/LoginItem.h"
 #include "platform/Notifier.h"
 #include "platform/StatusItem.h"
+#include "platform/WindowPinning.h"
 #include "ui/AppIcon.h"
 #include "ui/CircleButton.h"
 #include "ui/HUDView.h"
@@ -83,6 +84,8 @@ void AppDelegate::applicationDidFinishLaunching() {
     };
     m_hud->levelProvider = [weak] { return weak ? weak->m_recorder.currentMicLevel() : 0.0F; };
     m_hud->systemLevelProvider = [weak] { return weak ? weak->m_recorder.currentSystemLevel() : 0.0F; };
+    m_hud->pinToAllWorkspaces = [](QWindow& window) { showOnAllWorkspaces(window); };
+    m_hud->compositingAvailable = [] { return isCompositingAvailable(); };
 
     // Repair what a crash interrupted before the pending check offers it for upload.
     recoverInterruptedRecordings();
