@@ -5,3 +5,10 @@ tavrel_add_test(app_integration_tests LABELS integration QT_GUI TIMEOUT 600
         ${CMAKE_CURRENT_LIST_DIR}/app/AppDelegateTest.cpp
         ${CMAKE_CURRENT_LIST_DIR}/app/SessionControllerTest.cpp
     LIBS tavrel_app tavrel_platform_fake Qt6::Test)
+
+# The real program under Xvfb, driven through its tray, command line and D-Bus face.
+tavrel_add_test(app_e2e_tests LABELS integration TIMEOUT 300
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/app/EndToEndTest.cpp
+    LIBS Qt6::DBus)
+target_compile_definitions(app_e2e_tests PRIVATE TAVREL_RECORDER_BIN="$<TARGET_FILE:tavrel-recorder>")
+add_dependencies(app_e2e_tests tavrel-recorder)
