@@ -2,7 +2,7 @@
 add_library(tavrel_sysaudio_testsupport STATIC
     ${CMAKE_CURRENT_LIST_DIR}/sysaudio/SignalTools.cpp ${CMAKE_CURRENT_LIST_DIR}/sysaudio/SignalTools.h)
 target_include_directories(tavrel_sysaudio_testsupport PUBLIC ${CMAKE_CURRENT_LIST_DIR}/sysaudio)
-target_link_libraries(tavrel_sysaudio_testsupport PUBLIC Qt6::Core)
+target_link_libraries(tavrel_sysaudio_testsupport PUBLIC tavrel_testsupport Qt6::Core)
 tavrel_warnings(tavrel_sysaudio_testsupport)
 
 tavrel_add_test(sysaudio_unit_tests LABELS unit

@@ -1,5 +1,7 @@
 #include "SignalTools.h"
 
+#include "Media.h"
+
 #include "TempDir.h"
 
 #include "audio/BlackHoleRecorder.h"
@@ -115,16 +117,16 @@ TEST(CafWriterTest, positionsFillGapsAndDropOverlapsAndFfmpegReadsTheFile) {
         EXPECT_EQ(writer.endFrames(), kRate / 2 + kRate / 10 + 10);
         writer.finish();
     }
-    const auto facts = probeAudio(path);
-    ASSERT_TRUE(facts);
-    EXPECT_EQ(facts->codecName, "pcm_f32le");
-    EXPECT_EQ(facts->sampleRateHz, kRate);
-    EXPECT_EQ(facts->channels, 2);
-    const std::vector<float> samples = decodeMono(path, kRate);
+    const MediaInfo facts = probe(path);
+    ASSERT_TRUE(facts.valid) << facts.error.toStdString();
+    EXPECT_EQ(facts.codecName, "pcm_f32le");
+    EXPECT_EQ(facts.sampleRateHz, kRate);
+    EXPECT_EQ(facts.channels, 2);
+    const std::vector<float> samples = decodeToMonoFloat(path, kRate);
     ASSERT_EQ(samples.size(), static_cast<size_t>(kRate / 2 + kRate / 10 + 10));
-    EXPECT_NEAR(rmsDb(samples, kRate, 0.0, 0.1), 20 * std::log10(0.5), 0.01);
-    EXPECT_LT(rmsDb(samples, kRate, 0.1, 0.5), -190.0);
-    EXPECT_NEAR(rmsDb(samples, kRate, 0.5, 0.6), 20 * std::log10(0.5), 0.01);
+    EXPECT_NEAR(rmsDbBetween(samples, kRate, 0.0, 0.1), 20 * std::log10(0.5), 0.01);
+    EXPECT_LT(rmsDbBetween(samples, kRate, 0.1, 0.5), -190.0);
+    EXPECT_NEAR(rmsDbBetween(samples, kRate, 0.5, 0.6), 20 * std::log10(0.5), 0.01);
 }
 
 // A file whose writer never finished (the process was killed) still reads up to its last flush.
@@ -146,7 +148,7 @@ TEST(CafWriterTest, unfinishedFileIsReadableToItsEnd) {
     ASSERT_TRUE(crashed.open(QIODevice::WriteOnly));
     crashed.write(snapshot);
     crashed.close();
-    const std::vector<float> samples = decodeMono(crashed.fileName(), kRate);
+    const std::vector<float> samples = decodeToMonoFloat(crashed.fileName(), kRate);
     EXPECT_GE(static_cast<double>(samples.size()) / kRate, 1.0);
 }
 

@@ -1,5 +1,7 @@
 #include "SignalTools.h"
 
+#include "Media.h"
+
 #include "ScopedEnvironment.h"
 #include "TempDir.h"
 
@@ -90,26 +92,26 @@ TEST_P(TrackMixTest, everyTrackKeepsItsTimeAndLevel) {
 
     mergeAudioFilesInto(mic, systems, output());
 
-    const auto facts = probeAudio(output());
-    ASSERT_TRUE(facts);
-    EXPECT_EQ(facts->codecName, "aac");
-    EXPECT_TRUE(facts->formatName.contains("m4a"));
-    EXPECT_EQ(facts->sampleRateHz, kMergedSampleRateHz);
-    EXPECT_EQ(facts->channels, kMergedChannels);
-    EXPECT_NEAR(facts->durationSeconds, longest, 0.05);
+    const MediaInfo facts = probe(output());
+    ASSERT_TRUE(facts.valid) << facts.error.toStdString();
+    EXPECT_EQ(facts.codecName, "aac");
+    EXPECT_TRUE(facts.formatName.contains("m4a"));
+    EXPECT_EQ(facts.sampleRateHz, kMergedSampleRateHz);
+    EXPECT_EQ(facts.channels, kMergedChannels);
+    EXPECT_NEAR(facts.formatDurationS, longest, 0.05);
 
-    const std::vector<float> mixed = decodeMono(output(), kRate);
+    const std::vector<float> mixed = decodeToMonoFloat(output(), kRate);
     const double toneDb = 20.0 * std::log10(0.2 / std::sqrt(2.0));
     ASSERT_TRUE(onsetSeconds(mixed, kRate));
     EXPECT_NEAR(*onsetSeconds(mixed, kRate), 0.5, 0.01);
-    EXPECT_NEAR(rmsDb(mixed, kRate, 0.6, 1.4), toneDb, 1.0);
+    EXPECT_NEAR(rmsDbBetween(mixed, kRate, 0.6, 1.4), toneDb, 1.0);
     for (size_t i = 0; i < starts.size(); ++i) {
         const auto onset = onsetSeconds(mixed, kRate, -30.0, starts[i] - 0.4);
         ASSERT_TRUE(onset) << "track " << i;
         EXPECT_NEAR(*onset, starts[i], 0.01) << "track " << i;
-        EXPECT_NEAR(rmsDb(mixed, kRate, starts[i] + 0.1, starts[i] + 0.9), toneDb, 1.0) << "track " << i;
+        EXPECT_NEAR(rmsDbBetween(mixed, kRate, starts[i] + 0.1, starts[i] + 0.9), toneDb, 1.0) << "track " << i;
     }
-    EXPECT_LT(rmsDb(mixed, kRate, longest - 0.4, longest - 0.1), -60.0);
+    EXPECT_LT(rmsDbBetween(mixed, kRate, longest - 0.4, longest - 0.1), -60.0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Sources, TrackMixTest,
@@ -127,9 +129,9 @@ TEST_F(TrackMergerTest, tracksAreSummedAtUnitGain) {
 
     mergeAudioFilesInto(mic, {system}, output());
 
-    const std::vector<float> mixed = decodeMono(output(), kRate);
+    const std::vector<float> mixed = decodeToMonoFloat(output(), kRate);
     const double single = 20.0 * std::log10(0.1 / std::sqrt(2.0));
-    EXPECT_NEAR(rmsDb(mixed, kRate, 0.5, 2.5), single + 6.02, 0.5);
+    EXPECT_NEAR(rmsDbBetween(mixed, kRate, 0.5, 2.5), single + 6.02, 0.5);
 }
 
 enum class Damage { missing, garbage, noAudioStream, empty };
@@ -172,7 +174,7 @@ TEST_P(SystemSkipTest, unusableSystemFileIsLeftOut) {
 
     mergeAudioFilesInto(mic, {bad, good}, output());
 
-    const std::vector<float> mixed = decodeMono(output(), kRate);
+    const std::vector<float> mixed = decodeToMonoFloat(output(), kRate);
     EXPECT_NEAR(static_cast<double>(mixed.size()) / kRate, 3.0, 0.05);
     ASSERT_TRUE(onsetSeconds(mixed, kRate, -30.0, 1.7));
     EXPECT_NEAR(*onsetSeconds(mixed, kRate, -30.0, 1.7), 2.0, 0.01);
@@ -224,9 +226,9 @@ TEST_F(TrackMergerTest, asynchronousMergeWritesTheNamedFileInTheTemporaryDirecto
     EXPECT_TRUE(QRegularExpression(QStringLiteral("^tavrel_merged_\\d{10}\\.m4a$"))
                     .match(QFileInfo(merged).fileName())
                     .hasMatch());
-    const auto facts = probeAudio(merged);
-    ASSERT_TRUE(facts);
-    EXPECT_NEAR(facts->durationSeconds, 1.5, 0.05);
+    const MediaInfo facts = probe(merged);
+    ASSERT_TRUE(facts.valid) << facts.error.toStdString();
+    EXPECT_NEAR(facts.formatDurationS, 1.5, 0.05);
     EXPECT_TRUE(QFile::exists(mic));
     EXPECT_TRUE(QFile::exists(system));
 
