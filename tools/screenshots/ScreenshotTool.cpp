@@ -3,7 +3,9 @@
 //
 //   tavrel_screenshots <outdir>
 //   tavrel_screenshots --icon <in.svg> <out.png> <edge px>
+//   tavrel_screenshots --x11 <outdir>      on an X server: the real panel window, captured from the screen
 
+#include "platform/WindowPinning.h"
 #include "ui/AppIcon.h"
 #include "ui/MainPopoverController.h"
 #include "ui/NoteField.h"
@@ -16,11 +18,14 @@
 #include <QApplication>
 #include <QDialog>
 #include <QDir>
+#include <QEventLoop>
 #include <QJsonObject>
 #include <QPainter>
 #include <QPainterPath>
+#include <QScreen>
 #include <QSvgRenderer>
 #include <QTextStream>
+#include <QTimer>
 #include <cmath>
 #include <cstdio>
 #include <functional>
@@ -125,6 +130,39 @@ bool shootAlert(const QString& outdir, const AlertSpec& spec, const QString& nam
     return written;
 }
 
+/// The panel as an X server shows it (no compositing manager under Xvfb: the window is cut to the
+/// card's shape), over a light backdrop window, captured from the screen itself.
+int shootLivePanel(const QString& outdir) {
+    QWidget backdrop(nullptr, Qt::FramelessWindowHint | Qt::WindowStaysOnBottomHint);
+    backdrop.setAutoFillBackground(true);
+    QPalette palette = backdrop.palette();
+    palette.setColor(QPalette::Window, QColor(0xdd, 0xe3, 0xec));
+    backdrop.setPalette(palette);
+    QScreen* screen = QGuiApplication::primaryScreen();
+    backdrop.setGeometry(screen->geometry());
+    backdrop.show();
+
+    RecordingHUD hud;
+    hud.pinToAllWorkspaces = [](QWindow& window) { showOnAllWorkspaces(window); };
+    hud.compositingAvailable = [] { return isCompositingAvailable(); };
+    float level = 0.2f;
+    hud.levelProvider = [&] { return level; };
+    hud.systemLevelProvider = [&] { return level * 0.6f; };
+    hud.show(true);
+    for (float step : {0.3f, 0.55f, 0.72f, 0.6f, 0.5f}) {
+        level = step;
+        hud.tickMeters();
+    }
+    for (int second = 0; second < 83; ++second)
+        hud.tickClock();
+    QEventLoop settle; // mapped, placed and painted by the X server
+    QTimer::singleShot(600, &settle, &QEventLoop::quit);
+    settle.exec();
+    const QRect area = hud.panelFrame().adjusted(-24, -24, 24, 24);
+    const QPixmap shot = screen->grabWindow(0, area.x(), area.y(), area.width(), area.height());
+    return writePng(shot.toImage(), outdir + QStringLiteral("/panel-x11.png")) ? 0 : 1;
+}
+
 int renderIcon(const QString& svgPath, const QString& pngPath, int edgePx) {
     QSvgRenderer renderer(svgPath);
     if (!renderer.isValid() || edgePx <= 0) {
@@ -147,8 +185,14 @@ int main(int argc, char** argv) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
     // Widgets then make their pictures for a HiDPI screen, so the PNGs are sharp at twice the size.
     qputenv("QT_SCALE_FACTOR", QByteArray::number(kScale));
+    if (argc == 3 && QByteArray(argv[1]) == "--x11")
+        qunsetenv("QT_SCALE_FACTOR"); // the X server's own pixels
     QApplication app(argc, argv);
     const QStringList args = QApplication::arguments();
+    if (args.size() == 3 && args[1] == QLatin1String("--x11")) {
+        QDir().mkpath(args[2]);
+        return shootLivePanel(args[2]);
+    }
     if (args.size() == 5 && args[1] == QLatin1String("--icon"))
         return renderIcon(args[2], args[3], args[4].toInt());
     if (args.size() != 2) {
