@@ -8,7 +8,6 @@
 
 #include <QFile>
 #include <QFileInfo>
-
 #include <algorithm>
 
 namespace tavrel {
@@ -174,11 +173,10 @@ QCoro::Task<> AudioRecorder::startSystemAudio() {
             } catch (...) {
                 failure = std::current_exception();
             }
-            if (!failure)
-                {
-                    auto starting = startSource(std::move(tap));
-                    failure = (co_await starting).failure;
-                }
+            if (!failure) {
+                auto starting = startSource(std::move(tap));
+                failure = (co_await starting).failure;
+            }
             if (!failure) {
                 m_usingProcessTap = true;
                 tapRunning = true;
@@ -203,11 +201,10 @@ QCoro::Task<> AudioRecorder::startSystemAudio() {
             } catch (...) {
                 failure = std::current_exception();
             }
-            if (!failure)
-                {
-                    auto starting = startSource(std::move(screen));
-                    failure = (co_await starting).failure;
-                }
+            if (!failure) {
+                auto starting = startSource(std::move(screen));
+                failure = (co_await starting).failure;
+            }
             if (!failure) {
                 m_screenCaptureActive = true;
                 logLine(QStringLiteral("[AudioRecorder] ScreenCaptureKit démarré (applis/visio)"));
@@ -236,8 +233,7 @@ QCoro::Task<> AudioRecorder::startSystemAudio() {
                 } catch (...) {
                     failure = std::current_exception();
                 }
-                if (!failure)
-                    {
+                if (!failure) {
                     auto starting = startSource(std::move(virtualDevice));
                     failure = (co_await starting).failure;
                 }

@@ -7,7 +7,6 @@
 #include <QCoro/QCoroTask>
 #include <QDateTime>
 #include <QString>
-
 #include <atomic>
 #include <exception>
 #include <memory>

@@ -5,7 +5,6 @@
 #include <QFuture>
 #include <QPromise>
 #include <QThreadPool>
-
 #include <exception>
 #include <memory>
 #include <optional>

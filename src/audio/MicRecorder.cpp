@@ -2,9 +2,8 @@
 
 #include "core/Log.h"
 
-#include <pthread.h>
-
 #include <cmath>
+#include <pthread.h>
 #include <vector>
 
 namespace tavrel {
@@ -49,8 +48,7 @@ MicRecorder::MicRecorder(const QString& path, Settings settings)
     m_stream.reset(pa_stream_new_with_proplist(m_pulse->context(), "Microphone", &spec, nullptr, props.get()));
     if (!m_stream) {
         const int error = m_pulse->lastError();
-        throw PulseError(QStringLiteral("Impossible d'ouvrir le microphone : %1").arg(m_pulse->lastErrorText()),
-                         error);
+        throw PulseError(QStringLiteral("Impossible d'ouvrir le microphone : %1").arg(m_pulse->lastErrorText()), error);
     }
     pa_stream_set_read_callback(m_stream.get(), &MicRecorder::onRead, this);
 }
@@ -169,8 +167,7 @@ void MicRecorder::readAvailable(pa_stream* stream) {
             const std::size_t count = bytes / sizeof(float) / channels * channels;
             const std::size_t pushed = m_ring.push(samples, count, channels);
             if (pushed < count)
-                m_framesDropped.fetch_add(static_cast<int64_t>((count - pushed) / channels),
-                                          std::memory_order_relaxed);
+                m_framesDropped.fetch_add(static_cast<int64_t>((count - pushed) / channels), std::memory_order_relaxed);
             double sum = 0.0;
             for (std::size_t i = 0; i < count; i += channels)
                 sum += double(samples[i]) * double(samples[i]);

@@ -5,7 +5,6 @@
 #include "pulse/PulseContext.h"
 
 #include <QString>
-
 #include <atomic>
 #include <chrono>
 #include <memory>

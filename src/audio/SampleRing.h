@@ -13,8 +13,8 @@ namespace tavrel {
 class SampleRing {
 public:
     explicit SampleRing(std::size_t minimumCapacity)
-        : m_buffer(std::bit_ceil(minimumCapacity < 2 ? std::size_t{2} : minimumCapacity)),
-          m_mask(m_buffer.size() - 1) {}
+        : m_buffer(std::bit_ceil(minimumCapacity < 2 ? std::size_t{2} : minimumCapacity)), m_mask(m_buffer.size() - 1) {
+    }
 
     std::size_t capacity() const { return m_buffer.size(); }
 

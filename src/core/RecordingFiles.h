@@ -33,11 +33,11 @@ public:
     static QString uniquePath(const QString& directory, const QString& prefix, const QString& extension,
                               qint64 timestamp);
 
-    static QString micFile();                    ///< recordings folder, "tavrel_mic_<T>.m4a"
-    static QString tapFile();                    ///< temporary directory, "tavrel_tap_<T>.caf"
-    static QString screenCaptureFile();          ///< temporary directory, "tavrel_sys_<T>.m4a"
-    static QString virtualDeviceFile(bool m4a);  ///< temporary directory, "tavrel_bh_<T>.m4a" or ".aiff"
-    static QString mergedFile();                 ///< temporary directory, "tavrel_merged_<T>.m4a"
+    static QString micFile();                   ///< recordings folder, "tavrel_mic_<T>.m4a"
+    static QString tapFile();                   ///< temporary directory, "tavrel_tap_<T>.caf"
+    static QString screenCaptureFile();         ///< temporary directory, "tavrel_sys_<T>.m4a"
+    static QString virtualDeviceFile(bool m4a); ///< temporary directory, "tavrel_bh_<T>.m4a" or ".aiff"
+    static QString mergedFile();                ///< temporary directory, "tavrel_merged_<T>.m4a"
     /// The notes file beside `recording`: its name without extension + ".notes.txt".
     static QString notesFileFor(const QString& recording);
 };

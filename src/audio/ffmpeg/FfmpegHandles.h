@@ -17,7 +17,6 @@ extern "C" {
 }
 
 #include <QString>
-
 #include <memory>
 
 namespace tavrel {

@@ -12,7 +12,6 @@ extern "C" {
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -47,9 +46,8 @@ M4aWriter::M4aWriter(const QString& path, int sampleRateHz, int channels)
     : m_path(path), m_sampleRateHz(sampleRateHz), m_channels(channels) {
     quietFfmpegLog();
     if (sampleRateHz < kMinSampleRateHz || sampleRateHz > kMaxSampleRateHz || channels < 1 || channels > kMaxChannels)
-        throw FfmpegError(QStringLiteral("Format audio non pris en charge : %1 Hz, %2 voie(s)")
-                              .arg(sampleRateHz)
-                              .arg(channels));
+        throw FfmpegError(
+            QStringLiteral("Format audio non pris en charge : %1 Hz, %2 voie(s)").arg(sampleRateHz).arg(channels));
 
     const AVCodec* codec = avcodec_find_encoder_by_name("aac");
     if (!codec)
@@ -101,7 +99,8 @@ M4aWriter::~M4aWriter() {
     try {
         closeFragmented();
     } catch (const Error& error) {
-        logLine(QStringLiteral("[AudioRecorder] Fichier audio laissé fragmenté : %1").arg(error.localizedDescription()));
+        logLine(
+            QStringLiteral("[AudioRecorder] Fichier audio laissé fragmenté : %1").arg(error.localizedDescription()));
     }
 }
 
@@ -379,7 +378,8 @@ RecoveryResult recoverInterruptedRecording(const QString& path) {
         return RecoveryResult::untouched;
     try {
         remuxToPlainM4a(path, path);
-        logLine(QStringLiteral("[AudioRecorder] Enregistrement interrompu réparé : %1").arg(QFileInfo(path).fileName()));
+        logLine(
+            QStringLiteral("[AudioRecorder] Enregistrement interrompu réparé : %1").arg(QFileInfo(path).fileName()));
         return RecoveryResult::recovered;
     } catch (const Error& error) {
         logLine(QStringLiteral("[AudioRecorder] Enregistrement interrompu illisible : %1 (%2)")

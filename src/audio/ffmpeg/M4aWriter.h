@@ -18,7 +18,6 @@
 #include "FfmpegHandles.h"
 
 #include <QString>
-
 #include <cstdint>
 #include <optional>
 #include <vector>

@@ -1,7 +1,6 @@
 #include "PulseContext.h"
 
 #include <QByteArray>
-
 #include <thread>
 
 namespace tavrel {
@@ -89,8 +88,8 @@ void PulseContext::connect(const QString& serverAddress, std::chrono::millisecon
     pa_proplist_sets(props.get(), PA_PROP_APPLICATION_NAME, "TaVREL Recorder");
     pa_proplist_sets(props.get(), PA_PROP_APPLICATION_ID, "fr.tavrel.Recorder");
     pa_proplist_sets(props.get(), PA_PROP_APPLICATION_ICON_NAME, "tavrel-icon");
-    m_context.reset(pa_context_new_with_proplist(pa_threaded_mainloop_get_api(m_mainloop.get()), "TaVREL Recorder",
-                                                 props.get()));
+    m_context.reset(
+        pa_context_new_with_proplist(pa_threaded_mainloop_get_api(m_mainloop.get()), "TaVREL Recorder", props.get()));
     if (!m_context)
         throw PulseError(QStringLiteral("Impossible de créer le contexte du serveur audio."));
     pa_context_set_state_callback(m_context.get(), &PulseContext::onStateChanged, this);
@@ -100,14 +99,13 @@ void PulseContext::connect(const QString& serverAddress, std::chrono::millisecon
     if (pa_context_connect(m_context.get(), serverAddress.isEmpty() ? nullptr : server.constData(),
                            PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
         const int error = pa_context_errno(m_context.get());
-        throw PulseError(QStringLiteral("Aucun serveur audio ne répond : %1").arg(fromUtf8(pa_strerror(error))),
-                         error);
+        throw PulseError(QStringLiteral("Aucun serveur audio ne répond : %1").arg(fromUtf8(pa_strerror(error))), error);
     }
     if (pa_threaded_mainloop_start(m_mainloop.get()) < 0)
         throw PulseError(QStringLiteral("Impossible de démarrer la boucle du serveur audio."));
 
-    const bool settled = waitUntil(
-        [this] { return !PA_CONTEXT_IS_GOOD(pa_context_get_state(m_context.get())) || isReady(); }, timeout);
+    const bool settled =
+        waitUntil([this] { return !PA_CONTEXT_IS_GOOD(pa_context_get_state(m_context.get())) || isReady(); }, timeout);
     Lock lock(*this);
     const pa_context_state_t state = pa_context_get_state(m_context.get());
     if (!settled || state != PA_CONTEXT_READY) {
@@ -172,7 +170,8 @@ void PulseContext::run(const std::function<pa_operation*(pa_context*, PulseQuery
     {
         Lock lock(*this);
         if (pa_context_get_state(m_context.get()) != PA_CONTEXT_READY)
-            throw PulseError(QStringLiteral("Connexion au serveur audio perdue : %1").arg(lastErrorText()), lastError());
+            throw PulseError(QStringLiteral("Connexion au serveur audio perdue : %1").arg(lastErrorText()),
+                             lastError());
         operation.reset(issue(m_context.get(), query));
         if (!operation)
             throw PulseError(QStringLiteral("Requête refusée par le serveur audio : %1").arg(lastErrorText()),
@@ -188,9 +187,9 @@ void PulseContext::run(const std::function<pa_operation*(pa_context*, PulseQuery
     Lock lock(*this);
     operation.reset();
     if (query.paError() != 0)
-        throw PulseError(QStringLiteral("Le serveur audio a refusé la requête : %1")
-                             .arg(fromUtf8(pa_strerror(query.paError()))),
-                         query.paError());
+        throw PulseError(
+            QStringLiteral("Le serveur audio a refusé la requête : %1").arg(fromUtf8(pa_strerror(query.paError()))),
+            query.paError());
 }
 
 namespace {

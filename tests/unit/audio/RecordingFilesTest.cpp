@@ -1,16 +1,15 @@
+#include "core/RecordingFiles.h"
+
 #include "ScopedEnvironment.h"
 #include "TempDir.h"
 #include "core/Notes.h"
-#include "core/RecordingFiles.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
-
-#include <gtest/gtest.h>
-
 #include <functional>
+#include <gtest/gtest.h>
 
 using namespace tavrel;
 using namespace tavrel::test;
@@ -84,16 +83,13 @@ TEST_P(RecordingFileNames, followsItsPatternWithTheCurrentTimeStamp) {
 
 INSTANTIATE_TEST_SUITE_P(
     Patterns, RecordingFileNames,
-    ::testing::Values(NamePattern{"mic", [] { return RecordingFiles::micFile(); }, true, "tavrel_mic_", "m4a"},
-                      NamePattern{"tap", [] { return RecordingFiles::tapFile(); }, false, "tavrel_tap_", "caf"},
-                      NamePattern{"sys", [] { return RecordingFiles::screenCaptureFile(); }, false, "tavrel_sys_",
-                                  "m4a"},
-                      NamePattern{"bh", [] { return RecordingFiles::virtualDeviceFile(true); }, false, "tavrel_bh_",
-                                  "m4a"},
-                      NamePattern{"bhAiff", [] { return RecordingFiles::virtualDeviceFile(false); }, false,
-                                  "tavrel_bh_", "aiff"},
-                      NamePattern{"merged", [] { return RecordingFiles::mergedFile(); }, false, "tavrel_merged_",
-                                  "m4a"}),
+    ::testing::Values(
+        NamePattern{"mic", [] { return RecordingFiles::micFile(); }, true, "tavrel_mic_", "m4a"},
+        NamePattern{"tap", [] { return RecordingFiles::tapFile(); }, false, "tavrel_tap_", "caf"},
+        NamePattern{"sys", [] { return RecordingFiles::screenCaptureFile(); }, false, "tavrel_sys_", "m4a"},
+        NamePattern{"bh", [] { return RecordingFiles::virtualDeviceFile(true); }, false, "tavrel_bh_", "m4a"},
+        NamePattern{"bhAiff", [] { return RecordingFiles::virtualDeviceFile(false); }, false, "tavrel_bh_", "aiff"},
+        NamePattern{"merged", [] { return RecordingFiles::mergedFile(); }, false, "tavrel_merged_", "m4a"}),
     [](const auto& info) { return std::string(info.param.what); });
 
 TEST_F(RecordingFilesTest, aNameTakenInTheSameSecondGetsASuffixKeepingPrefixAndExtension) {
@@ -121,8 +117,7 @@ TEST(RecordingFileTimestamp, truncatesTowardZero) {
 }
 
 TEST(RecordingNotesFile, sitsBesideTheRecordingWithItsExtensionReplaced) {
-    EXPECT_EQ(RecordingFiles::notesFileFor("/r/tavrel_merged_1731772800.m4a"),
-              "/r/tavrel_merged_1731772800.notes.txt");
+    EXPECT_EQ(RecordingFiles::notesFileFor("/r/tavrel_merged_1731772800.m4a"), "/r/tavrel_merged_1731772800.notes.txt");
     EXPECT_EQ(RecordingFiles::notesFileFor("/tmp/x/tavrel_mic_1731772800_2.m4a"),
               "/tmp/x/tavrel_mic_1731772800_2.notes.txt");
     EXPECT_EQ(RecordingFiles::notesFileFor("/r/tavrel_bh_1.aiff"), "/r/tavrel_bh_1.notes.txt");

@@ -1,7 +1,6 @@
 #include "audio/SampleRing.h"
 
 #include <gtest/gtest.h>
-
 #include <thread>
 #include <vector>
 
