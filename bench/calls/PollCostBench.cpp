@@ -84,8 +84,8 @@ int main(int argc, char** argv) {
         const auto wallBefore = std::chrono::steady_clock::now();
         for (int i = 0; i < rounds; ++i)
             body();
-        cost.wallMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - wallBefore).count() /
-                      rounds;
+        cost.wallMs =
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - wallBefore).count() / rounds;
         cost.clientCpuMs = (cpuSeconds(who) - cpuBefore) * 1000 / rounds;
         cost.serverCpuMs = (processCpuSeconds(server.daemonPid()) - serverBefore) * 1000 / rounds;
         return cost;
@@ -95,8 +95,8 @@ int main(int argc, char** argv) {
     const Cost pactl = measure(RUSAGE_CHILDREN, [&] {
         QProcess process;
         process.setProcessEnvironment(env);
-        process.start(QStringLiteral("pactl"), {QStringLiteral("list"), QStringLiteral("short"),
-                                                QStringLiteral("source-outputs")});
+        process.start(QStringLiteral("pactl"),
+                      {QStringLiteral("list"), QStringLiteral("short"), QStringLiteral("source-outputs")});
         process.waitForFinished(5000);
     });
     const Cost poll = measure(RUSAGE_SELF, [&] { query.inputApplications(); });
@@ -108,7 +108,8 @@ int main(int argc, char** argv) {
     std::printf("%-34s %10.3f %14.3f %14.3f\n", "poll (sources+clients+outputs)", poll.wallMs, poll.clientCpuMs,
                 poll.serverCpuMs);
     std::printf("ratio poll / pactl: wall %.3f, client CPU %.3f, server CPU %.3f\n", poll.wallMs / pactl.wallMs,
-                poll.clientCpuMs / pactl.clientCpuMs, pactl.serverCpuMs > 0 ? poll.serverCpuMs / pactl.serverCpuMs : 0.0);
+                poll.clientCpuMs / pactl.clientCpuMs,
+                pactl.serverCpuMs > 0 ? poll.serverCpuMs / pactl.serverCpuMs : 0.0);
     std::printf("CPU share of one core at one poll every 2 s: %.4f %%\n", poll.clientCpuMs / 2000 * 100);
     return 0;
 }

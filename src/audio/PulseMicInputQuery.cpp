@@ -22,8 +22,8 @@ QString property(const pa_proplist* props, const char* key) {
 bool isMixerApplication(const QString& applicationId) {
     static const QStringList kMixers{
         QStringLiteral("org.PulseAudio.pavucontrol"), QStringLiteral("org.gnome.VolumeControl"),
-        QStringLiteral("org.kde.plasma-pa"),         QStringLiteral("org.kde.kmix"),
-        QStringLiteral("com.saivert.pwvucontrol"),   QStringLiteral("org.xfce.xfce4-pulseaudio-plugin"),
+        QStringLiteral("org.kde.plasma-pa"),          QStringLiteral("org.kde.kmix"),
+        QStringLiteral("com.saivert.pwvucontrol"),    QStringLiteral("org.xfce.xfce4-pulseaudio-plugin"),
     };
     for (const QString& mixer : kMixers) {
         if (applicationId.compare(mixer, Qt::CaseInsensitive) == 0)
@@ -168,13 +168,12 @@ QStringList PulseMicInputQuery::inputApplications() {
                         else if (eol > 0)
                             shot->query->finish();
                         else if (info)
-                            shot->clients.insert(info->index,
-                                                 ClientFacts{property(info->proplist, PA_PROP_APPLICATION_ID),
-                                                             property(info->proplist, "pipewire.access.portal.app_id"),
-                                                             property(info->proplist, PA_PROP_APPLICATION_PROCESS_ID),
-                                                             property(info->proplist,
-                                                                      PA_PROP_APPLICATION_PROCESS_BINARY),
-                                                             property(info->proplist, PA_PROP_APPLICATION_NAME)});
+                            shot->clients.insert(
+                                info->index, ClientFacts{property(info->proplist, PA_PROP_APPLICATION_ID),
+                                                         property(info->proplist, "pipewire.access.portal.app_id"),
+                                                         property(info->proplist, PA_PROP_APPLICATION_PROCESS_ID),
+                                                         property(info->proplist, PA_PROP_APPLICATION_PROCESS_BINARY),
+                                                         property(info->proplist, PA_PROP_APPLICATION_NAME)});
                     },
                     &snapshot);
             },

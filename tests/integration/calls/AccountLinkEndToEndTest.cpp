@@ -66,15 +66,15 @@ protected:
             [&] { return m_connection->interface()->isServiceRegistered(kService).value() || !m_program.isRunning(); },
             20s);
         if (!up || !m_program.isRunning())
-            return ::testing::AssertionFailure() << "the program did not take its bus name: "
-                                                 << m_program.describe().toStdString();
+            return ::testing::AssertionFailure()
+                   << "the program did not take its bus name: " << m_program.describe().toStdString();
         return ::testing::AssertionSuccess();
     }
 
     ::testing::AssertionResult open(const QStringList& links) {
-        QDBusMessage call = QDBusMessage::createMethodCall(kService, QStringLiteral("/fr/tavrel/Recorder"),
-                                                           QStringLiteral("org.freedesktop.Application"),
-                                                           QStringLiteral("Open"));
+        QDBusMessage call =
+            QDBusMessage::createMethodCall(kService, QStringLiteral("/fr/tavrel/Recorder"),
+                                           QStringLiteral("org.freedesktop.Application"), QStringLiteral("Open"));
         call << links << QVariantMap();
         const QDBusMessage reply = m_connection->call(call, QDBus::Block, 10000);
         if (reply.type() == QDBusMessage::ErrorMessage)
@@ -158,11 +158,10 @@ TEST_F(AccountLinkEndToEnd, launchByTheLinkStoresItAtStart) {
 
 TEST_F(AccountLinkEndToEnd, malformedOrForeignLinksChangeNothing) {
     ASSERT_TRUE(startProgram());
-    for (const QString& link : {QStringLiteral("TAVREL://auth?token=x&backend=y"),
-                                QStringLiteral("tavrel://AUTH?token=x&backend=y"),
-                                QStringLiteral("tavrel://login?token=x&backend=y"),
-                                QStringLiteral("tavrel://auth?token=x"),
-                                QStringLiteral("tavrel://auth?token=%ZZ&backend=y")})
+    for (const QString& link :
+         {QStringLiteral("TAVREL://auth?token=x&backend=y"), QStringLiteral("tavrel://AUTH?token=x&backend=y"),
+          QStringLiteral("tavrel://login?token=x&backend=y"), QStringLiteral("tavrel://auth?token=x"),
+          QStringLiteral("tavrel://auth?token=%ZZ&backend=y")})
         expectIgnored(link);
     EXPECT_EQ(SettingsManager::shared().backendURL(), QStringLiteral("marker"));
     EXPECT_TRUE(m_program.isRunning());

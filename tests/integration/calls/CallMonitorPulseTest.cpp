@@ -54,9 +54,7 @@ protected:
         }
     }
 
-    int unknownLines(const QString& who) const {
-        return static_cast<int>(m_log.count(kUnknownLine + who));
-    }
+    int unknownLines(const QString& who) const { return static_cast<int>(m_log.count(kUnknownLine + who)); }
 
     test::PulseAudioFixture m_pulse;
     QStringList m_log;
@@ -102,9 +100,8 @@ TEST_F(CallMonitorOnPulse, acceptedPromptStartsAndTheCallsEndIsReported) {
 TEST_F(CallMonitorOnPulse, callDuringARecordingIsNotPrompted) {
     m_recording = true;
     ManagedProcess zoom = m_pulse.startRecordingClient();
-    ASSERT_TRUE(test::waitUntil([&] { return !CallMonitor::micInputStatus(*std::make_unique<PulseMicInputQuery>())
-                                                    .bundles.isEmpty(); },
-                                5s));
+    ASSERT_TRUE(test::waitUntil(
+        [&] { return !CallMonitor::micInputStatus(*std::make_unique<PulseMicInputQuery>()).bundles.isEmpty(); }, 5s));
     pollTimes(4);
     EXPECT_EQ(m_prompts, 0);
     zoom.stop();
@@ -117,14 +114,13 @@ TEST_F(CallMonitorOnPulse, unknownApplicationIsLoggedOncePerStretchByItsExecutab
     obs.applicationId.clear();
     obs.processBinary = QStringLiteral("obs");
     ManagedProcess first = m_pulse.startRecordingClient(obs);
-    ASSERT_TRUE(pollUntil([&] { return unknownLines(QStringLiteral("obs")) == 1; }))
-        << m_log.join(u'\n').toStdString();
+    ASSERT_TRUE(pollUntil([&] { return unknownLines(QStringLiteral("obs")) == 1; })) << m_log.join(u'\n').toStdString();
     pollTimes(4);
     EXPECT_EQ(unknownLines(QStringLiteral("obs")), 1);
     first.stop();
     // One poll with the microphone free ends the stretch.
-    ASSERT_TRUE(pollUntil([&] { return m_monitor.micInputStatus(*std::make_unique<PulseMicInputQuery>())
-                                           .bundles.isEmpty(); }));
+    ASSERT_TRUE(
+        pollUntil([&] { return m_monitor.micInputStatus(*std::make_unique<PulseMicInputQuery>()).bundles.isEmpty(); }));
     m_monitor.tick();
     ManagedProcess second = m_pulse.startRecordingClient(obs);
     ASSERT_TRUE(pollUntil([&] { return unknownLines(QStringLiteral("obs")) == 2; }));
@@ -163,9 +159,8 @@ TEST_F(CallMonitorOnPulse, filterStreamAndOurOwnRecordingNeverMakeACall) {
 // call that ends while the prompt is up is reported at once, and accepting afterwards still starts.
 TEST_F(CallMonitorOnPulse, realTimerKeepsPollingWhileTheModalPromptRuns) {
     ManagedProcess zoom = m_pulse.startRecordingClient();
-    ASSERT_TRUE(test::waitUntil([&] { return CallMonitor::micInputStatus(*std::make_unique<PulseMicInputQuery>())
-                                                 .matched; },
-                                5s));
+    ASSERT_TRUE(test::waitUntil(
+        [&] { return CallMonitor::micInputStatus(*std::make_unique<PulseMicInputQuery>()).matched; }, 5s));
     QStringList order;
     m_monitor.onStart = [&] { order << QStringLiteral("start"); };
     m_monitor.onEnd = [&] { order << QStringLiteral("end"); };

@@ -86,8 +86,7 @@ INSTANTIATE_TEST_SUITE_P(
         LinkCase{"secondLinkIgnoredEvenWhenFirstIsForeign",
                  {s("https://example.org/"), s("tavrel://auth?token=t&backend=b")},
                  std::nullopt},
-        LinkCase{"emptyText", {s("")}, std::nullopt},
-        LinkCase{"garbage", {s("::::??&&==%%")}, std::nullopt}),
+        LinkCase{"emptyText", {s("")}, std::nullopt}, LinkCase{"garbage", {s("::::??&&==%%")}, std::nullopt}),
     [](const ::testing::TestParamInfo<LinkCase>& info) { return std::string(info.param.name); });
 
 } // namespace

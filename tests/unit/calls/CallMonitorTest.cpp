@@ -95,8 +95,7 @@ INSTANTIATE_TEST_SUITE_P(
                       PrefixCase{"com.apple.TelephonyUtilities", true}, PrefixCase{"com.example.recorder", false},
                       PrefixCase{"com.google.chrome", false}, PrefixCase{"Us.zoom.xos", false},
                       PrefixCase{"us.zoo", false}, PrefixCase{"com.microsoft.Teams", false},
-                      PrefixCase{"x.us.zoom", false}, PrefixCase{"fr.tavrel.Recorder", false},
-                      PrefixCase{"", false}));
+                      PrefixCase{"x.us.zoom", false}, PrefixCase{"fr.tavrel.Recorder", false}, PrefixCase{"", false}));
 
 // A run of polls and what the owner and the log saw, in order.
 struct Scenario {
@@ -133,12 +132,11 @@ INSTANTIATE_TEST_SUITE_P(
                  {{kZoom, false}, {kZoom, false}, {kZoom, false}, {kNone, false}, {kZoom, false}},
                  {false, false},
                  {"prompt", "end", "prompt"}},
-        Scenario{"acceptedCallStartsThenEnds", {{kZoom, false}, {kZoom, true}, {kNone, true}}, {true},
+        Scenario{"acceptedCallStartsThenEnds",
+                 {{kZoom, false}, {kZoom, true}, {kNone, true}},
+                 {true},
                  {"prompt", "start", "end"}},
-        Scenario{"callDuringRecordingIsNotPromptedButEnds",
-                 {{kZoom, true}, {kZoom, true}, {kNone, true}},
-                 {},
-                 {"end"}},
+        Scenario{"callDuringRecordingIsNotPromptedButEnds", {{kZoom, true}, {kZoom, true}, {kNone, true}}, {}, {"end"}},
         Scenario{"recordingStoppedMidCallStillNoPrompt", {{kZoom, true}, {kZoom, false}}, {}, {}},
         Scenario{"unknownApplicationLoggedOncePerStretch",
                  {{kOther, false}, {kOther, false}, {kOther + kOther, false}, {kNone, false}, {kOther, false}},
@@ -164,7 +162,9 @@ INSTANTIATE_TEST_SUITE_P(
                  {{{"fr.tavrel.Recorder"}, true}, {{"fr.tavrel.Recorder"}, true}, {{"fr.tavrel.Recorder"}, false}},
                  {},
                  {"log:" + kUnknown + "fr.tavrel.Recorder"}},
-        Scenario{"emptyIdentifierNeitherCountedNorLogged", {{{""}, false}, {{"", "x.y"}, false}}, {},
+        Scenario{"emptyIdentifierNeitherCountedNorLogged",
+                 {{{""}, false}, {{"", "x.y"}, false}},
+                 {},
                  {"log:" + kUnknown + "x.y"}},
         Scenario{"caseMattersForPrefixes", {{{"US.ZOOM.xos"}, false}}, {}, {"log:" + kUnknown + "US.ZOOM.xos"}}),
     [](const ::testing::TestParamInfo<Scenario>& info) { return std::string(info.param.name); });

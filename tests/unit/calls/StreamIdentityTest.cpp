@@ -55,7 +55,8 @@ INSTANTIATE_TEST_SUITE_P(
                          f.processBinary = QStringLiteral("electron");
                      },
                      QStringLiteral("com.tinyspeck.slackmacgap"), true},
-        IdentityCase{"flatpakTeamsCapitalised", [](Facts& f) { f.applicationId = QStringLiteral("com.microsoft.Teams"); },
+        IdentityCase{"flatpakTeamsCapitalised",
+                     [](Facts& f) { f.applicationId = QStringLiteral("com.microsoft.Teams"); },
                      QStringLiteral("com.microsoft.teams"), true},
         IdentityCase{"flatpakZoomAlreadyKnown", [](Facts& f) { f.flatpakId = QStringLiteral("us.zoom.Zoom"); },
                      QStringLiteral("us.zoom.Zoom"), true},
@@ -111,8 +112,8 @@ INSTANTIATE_TEST_SUITE_P(
                      kSkipped, false},
         IdentityCase{"volumeControl", [](Facts& f) { f.applicationId = QStringLiteral("org.pulseaudio.pavucontrol"); },
                      kSkipped, false},
-        IdentityCase{"gnomeVolumeControl", [](Facts& f) { f.applicationId = QStringLiteral("org.gnome.VolumeControl"); },
-                     kSkipped, false},
+        IdentityCase{"gnomeVolumeControl",
+                     [](Facts& f) { f.applicationId = QStringLiteral("org.gnome.VolumeControl"); }, kSkipped, false},
         IdentityCase{"corked",
                      [](Facts& f) {
                          f.corked = true;
