@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <algorithm>
+#include <chrono>
 
 namespace tavrel {
 
@@ -86,6 +87,7 @@ QCoro::Task<> AudioRecorder::startRecording() {
     struct Opened {
         std::shared_ptr<MicRecorder> recorder;
         bool recording = false;
+        int64_t originNs = 0;
     };
     Opened opened;
     try {
@@ -93,6 +95,10 @@ QCoro::Task<> AudioRecorder::startRecording() {
             Opened result;
             result.recorder = std::make_shared<MicRecorder>(micPath);
             result.recording = result.recorder->record();
+            // The microphone's file begins with what it captured from about now.
+            result.originNs = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                  std::chrono::steady_clock::now().time_since_epoch())
+                                  .count();
             return result;
         };
         auto opening = runInBackground(std::move(open));
@@ -115,6 +121,7 @@ QCoro::Task<> AudioRecorder::startRecording() {
     }
 
     m_micRecorder = std::move(opened.recorder);
+    m_timelineOriginNs = opened.originNs;
     m_recordingStart = QDateTime::currentDateTime();
     m_notes.clear();
     m_isRecording = true;
@@ -128,6 +135,7 @@ QCoro::Task<AudioRecorder::SourceStart> AudioRecorder::startSource(std::unique_p
     try {
         if (!source)
             throw Error(QStringLiteral("source indisponible"));
+        source->setTimelineOrigin(m_timelineOriginNs);
         auto starting = source->start();
         co_await starting;
         m_sysRecorders.push_back(std::move(source));

@@ -85,6 +85,7 @@ private:
     bool m_screenCapturePermissionMissing = false;
     std::vector<Note> m_notes;
     std::optional<QDateTime> m_recordingStart;
+    int64_t m_timelineOriginNs = 0; // the microphone's time zero, handed to the system-audio sources
 };
 
 } // namespace tavrel

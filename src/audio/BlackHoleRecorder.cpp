@@ -197,7 +197,7 @@ QCoro::Task<std::optional<QString>> BlackHoleRecorder::stop() {
 }
 
 void BlackHoleRecorder::startBlocking() {
-    const int64_t startNs = monotonicNs();
+    const int64_t startNs = m_originNs > 0 ? m_originNs : monotonicNs();
     try {
         m_pulse = PulseContext::instance();
         m_pulse->sourceInfo(m_device.name);

@@ -125,7 +125,7 @@ void ProcessTapRecorder::startBlocking() {
         throw SystemAudioFailure(SystemAudioError::tapFailed);
     };
     ensurePipeWireInitialised();
-    m_startNs = monotonicNs();
+    m_startNs = m_originNs > 0 ? m_originNs : monotonicNs();
     m_loop.reset(pw_thread_loop_new(kThreadName, nullptr));
     if (!m_loop)
         fail();

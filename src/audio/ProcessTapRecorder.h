@@ -45,6 +45,7 @@ public:
     void pause() override { m_isPaused.store(true); }
     void resume() override { m_isPaused.store(false); }
     float currentLevel() const override;
+    void setTimelineOrigin(int64_t monotonicNs) override { m_originNs = monotonicNs; }
 
     /// The blocking bodies of start()/stop(), for callers already off the main thread.
     void startBlocking();
@@ -116,6 +117,7 @@ private:
     std::atomic<bool> m_linkVerified{false};
     std::atomic<bool> m_isPaused{false};
     std::atomic<float> m_level{0.0f};
+    int64_t m_originNs = 0; // the recording's time zero, when the orchestrator gives one
 };
 
 } // namespace tavrel

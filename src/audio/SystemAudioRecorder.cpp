@@ -82,7 +82,7 @@ QCoro::Task<std::optional<QString>> SystemAudioRecorder::stop() {
 }
 
 void SystemAudioRecorder::startBlocking() {
-    const int64_t startNs = monotonicNs();
+    const int64_t startNs = m_originNs > 0 ? m_originNs : monotonicNs();
     std::optional<DefaultOutput> output;
     try {
         m_pulse = PulseContext::instance();

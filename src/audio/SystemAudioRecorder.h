@@ -42,6 +42,7 @@ public:
     void pause() override { m_isPaused.store(true); }
     void resume() override { m_isPaused.store(false); }
     float currentLevel() const override;
+    void setTimelineOrigin(int64_t monotonicNs) override { m_originNs = monotonicNs; }
 
     void startBlocking();
     std::optional<QString> stopBlocking();
@@ -71,6 +72,7 @@ private:
     std::atomic<bool> m_isPaused{false};
     std::atomic<bool> m_sourceVerified{false};
     std::atomic<float> m_level{0.0f};
+    int64_t m_originNs = 0; // the recording's time zero, when the orchestrator gives one
     std::atomic<bool> m_ended{false};
     // Written by the follower thread, read on the mainloop thread when the stream moves.
     std::atomic<std::shared_ptr<const QString>> m_expectedSource;

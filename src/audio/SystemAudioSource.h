@@ -5,6 +5,7 @@
 #include <QCoro/QCoroTask>
 #include <QString>
 
+#include <cstdint>
 #include <optional>
 
 namespace tavrel {
@@ -34,6 +35,9 @@ public:
     virtual void resume() = 0;
     /// Level in 0...1, 0 while paused.
     virtual float currentLevel() const = 0;
+    /// Time zero of the recording (CLOCK_MONOTONIC, ns), given before `start()` so that every track lines
+    /// up with the microphone's; a source that is not told starts its timeline at its own `start()`.
+    virtual void setTimelineOrigin(int64_t monotonicNs) { (void)monotonicNs; }
 };
 
 } // namespace tavrel

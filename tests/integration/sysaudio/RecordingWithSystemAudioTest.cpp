@@ -101,8 +101,12 @@ TEST_P(RecordingWithSystemAudioTest, mergedRecordingHoldsEverySideAtItsTime) {
     ASSERT_EQ(onsets.size(), played.size()) << ::testing::PrintToString(onsets);
     for (size_t i = 0; i < played.size(); ++i)
         EXPECT_NEAR(onsets[i], played[i].atS, 0.2) << "tone " << played[i].frequencyHz;
-    // Two sides recorded at the same moment sit at the same distance in the file as in reality.
-    EXPECT_NEAR(onsets[1] - onsets[0], played[1].atS - played[0].atS, 0.1);
+    // Every side is late or early by the same amount (the player's own start-up): the tracks line up.
+    std::string offsets;
+    for (size_t i = 0; i < played.size(); ++i)
+        offsets += std::to_string(onsets[i] - played[i].atS) + " ";
+    for (size_t i = 1; i < played.size(); ++i)
+        EXPECT_NEAR(onsets[i] - played[i].atS, onsets[0] - played[0].atS, 0.05) << "offsets: " << offsets;
     // The intermediate files are gone.
     EXPECT_TRUE(QDir(m_dir.filePath("tmp")).entryList({"tavrel_tap_*", "tavrel_sys_*", "tavrel_bh_*"}).isEmpty());
 }
