@@ -2,7 +2,6 @@
 // very same body to the same server in the same run, and the memory the upload costs.
 //   bench_net_upload [megabytes, default 50] [rounds, default 3] [raw: the server does not parse the form]
 #include "ReferenceBackend.h"
-
 #include "net/UploadService.h"
 
 #include <QCoreApplication>
@@ -11,12 +10,10 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QRandomGenerator>
-
 #include <algorithm>
 #include <cstdio>
-#include <vector>
-
 #include <sys/resource.h>
+#include <vector>
 
 using namespace tavrel;
 using namespace tavrel::test;
@@ -81,10 +78,10 @@ int main(int argc, char** argv) {
     for (int round = 0; round < rounds; ++round) {
         QElapsedTimer timer;
         timer.start();
-        const auto outcome = runTask(UploadService::uploadAsync(recording, QStringLiteral("Banc d'essai"), 42,
-                                                                QStringLiteral("professional"), QStringLiteral("normal"),
-                                                                QStringLiteral("[0:01] note")),
-                                     std::chrono::minutes(5));
+        const auto outcome = runTask(
+            UploadService::uploadAsync(recording, QStringLiteral("Banc d'essai"), 42, QStringLiteral("professional"),
+                                       QStringLiteral("normal"), QStringLiteral("[0:01] note")),
+            std::chrono::minutes(5));
         ours.push_back(timer.nsecsElapsed() / 1e9);
         // The finished reply (and the body it holds) goes at the next turn of the event loop, as it would in
         // the program; without this, two bodies would count in the next round's peak.

@@ -1,7 +1,6 @@
 // The upload side of the delegate: sending a recording, following its transcription job, the busy mark
 // in the tray, the upload dialog and the recordings left unsent.
 #include "AppDelegate.h"
-
 #include "core/ClientResolver.h"
 #include "core/Log.h"
 #include "core/RecordingFiles.h"
@@ -9,13 +8,11 @@
 #include "platform/Desktop.h"
 #include "ui/UploadDialog.h"
 
+#include <QCoro/QCoroTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QStringDecoder>
-
-#include <QCoro/QCoroTimer>
-
 #include <algorithm>
 #include <memory>
 
@@ -23,7 +20,7 @@ namespace tavrel {
 
 namespace {
 
-const QString kUploadSymbol = QStringLiteral("⬆︎");  // U+2B06 U+FE0E: the arrow as text, not as emoji
+const QString kUploadSymbol = QStringLiteral("⬆︎"); // U+2B06 U+FE0E: the arrow as text, not as emoji
 const QString kJobSymbol = QStringLiteral("⏳");
 constexpr int kMaxJobPolls = 540;
 
@@ -31,7 +28,9 @@ const QString kSummarizing = QStringLiteral("summarizing");
 const QString kDone = QStringLiteral("done");
 const QString kFailed = QStringLiteral("error");
 
-QString quoted(const QString& title) { return QStringLiteral("« ") + title + QStringLiteral(" »"); }
+QString quoted(const QString& title) {
+    return QStringLiteral("« ") + title + QStringLiteral(" »");
+}
 
 QString descriptionOf(const std::exception_ptr& error) {
     try {
@@ -85,8 +84,9 @@ QCoro::Task<> AppDelegate::uploadFile(QString fileURL, QString title, qint64 cli
     std::optional<UploadService::AsyncUploadResult> result;
     std::exception_ptr failure;
     try {
-        result = co_await UploadService::uploadAsync(fileURL, title, clientId >= 1 ? std::optional(clientId) : std::nullopt,
-                                                     synthesisType, depth, notes, onProgress);
+        result =
+            co_await UploadService::uploadAsync(fileURL, title, clientId >= 1 ? std::optional(clientId) : std::nullopt,
+                                                synthesisType, depth, notes, onProgress);
     } catch (...) {
         failure = std::current_exception();
     }
@@ -160,8 +160,8 @@ QCoro::Task<> AppDelegate::pollJobUntilDone(QString jobId, QString title) {
         }
         if (state->status == kFailed) {
             notify(QStringLiteral("⚠️ Transcription en échec"),
-                   quoted(title) + QStringLiteral(" : ") + state->error.value_or(QStringLiteral("erreur inconnue"))
-                       + QStringLiteral(". Le texte éventuel est visible dans TaVREL."));
+                   quoted(title) + QStringLiteral(" : ") + state->error.value_or(QStringLiteral("erreur inconnue")) +
+                       QStringLiteral(". Le texte éventuel est visible dans TaVREL."));
             break;
         }
         lastStatus = state->status;
@@ -224,8 +224,8 @@ QCoro::Task<> AppDelegate::runUploadDialog(QString fileURL) {
         } else {
             AlertSpec notFound;
             notFound.message = QStringLiteral("Client introuvable");
-            notFound.informativeText = QStringLiteral("Aucun client ne correspond à « ") + typedClient
-                                       + QStringLiteral(" ». Envoyer sans client ?");
+            notFound.informativeText = QStringLiteral("Aucun client ne correspond à « ") + typedClient +
+                                       QStringLiteral(" ». Envoyer sans client ?");
             notFound.buttons = {QStringLiteral("Envoyer sans client"), QStringLiteral("Revenir au formulaire")};
             const int choice = m_services.alerts->run(notFound);
             if (!self)
@@ -237,10 +237,9 @@ QCoro::Task<> AppDelegate::runUploadDialog(QString fileURL) {
         }
     }
     const QString notes = readNotes(localPath(fileURL));
-    QTimer::singleShot(0, this, [this, fileURL, title, clientId, synthesisType = form.synthesisType(),
-                                 depth = form.depth(), notes] {
-        auto upload = uploadFile(fileURL, title, clientId, synthesisType, depth, notes);
-    });
+    QTimer::singleShot(0, this,
+                       [this, fileURL, title, clientId, synthesisType = form.synthesisType(), depth = form.depth(),
+                        notes] { auto upload = uploadFile(fileURL, title, clientId, synthesisType, depth, notes); });
 }
 
 // ---------------------------------------------------------------------------------------------------------------

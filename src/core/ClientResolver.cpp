@@ -11,8 +11,8 @@ QString normalizedForSearch(const QString& text) {
     // Iterate by code point so that marks outside the BMP are recognised too.
     for (const char32_t codePoint : decomposed.toUcs4()) {
         const auto category = QChar::category(codePoint);
-        if (category == QChar::Mark_NonSpacing || category == QChar::Mark_SpacingCombining
-            || category == QChar::Mark_Enclosing)
+        if (category == QChar::Mark_NonSpacing || category == QChar::Mark_SpacingCombining ||
+            category == QChar::Mark_Enclosing)
             continue;
         folded.append(QString::fromUcs4(&codePoint, 1));
     }

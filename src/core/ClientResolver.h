@@ -4,7 +4,6 @@
 #include <QJsonValue>
 #include <QList>
 #include <QString>
-
 #include <optional>
 
 namespace tavrel {

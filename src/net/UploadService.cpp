@@ -4,6 +4,7 @@
 #include "core/SettingsManager.h"
 
 #include <QCoreApplication>
+#include <QCoro/QCoroNetworkReply>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
@@ -17,9 +18,6 @@
 #include <QThread>
 #include <QUrl>
 #include <QUuid>
-
-#include <QCoro/QCoroNetworkReply>
-
 #include <memory>
 
 namespace tavrel {
@@ -128,7 +126,9 @@ QCoro::Task<Response> send(QNetworkRequest request, QByteArray verb, QByteArray 
     co_return response;
 }
 
-bool isSuccess(int statusCode) { return statusCode >= 200 && statusCode <= 299; }
+bool isSuccess(int statusCode) {
+    return statusCode >= 200 && statusCode <= 299;
+}
 
 QString localPath(const QString& fileURL) {
     const QUrl url(fileURL);
@@ -214,9 +214,13 @@ UploadFailure UploadFailure::httpError(int statusCode, const QString& responseTe
     return UploadFailure(UploadError::httpError, statusCode, responseText);
 }
 
-UploadFailure UploadFailure::invalidURL() { return UploadFailure(UploadError::invalidURL, 0, {}); }
+UploadFailure UploadFailure::invalidURL() {
+    return UploadFailure(UploadError::invalidURL, 0, {});
+}
 
-UploadFailure UploadFailure::badResponse() { return UploadFailure(UploadError::badResponse, 0, {}); }
+UploadFailure UploadFailure::badResponse() {
+    return UploadFailure(UploadError::badResponse, 0, {});
+}
 
 // ---------------------------------------------------------------------------------------------------------------
 // Requests
@@ -259,7 +263,8 @@ QCoro::Task<UploadService::AsyncUploadResult> UploadService::uploadAsync(QString
     const QByteArray boundary =
         QByteArrayLiteral("Boundary-") + QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper().toLatin1();
     QNetworkRequest request = makeRequest(url);
-    request.setRawHeader(QByteArrayLiteral("Content-Type"), QByteArrayLiteral("multipart/form-data; boundary=") + boundary);
+    request.setRawHeader(QByteArrayLiteral("Content-Type"),
+                         QByteArrayLiteral("multipart/form-data; boundary=") + boundary);
     request.setTransferTimeout(kUploadTimeoutMs);
 
     const QString path = localPath(fileURL);
@@ -272,8 +277,8 @@ QCoro::Task<UploadService::AsyncUploadResult> UploadService::uploadAsync(QString
     if (!notes.isEmpty())
         appendField(body, boundary, QStringLiteral("notes"), notes);
     body += "--" + boundary + kCRLF;
-    body += "Content-Disposition: form-data; name=\"file\"; filename=\"" + QFileInfo(path).fileName().toUtf8() + "\""
-            + kCRLF;
+    body += "Content-Disposition: form-data; name=\"file\"; filename=\"" + QFileInfo(path).fileName().toUtf8() + "\"" +
+            kCRLF;
     body += "Content-Type: audio/m4a" + kCRLF + kCRLF;
     appendFileContents(body, path);
     body += kCRLF + "--" + boundary + "--" + kCRLF;

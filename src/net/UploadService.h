@@ -3,12 +3,10 @@
 #include "core/Error.h"
 
 #include <QByteArray>
+#include <QCoro/QCoroTask>
 #include <QJsonObject>
 #include <QList>
 #include <QString>
-
-#include <QCoro/QCoroTask>
-
 #include <functional>
 #include <optional>
 
@@ -47,8 +45,7 @@ private:
 /// description is the client's own.
 class TransportFailure : public Error {
 public:
-    TransportFailure(int networkError, const QString& description)
-        : Error(description), m_networkError(networkError) {}
+    TransportFailure(int networkError, const QString& description) : Error(description), m_networkError(networkError) {}
     /// QNetworkReply::NetworkError of the failed request.
     int networkError() const noexcept { return m_networkError; }
 

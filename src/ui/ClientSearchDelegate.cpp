@@ -41,8 +41,7 @@ void setLabel(QLabel* label, const QString& text, const QColor& color, qreal poi
 
 } // namespace
 
-ClientSearchDelegate::ClientSearchDelegate(QList<QJsonObject> clients, QComboBox* combo, QLabel* label,
-                                           QObject* parent)
+ClientSearchDelegate::ClientSearchDelegate(QList<QJsonObject> clients, QComboBox* combo, QLabel* label, QObject* parent)
     : QObject(parent), clients(std::move(clients)), combo(combo), label(label) {}
 
 void ClientSearchDelegate::refresh() {

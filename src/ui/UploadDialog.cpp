@@ -22,7 +22,9 @@ constexpr int kSpacingPx = 8;
 constexpr int kVisibleItems = 8;
 constexpr qreal kCaptionPointSize = 11.0;
 
-QColor secondaryLabelColor(const QWidget* widget) { return widget->palette().color(QPalette::PlaceholderText); }
+QColor secondaryLabelColor(const QWidget* widget) {
+    return widget->palette().color(QPalette::PlaceholderText);
+}
 
 QLabel* makeCaption(const QString& text, QWidget* parent, QFont::Weight weight) {
     auto* label = new QLabel(text, parent);
@@ -133,11 +135,17 @@ QButtonGroup* UploadDialog::addSegments(const QString& caption, const Segment (&
     return group;
 }
 
-QString UploadDialog::titleText() const { return m_titleField->text(); }
+QString UploadDialog::titleText() const {
+    return m_titleField->text();
+}
 
-bool UploadDialog::isClientChecked() const { return m_clientCheckBox->isChecked(); }
+bool UploadDialog::isClientChecked() const {
+    return m_clientCheckBox->isChecked();
+}
 
-QString UploadDialog::clientText() const { return m_clientField->currentText(); }
+QString UploadDialog::clientText() const {
+    return m_clientField->currentText();
+}
 
 QString UploadDialog::synthesisType() const {
     const int index = m_synthesisTypeGroup->checkedId();

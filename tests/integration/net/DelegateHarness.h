@@ -1,14 +1,12 @@
 #pragma once
 
 #include "ReferenceBackend.h"
-
 #include "app/AppDelegate.h"
 #include "platform/fake/FakePlatform.h"
 #include "ui/ScriptedAlertPresenter.h"
 
 #include <QDir>
 #include <QFile>
-
 #include <memory>
 
 namespace tavrel::test {

@@ -51,9 +51,13 @@ ReferenceBackend::ReferenceBackend() : m_data(QStringLiteral("refbk")), m_config
     SettingsManager::shared().setToken(QString());
 }
 
-ReferenceBackend::~ReferenceBackend() { m_process.stop(); }
+ReferenceBackend::~ReferenceBackend() {
+    m_process.stop();
+}
 
-QString ReferenceBackend::origin() const { return QStringLiteral("http://127.0.0.1:%1").arg(m_port); }
+QString ReferenceBackend::origin() const {
+    return QStringLiteral("http://127.0.0.1:%1").arg(m_port);
+}
 
 QJsonObject ReferenceBackend::control(const QJsonObject& command) {
     QNetworkAccessManager manager;
@@ -103,8 +107,8 @@ QByteArray ReferenceBackend::uploadBody(int number) const {
 
 QByteArray ReferenceBackend::uploadFile(int number) const {
     const QJsonObject record = upload(number);
-    const QString stored = record.value(QStringLiteral("files")).toArray().at(0).toObject().value(
-        QStringLiteral("stored_as")).toString();
+    const QString stored =
+        record.value(QStringLiteral("files")).toArray().at(0).toObject().value(QStringLiteral("stored_as")).toString();
     if (stored.isEmpty())
         return {};
     return readWhole(m_data.filePath(QStringLiteral("uploads/%1/").arg(number) + stored));

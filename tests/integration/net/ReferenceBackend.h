@@ -7,23 +7,22 @@
 #include "core/Error.h"
 
 #include <QByteArray>
+#include <QCoro/QCoroTask>
 #include <QEventLoop>
-#include <QTimer>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QString>
-
-#include <QCoro/QCoroTask>
-
+#include <QTimer>
 #include <chrono>
 #include <exception>
 #include <optional>
+#include <ostream>
 #include <variant>
 
-#include <ostream>
-
 /// Readable QStrings in assertion messages.
-inline void PrintTo(const QString& text, std::ostream* out) { *out << '"' << text.toStdString() << '"'; }
+inline void PrintTo(const QString& text, std::ostream* out) {
+    *out << '"' << text.toStdString() << '"';
+}
 
 namespace tavrel::test {
 

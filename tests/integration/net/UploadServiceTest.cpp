@@ -1,15 +1,14 @@
 // The backend client against the reference backend on loopback: what goes on the wire, and how every
 // kind of answer is judged.
-#include "ReferenceBackend.h"
-
-#include "core/SettingsManager.h"
 #include "net/UploadService.h"
+
+#include "ReferenceBackend.h"
+#include "core/SettingsManager.h"
 
 #include <QFile>
 #include <QJsonDocument>
 #include <QRandomGenerator>
 #include <QRegularExpression>
-
 #include <gtest/gtest.h>
 
 using namespace tavrel;
@@ -17,7 +16,9 @@ using namespace tavrel::test;
 
 namespace {
 
-QJsonObject object(const char* json) { return QJsonDocument::fromJson(json).object(); }
+QJsonObject object(const char* json) {
+    return QJsonDocument::fromJson(json).object();
+}
 
 /// Bytes that would break a careless multipart writer or reader: CR, LF, "--", NUL, high bytes.
 QByteArray awkwardBytes(qsizetype size) {
@@ -108,8 +109,8 @@ TEST_P(UploadBodyTest, ServerReceivesEveryFieldAndTheFileWithExactFraming) {
     const QByteArray b = match.captured(1).toLatin1();
     QByteArray expected;
     const auto field = [&](const char* name, const QString& value) {
-        expected += "--" + b + "\r\nContent-Disposition: form-data; name=\"" + QByteArray(name) + "\"\r\n\r\n"
-                    + value.toUtf8() + "\r\n";
+        expected += "--" + b + "\r\nContent-Disposition: form-data; name=\"" + QByteArray(name) + "\"\r\n\r\n" +
+                    value.toUtf8() + "\r\n";
     };
     field("title", c.title);
     field("synthesis_type", QStringLiteral("revue_dce"));
@@ -118,9 +119,10 @@ TEST_P(UploadBodyTest, ServerReceivesEveryFieldAndTheFileWithExactFraming) {
         field("client_id", QString::number(*c.clientId));
     if (c.expectedOrder.contains("notes"))
         field("notes", c.notes);
-    expected += "--" + b + "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"tavrel_merged_1731772800.m4a\""
-                "\r\nContent-Type: audio/m4a\r\n\r\n"
-                + audio + "\r\n--" + b + "--\r\n";
+    expected += "--" + b +
+                "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"tavrel_merged_1731772800.m4a\""
+                "\r\nContent-Type: audio/m4a\r\n\r\n" +
+                audio + "\r\n--" + b + "--\r\n";
     EXPECT_TRUE(m_backend.uploadBody(1) == expected) << "raw body differs";
 }
 
@@ -128,16 +130,20 @@ const QStringList kBase{"title", "synthesis_type", "synthesis_depth"};
 
 INSTANTIATE_TEST_SUITE_P(
     Fields, UploadBodyTest,
-    ::testing::Values(
-        BodyCase{"NoClientNoNotes", QStringLiteral("Réunion « Dupont » 🎙️"), std::nullopt, {}, kBase + QStringList{"file"}},
-        BodyCase{"ClientZero", QStringLiteral("t"), 0, {}, kBase + QStringList{"file"}},
-        BodyCase{"ClientNegative", QStringLiteral("t"), -1, {}, kBase + QStringList{"file"}},
-        BodyCase{"ClientOne", QStringLiteral("t"), 1, {}, kBase + QStringList{"client_id", "file"}},
-        BodyCase{"ClientAndNotes", QStringLiteral("t"), 42, QStringLiteral("[00:05] Prix\r\n[01:10] Délai « court »"),
-                 kBase + QStringList{"client_id", "notes", "file"}},
-        BodyCase{"NotesOfSpaces", QStringLiteral("t"), std::nullopt, QStringLiteral("   "),
-                 kBase + QStringList{"notes", "file"}},
-        BodyCase{"EmptyTitle", QString(), 7, {}, kBase + QStringList{"client_id", "file"}}),
+    ::testing::Values(BodyCase{"NoClientNoNotes",
+                               QStringLiteral("Réunion « Dupont » 🎙️"),
+                               std::nullopt,
+                               {},
+                               kBase + QStringList{"file"}},
+                      BodyCase{"ClientZero", QStringLiteral("t"), 0, {}, kBase + QStringList{"file"}},
+                      BodyCase{"ClientNegative", QStringLiteral("t"), -1, {}, kBase + QStringList{"file"}},
+                      BodyCase{"ClientOne", QStringLiteral("t"), 1, {}, kBase + QStringList{"client_id", "file"}},
+                      BodyCase{"ClientAndNotes", QStringLiteral("t"), 42,
+                               QStringLiteral("[00:05] Prix\r\n[01:10] Délai « court »"),
+                               kBase + QStringList{"client_id", "notes", "file"}},
+                      BodyCase{"NotesOfSpaces", QStringLiteral("t"), std::nullopt, QStringLiteral("   "),
+                               kBase + QStringList{"notes", "file"}},
+                      BodyCase{"EmptyTitle", QString(), 7, {}, kBase + QStringList{"client_id", "file"}}),
     [](const auto& info) { return std::string(info.param.label); });
 
 TEST_F(UploadServiceTest, EachUploadHasItsOwnBoundaryAndTheAnswerGivesTheResult) {
@@ -248,17 +254,18 @@ TEST_P(ClientListTest, OnlyAnArrayOfObjectsIsAList) {
 
 INSTANTIATE_TEST_SUITE_P(
     Shapes, ClientListTest,
-    ::testing::Values(
-        ClientsCase{"ArrayOfObjects", 200, R"([{"id":3,"name":"Zoé"},{"id":1,"name":"Albert","x":[1]},{"name":"Sans id"}])",
-                    {"Zoé", "Albert", "Sans id"}},
-        ClientsCase{"StatusNotExamined", 503, R"([{"id":1,"name":"Dupont SA"}])", {"Dupont SA"}},
-        ClientsCase{"EmptyArray", 200, "[]", {}},
-        ClientsCase{"Object", 200, R"({"clients":[{"id":1,"name":"Dupont SA"}]})", {}},
-        ClientsCase{"ArrayWithNonObject", 200, R"([{"id":1,"name":"Dupont SA"},2])", {}},
-        ClientsCase{"ArrayWithNull", 200, R"([null])", {}},
-        ClientsCase{"NotJson", 200, "<html>Bad gateway</html>", {}},
-        ClientsCase{"UnauthorizedObject", 401, R"({"detail":"Unauthorized"})", {}},
-        ClientsCase{"Empty", 204, "", {}}),
+    ::testing::Values(ClientsCase{"ArrayOfObjects",
+                                  200,
+                                  R"([{"id":3,"name":"Zoé"},{"id":1,"name":"Albert","x":[1]},{"name":"Sans id"}])",
+                                  {"Zoé", "Albert", "Sans id"}},
+                      ClientsCase{"StatusNotExamined", 503, R"([{"id":1,"name":"Dupont SA"}])", {"Dupont SA"}},
+                      ClientsCase{"EmptyArray", 200, "[]", {}},
+                      ClientsCase{"Object", 200, R"({"clients":[{"id":1,"name":"Dupont SA"}]})", {}},
+                      ClientsCase{"ArrayWithNonObject", 200, R"([{"id":1,"name":"Dupont SA"},2])", {}},
+                      ClientsCase{"ArrayWithNull", 200, R"([null])", {}},
+                      ClientsCase{"NotJson", 200, "<html>Bad gateway</html>", {}},
+                      ClientsCase{"UnauthorizedObject", 401, R"({"detail":"Unauthorized"})", {}},
+                      ClientsCase{"Empty", 204, "", {}}),
     [](const auto& info) { return std::string(info.param.label); });
 
 TEST_F(UploadServiceTest, ClientListTransportFailuresAreThrown) {
@@ -273,7 +280,7 @@ TEST_F(UploadServiceTest, ClientListTransportFailuresAreThrown) {
 struct AnswerCase {
     const char* label;
     QJsonObject fault;
-    QString expectedError;     ///< empty: success expected
+    QString expectedError;      ///< empty: success expected
     QString expectedTitle = {}; ///< on success
 };
 
@@ -309,9 +316,13 @@ INSTANTIATE_TEST_SUITE_P(
     Answers, UploadAnswerTest,
     ::testing::Values(
         AnswerCase{"Minimal", object(R"({"status":200,"body":"{\"id\":7,\"job_id\":\"abc\"}"})"), {}, "Titre envoyé"},
-        AnswerCase{"Created", object(R"({"status":201,"body":"{\"id\":7.0,\"job_id\":\"abc\",\"title\":\"Autre\"}"})"), {},
+        AnswerCase{"Created",
+                   object(R"({"status":201,"body":"{\"id\":7.0,\"job_id\":\"abc\",\"title\":\"Autre\"}"})"),
+                   {},
                    "Autre"},
-        AnswerCase{"NumericTitle", object(R"({"status":200,"body":"{\"id\":7,\"job_id\":\"abc\",\"title\":5}"})"), {},
+        AnswerCase{"NumericTitle",
+                   object(R"({"status":200,"body":"{\"id\":7,\"job_id\":\"abc\",\"title\":5}"})"),
+                   {},
                    "Titre envoyé"},
         AnswerCase{"IdAsString", object(R"({"status":200,"body":"{\"id\":\"7\",\"job_id\":\"abc\"}"})"),
                    "Réponse inattendue du serveur"},
@@ -326,11 +337,13 @@ INSTANTIATE_TEST_SUITE_P(
         AnswerCase{"ServerErrorEmpty", object(R"({"status":500,"body":""})"), "Erreur serveur 500"},
         AnswerCase{"TooLarge", object(R"({"status":413,"body":"Fichier trop volumineux"})"),
                    "Erreur serveur 413 : Fichier trop volumineux"},
-        AnswerCase{"Unauthorized", object(R"({"status":401,"body":"Unauthorized"})"), "Erreur serveur 401 : Unauthorized"},
+        AnswerCase{"Unauthorized", object(R"({"status":401,"body":"Unauthorized"})"),
+                   "Erreur serveur 401 : Unauthorized"},
         AnswerCase{"NotUtf8", object(R"({"status":502,"body_hex":"ff fe 41"})"), "Erreur serveur 502"},
-        AnswerCase{"LongAccentedText",
-                   QJsonObject{{"status", 500}, {"body", repeated(QStringLiteral("e\u0301"), 150) + repeated("🇫🇷", 150)}},
-                   "Erreur serveur 500 : " + repeated(QStringLiteral("e\u0301"), 150) + repeated("🇫🇷", 50)},
+        AnswerCase{
+            "LongAccentedText",
+            QJsonObject{{"status", 500}, {"body", repeated(QStringLiteral("e\u0301"), 150) + repeated("🇫🇷", 150)}},
+            "Erreur serveur 500 : " + repeated(QStringLiteral("e\u0301"), 150) + repeated("🇫🇷", 50)},
         AnswerCase{"Exactly200", QJsonObject{{"status", 400}, {"body", repeated(QStringLiteral("é"), 200)}},
                    "Erreur serveur 400 : " + repeated(QStringLiteral("é"), 200)}),
     [](const auto& info) { return std::string(info.param.label); });
@@ -347,9 +360,10 @@ TEST_P(UploadTransportTest, BrokenAnswersAreTransportFailures) {
     EXPECT_FALSE(failure->localizedDescription().isEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, UploadTransportTest,
-                         ::testing::Values(R"({"route":"upload","close":true})",
-                                           R"({"route":"upload","truncate":true,"body":"{\"id\":7,\"job_id\":\"a\"}"})"));
+INSTANTIATE_TEST_SUITE_P(
+    Faults, UploadTransportTest,
+    ::testing::Values(R"({"route":"upload","close":true})",
+                      R"({"route":"upload","truncate":true,"body":"{\"id\":7,\"job_id\":\"a\"}"})"));
 
 TEST_F(UploadServiceTest, NoServerIsATransportFailure) {
     SettingsManager::shared().setBackendURL(QStringLiteral("http://127.0.0.1:1/backend"));
@@ -359,8 +373,8 @@ TEST_F(UploadServiceTest, NoServerIsATransportFailure) {
 }
 
 TEST_F(UploadServiceTest, UnreadableFileFailsWithTheFileSystemsTextAndSendsNothing) {
-    const auto outcome = runTask(UploadService::uploadAsync(m_files.filePath("absent.m4a"), "t", std::nullopt,
-                                                            "professional", "normal", {}));
+    const auto outcome = runTask(
+        UploadService::uploadAsync(m_files.filePath("absent.m4a"), "t", std::nullopt, "professional", "normal", {}));
     EXPECT_FALSE(outcome.value);
     EXPECT_FALSE(outcome.errorAs<UploadFailure>());
     EXPECT_FALSE(outcome.errorText().isEmpty());
@@ -381,7 +395,8 @@ class PollTest : public UploadServiceTest, public ::testing::WithParamInterface<
 
 TEST_P(PollTest, StateIsReadAsSpecified) {
     const PollCase& c = GetParam();
-    m_backend.control({{"sequence", QJsonArray{QJsonDocument::fromJson(QByteArray("[") + c.step + "]").array().at(0)}}});
+    m_backend.control(
+        {{"sequence", QJsonArray{QJsonDocument::fromJson(QByteArray("[") + c.step + "]").array().at(0)}}});
     const QString path = writeRecording(QStringLiteral("r.m4a"), "data");
     const auto upload = runTask(UploadService::uploadAsync(path, "t", std::nullopt, "professional", "normal", {}));
     ASSERT_TRUE(upload.value);
@@ -398,17 +413,16 @@ TEST_P(PollTest, StateIsReadAsSpecified) {
 
 INSTANTIATE_TEST_SUITE_P(
     States, PollTest,
-    ::testing::Values(PollCase{"Plain", R"("transcribing")", "transcribing", std::nullopt},
-                      PollCase{"NullStatus", R"({"status":null})", "unknown", std::nullopt},
-                      PollCase{"NumericStatus", R"({"status":3,"error":4})", "unknown", std::nullopt},
-                      PollCase{"DoneNullError", R"({"status":"done","error":null})", "done", std::nullopt},
-                      PollCase{"ErrorText", R"({"status":"error","error":"Audio illisible"})", "error",
-                               QStringLiteral("Audio illisible")},
-                      PollCase{"NotAnObject", R"(["done"])", "unknown", std::nullopt},
-                      PollCase{"ServerErrorDropsText", R"({"http":500,"body":"Panne"})", {}, std::nullopt,
-                               "Erreur serveur 500"},
-                      PollCase{"NotFound", R"({"http":404,"body":"{\"detail\":\"x\"}"})", {}, std::nullopt,
-                               "Erreur serveur 404"}),
+    ::testing::Values(
+        PollCase{"Plain", R"("transcribing")", "transcribing", std::nullopt},
+        PollCase{"NullStatus", R"({"status":null})", "unknown", std::nullopt},
+        PollCase{"NumericStatus", R"({"status":3,"error":4})", "unknown", std::nullopt},
+        PollCase{"DoneNullError", R"({"status":"done","error":null})", "done", std::nullopt},
+        PollCase{"ErrorText", R"({"status":"error","error":"Audio illisible"})", "error",
+                 QStringLiteral("Audio illisible")},
+        PollCase{"NotAnObject", R"(["done"])", "unknown", std::nullopt},
+        PollCase{"ServerErrorDropsText", R"({"http":500,"body":"Panne"})", {}, std::nullopt, "Erreur serveur 500"},
+        PollCase{"NotFound", R"({"http":404,"body":"{\"detail\":\"x\"}"})", {}, std::nullopt, "Erreur serveur 404"}),
     [](const auto& info) { return std::string(info.param.label); });
 
 TEST_F(UploadServiceTest, PollOfAGarbledBodyIsStillRunning) {

@@ -1,7 +1,6 @@
 // The upload dialog and the unsent-recordings alert answered programmatically, with the delegate talking to
 // the reference backend.
 #include "DelegateHarness.h"
-
 #include "ui/UploadDialog.h"
 
 #include <QAbstractButton>
@@ -11,11 +10,9 @@
 #include <QJsonDocument>
 #include <QLineEdit>
 #include <QThread>
-
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <utime.h>
-
-#include <gtest/gtest.h>
 
 using namespace tavrel;
 using namespace tavrel::test;
@@ -23,9 +20,13 @@ using namespace std::chrono_literals;
 
 namespace {
 
-QJsonObject object(const char* json) { return QJsonDocument::fromJson(json).object(); }
+QJsonObject object(const char* json) {
+    return QJsonDocument::fromJson(json).object();
+}
 
-UploadDialog* formOf(const AlertSpec& spec) { return qobject_cast<UploadDialog*>(spec.accessory); }
+UploadDialog* formOf(const AlertSpec& spec) {
+    return qobject_cast<UploadDialog*>(spec.accessory);
+}
 
 /// Fills the form as a user would: title, client (checkbox on when a text is given), segments.
 ScriptedAlertPresenter::Action fill(QString title, std::optional<QString> client = std::nullopt, int type = -1,
@@ -73,7 +74,8 @@ protected:
 
 TEST_F(UploadDialogFlowTest, SendUsesTheFormAndTheNotesFile) {
     const QString path = h.makeRecording(QStringLiteral("tavrel_merged_1.m4a"), "audio", "[0:03] Début\n[1:10] Fin");
-    h.alerts->answer(QStringLiteral("Envoyer"), fill(QStringLiteral("Réunion commune"), QStringLiteral("dupont sa "), 1, 2));
+    h.alerts->answer(QStringLiteral("Envoyer"),
+                     fill(QStringLiteral("Réunion commune"), QStringLiteral("dupont sa "), 1, 2));
     runDialog(path);
 
     ASSERT_EQ(h.alerts->shown().size(), 1u);
@@ -152,9 +154,9 @@ TEST_F(UploadDialogFlowTest, BackToTheFormFetchesAgainAndStartsEmpty) {
     bool freshForm = false;
     h.alerts->answer(QStringLiteral("Annuler"), [&](const AlertSpec& spec) {
         const UploadDialog* form = formOf(spec);
-        freshForm = form && form->titleText().isEmpty() && !form->isClientChecked() && form->clientText().isEmpty()
-                    && form->synthesisType() == "professional" && form->depth() == "normal"
-                    && form->titleField()->placeholderText() == "Titre (ex : Réunion commune de X)";
+        freshForm = form && form->titleText().isEmpty() && !form->isClientChecked() && form->clientText().isEmpty() &&
+                    form->synthesisType() == "professional" && form->depth() == "normal" &&
+                    form->titleField()->placeholderText() == "Titre (ex : Réunion commune de X)";
     });
     runDialog(path);
     EXPECT_EQ(h.alerts->shownMessages(),

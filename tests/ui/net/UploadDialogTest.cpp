@@ -1,7 +1,8 @@
 // The upload form offscreen: its initial state, the client checkbox, and inline completion driven by real
 // key presses.
-#include "ui/ClientSearchDelegate.h"
 #include "ui/UploadDialog.h"
+
+#include "ui/ClientSearchDelegate.h"
 
 #include <QAbstractButton>
 #include <QButtonGroup>
@@ -12,12 +13,13 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QTest>
-
 #include <gtest/gtest.h>
 
 using namespace tavrel;
 
-static void PrintTo(const QString& text, std::ostream* out) { *out << '"' << text.toStdString() << '"'; }
+static void PrintTo(const QString& text, std::ostream* out) {
+    *out << '"' << text.toStdString() << '"';
+}
 
 namespace {
 

@@ -1,15 +1,17 @@
 // Client resolution on normalised text, and the error texts of the backend client.
 #include "core/ClientResolver.h"
+
 #include "net/UploadService.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
-
 #include <gtest/gtest.h>
 
 using namespace tavrel;
 
-static void PrintTo(const QString& text, std::ostream* out) { *out << '"' << text.toStdString() << '"'; }
+static void PrintTo(const QString& text, std::ostream* out) {
+    *out << '"' << text.toStdString() << '"';
+}
 
 namespace {
 
@@ -20,7 +22,8 @@ QList<QJsonObject> clients(const char* json) {
     return list;
 }
 
-const char* const kThree = R"([{"id":1,"name":"Dupont SA"},{"id":2,"name":"Dupuis"},{"id":3,"name":"Société Générale"}])";
+const char* const kThree =
+    R"([{"id":1,"name":"Dupont SA"},{"id":2,"name":"Dupuis"},{"id":3,"name":"Société Générale"}])";
 
 struct ResolveCase {
     const char* label;
@@ -76,9 +79,8 @@ TEST(NormalizedForSearch, TypedTextAndNamesFoldAlike) {
 }
 
 TEST(ExactInteger, OnlyExactSixtyFourBitIntegers) {
-    const QJsonArray values = QJsonDocument::fromJson(
-                                  R"([0, 1, -4, 7.0, 9007199254740993, 7.5, "7", true, null, 1e300, [1]])")
-                                  .array();
+    const QJsonArray values =
+        QJsonDocument::fromJson(R"([0, 1, -4, 7.0, 9007199254740993, 7.5, "7", true, null, 1e300, [1]])").array();
     EXPECT_EQ(exactInteger(values[0]), 0);
     EXPECT_EQ(exactInteger(values[1]), 1);
     EXPECT_EQ(exactInteger(values[2]), -4);
