@@ -10,10 +10,8 @@
 #include <QDBusVariant>
 #include <QFile>
 #include <QThread>
-
-#include <unistd.h>
-
 #include <cstdio>
+#include <unistd.h>
 
 using namespace tavrel::test;
 using namespace std::chrono_literals;
@@ -45,10 +43,9 @@ Share measure(pid_t program, pid_t reference, int seconds) {
 }
 
 bool activate(QDBusConnection& bus, const QString& action) {
-    QDBusMessage call = QDBusMessage::createMethodCall(QStringLiteral("fr.tavrel.Recorder"),
-                                                       QStringLiteral("/fr/tavrel/Recorder"),
-                                                       QStringLiteral("org.freedesktop.Application"),
-                                                       QStringLiteral("ActivateAction"));
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(QStringLiteral("fr.tavrel.Recorder"), QStringLiteral("/fr/tavrel/Recorder"),
+                                       QStringLiteral("org.freedesktop.Application"), QStringLiteral("ActivateAction"));
     call << action << QVariant::fromValue(QVariantList()) << QVariantMap();
     return bus.call(call, QDBus::Block, 5000).type() == QDBusMessage::ReplyMessage;
 }
@@ -56,8 +53,9 @@ bool activate(QDBusConnection& bus, const QString& action) {
 void report(const char* phase, const Share& share) {
     std::printf("%-34s program %6.3f %% of a core   reference %6.3f %%   ratio %s\n", phase, share.programPercent,
                 share.referencePercent,
-                share.referencePercent > 0 ? QByteArray::number(share.programPercent / share.referencePercent, 'f', 2).constData()
-                                           : "n/a (reference used no tick)");
+                share.referencePercent > 0
+                    ? QByteArray::number(share.programPercent / share.referencePercent, 'f', 2).constData()
+                    : "n/a (reference used no tick)");
 }
 
 } // namespace

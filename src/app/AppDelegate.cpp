@@ -51,9 +51,7 @@ QRect popoverRect(QPoint click) {
 } // namespace
 
 AppDelegate::AppDelegate(AppServices services, QObject* parent)
-    : QObject(parent),
-      m_services(std::move(services)),
-      m_recorder(m_services.audioBackends),
+    : QObject(parent), m_services(std::move(services)), m_recorder(m_services.audioBackends),
       m_hud(std::make_unique<RecordingHUD>()) {}
 
 AppDelegate::~AppDelegate() {
@@ -121,9 +119,13 @@ void AppDelegate::closePopover() {
     m_popover->close();
 }
 
-MainPopoverController* AppDelegate::popoverController() const { return m_popoverController.data(); }
+MainPopoverController* AppDelegate::popoverController() const {
+    return m_popoverController.data();
+}
 
-bool AppDelegate::isPopoverShown() const { return m_popover && m_popover->isVisible(); }
+bool AppDelegate::isPopoverShown() const {
+    return m_popover && m_popover->isVisible();
+}
 
 void AppDelegate::showPopover() {
     if (isPopoverShown())
@@ -225,6 +227,8 @@ void AppDelegate::refreshStatusIcon() {
         m_services.statusItem->setIcon(StatusIcon::idle);
 }
 
-QDateTime AppDelegate::now() const { return m_services.now ? m_services.now() : QDateTime::currentDateTime(); }
+QDateTime AppDelegate::now() const {
+    return m_services.now ? m_services.now() : QDateTime::currentDateTime();
+}
 
 } // namespace tavrel

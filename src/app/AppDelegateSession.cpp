@@ -1,6 +1,5 @@
 // The recording session: start, stop, pause, notes, and the status item's clock.
 #include "AppDelegate.h"
-
 #include "core/Log.h"
 #include "platform/Desktop.h"
 #include "platform/StatusItem.h"
@@ -29,7 +28,9 @@ QString notesPathFor(const QString& recordingPath) {
 
 } // namespace
 
-void AppDelegate::startRecording() { runStart(); }
+void AppDelegate::startRecording() {
+    runStart();
+}
 
 QCoro::Task<> AppDelegate::runStart() {
     const QPointer<AppDelegate> self(this);
@@ -70,12 +71,12 @@ void AppDelegate::warnIfSystemAudioMissing() {
         alert.message = QStringLiteral("⚠️ Audio du correspondant non capté");
         alert.style = AlertStyle::warning;
         if (permission) {
-            alert.informativeText =
-                QStringLiteral("Activez « Enregistrement d'écran » pour TaVREL Recorder : c'est cette permission qui lui "
-                               "permet de capter automatiquement la voix de vos correspondants — visioconférences "
-                               "(Teams/Zoom/Meet) COMME appels téléphoniques — sans aucun réglage audio à faire.\n\n"
-                               "Cliquez sur « Ouvrir les réglages », activez TaVREL Recorder, puis relancez un "
-                               "enregistrement.");
+            alert.informativeText = QStringLiteral(
+                "Activez « Enregistrement d'écran » pour TaVREL Recorder : c'est cette permission qui lui "
+                "permet de capter automatiquement la voix de vos correspondants — visioconférences "
+                "(Teams/Zoom/Meet) COMME appels téléphoniques — sans aucun réglage audio à faire.\n\n"
+                "Cliquez sur « Ouvrir les réglages », activez TaVREL Recorder, puis relancez un "
+                "enregistrement.");
             alert.buttons = {openSettingsButton, QStringLiteral("Continuer (micro seul)")};
         } else {
             alert.informativeText =

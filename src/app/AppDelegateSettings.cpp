@@ -1,6 +1,5 @@
 // The settings window and launch at login.
 #include "AppDelegate.h"
-
 #include "core/CallMonitor.h"
 #include "core/SettingsManager.h"
 #include "platform/LoginItem.h"
@@ -49,8 +48,8 @@ void AppDelegate::setLaunchAtLogin(bool enabled) {
     } catch (const Error& error) {
         AlertSpec alert;
         alert.message = QStringLiteral("Erreur");
-        alert.informativeText = QStringLiteral("Impossible de modifier le démarrage automatique : ")
-            + error.localizedDescription();
+        alert.informativeText =
+            QStringLiteral("Impossible de modifier le démarrage automatique : ") + error.localizedDescription();
         alert.style = AlertStyle::warning;
         m_services.alerts->run(alert);
     }

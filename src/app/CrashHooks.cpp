@@ -1,16 +1,15 @@
 #include "CrashHooks.h"
 
-#include <cxxabi.h>
-#include <execinfo.h>
-#include <unistd.h>
-
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cxxabi.h>
 #include <exception>
+#include <execinfo.h>
 #include <memory>
 #include <string>
+#include <unistd.h>
 
 namespace tavrel {
 

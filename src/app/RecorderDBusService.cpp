@@ -24,9 +24,12 @@ QString firstText(const QVariantList& parameter) {
 
 } // namespace
 
-ApplicationAdaptor::ApplicationAdaptor(RecorderDBusService* service) : QDBusAbstractAdaptor(service), m_service(service) {}
+ApplicationAdaptor::ApplicationAdaptor(RecorderDBusService* service)
+    : QDBusAbstractAdaptor(service), m_service(service) {}
 
-void ApplicationAdaptor::Activate(const QVariantMap&) { m_service->handle(LaunchRequest{}); }
+void ApplicationAdaptor::Activate(const QVariantMap&) {
+    m_service->handle(LaunchRequest{});
+}
 
 void ApplicationAdaptor::Open(const QStringList& uris, const QVariantMap&) {
     LaunchRequest request;
@@ -49,9 +52,15 @@ void ApplicationAdaptor::ActivateAction(const QString& actionName, const QVarian
 RecorderStateAdaptor::RecorderStateAdaptor(RecorderDBusService* service)
     : QDBusAbstractAdaptor(service), m_service(service) {}
 
-bool RecorderStateAdaptor::isRecording() const { return m_service->delegate() && m_service->delegate()->isRecording(); }
-bool RecorderStateAdaptor::isPaused() const { return m_service->delegate() && m_service->delegate()->isPaused(); }
-int RecorderStateAdaptor::activeJobs() const { return m_service->delegate() ? m_service->delegate()->activeJobs() : 0; }
+bool RecorderStateAdaptor::isRecording() const {
+    return m_service->delegate() && m_service->delegate()->isRecording();
+}
+bool RecorderStateAdaptor::isPaused() const {
+    return m_service->delegate() && m_service->delegate()->isPaused();
+}
+int RecorderStateAdaptor::activeJobs() const {
+    return m_service->delegate() ? m_service->delegate()->activeJobs() : 0;
+}
 QString RecorderStateAdaptor::statusTitle() const {
     return m_service->delegate() ? m_service->delegate()->statusTitle() : QString();
 }
@@ -75,8 +84,9 @@ bool RecorderDBusService::publish() {
     QDBusConnectionInterface* bus = m_connection.interface();
     if (!bus)
         return false;
-    const auto reply = bus->registerService(QString::fromLatin1(kServiceName), QDBusConnectionInterface::DontQueueService,
-                                            QDBusConnectionInterface::DontAllowReplacement);
+    const auto reply =
+        bus->registerService(QString::fromLatin1(kServiceName), QDBusConnectionInterface::DontQueueService,
+                             QDBusConnectionInterface::DontAllowReplacement);
     return reply.isValid() && reply.value() == QDBusConnectionInterface::ServiceRegistered;
 }
 

@@ -16,7 +16,6 @@
 #include <QApplication>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
-
 #include <cstdio>
 
 int main(int argc, char** argv) {

@@ -32,13 +32,17 @@ SettingsManager& SettingsManager::shared() {
     return instance;
 }
 
-QString SettingsManager::defaultBackendURL() { return QStringLiteral(TAVREL_DEFAULT_SERVER "/backend"); }
+QString SettingsManager::defaultBackendURL() {
+    return QStringLiteral(TAVREL_DEFAULT_SERVER "/backend");
+}
 
-QString SettingsManager::defaultWebURL() { return QStringLiteral(TAVREL_DEFAULT_SERVER "/tavrel/index.html"); }
+QString SettingsManager::defaultWebURL() {
+    return QStringLiteral(TAVREL_DEFAULT_SERVER "/tavrel/index.html");
+}
 
 QString SettingsManager::filePath() {
-    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
-        + QStringLiteral("/TavrelRecorder/TavrelRecorder.conf");
+    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
+           QStringLiteral("/TavrelRecorder/TavrelRecorder.conf");
 }
 
 QString SettingsManager::readString(const QString& key, const QString& fallback) const {
@@ -68,12 +72,24 @@ void SettingsManager::write(const QString& key, const QVariant& value) {
     QFile::setPermissions(path, kOwnerOnly);
 }
 
-QString SettingsManager::backendURL() const { return readString(kBackendURL, defaultBackendURL()); }
-void SettingsManager::setBackendURL(const QString& value) { write(kBackendURL, value); }
-QString SettingsManager::webURL() const { return readString(kWebURL, defaultWebURL()); }
-void SettingsManager::setWebURL(const QString& value) { write(kWebURL, value); }
-QString SettingsManager::token() const { return readString(kToken, QString()); }
-void SettingsManager::setToken(const QString& value) { write(kToken, value); }
+QString SettingsManager::backendURL() const {
+    return readString(kBackendURL, defaultBackendURL());
+}
+void SettingsManager::setBackendURL(const QString& value) {
+    write(kBackendURL, value);
+}
+QString SettingsManager::webURL() const {
+    return readString(kWebURL, defaultWebURL());
+}
+void SettingsManager::setWebURL(const QString& value) {
+    write(kWebURL, value);
+}
+QString SettingsManager::token() const {
+    return readString(kToken, QString());
+}
+void SettingsManager::setToken(const QString& value) {
+    write(kToken, value);
+}
 
 bool SettingsManager::autoDetectCalls() const {
     const QSettings settings(filePath(), QSettings::IniFormat);
@@ -83,6 +99,8 @@ bool SettingsManager::autoDetectCalls() const {
     return value.toBool();
 }
 
-void SettingsManager::setAutoDetectCalls(bool value) { write(kAutoDetectCalls, value); }
+void SettingsManager::setAutoDetectCalls(bool value) {
+    write(kAutoDetectCalls, value);
+}
 
 } // namespace tavrel

@@ -4,7 +4,6 @@
 #include <QObject>
 #include <QPoint>
 #include <QString>
-
 #include <memory>
 
 namespace tavrel {

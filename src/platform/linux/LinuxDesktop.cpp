@@ -1,6 +1,5 @@
-#include "platform/Desktop.h"
-
 #include "core/Log.h"
+#include "platform/Desktop.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -74,6 +73,8 @@ public:
 
 } // namespace
 
-std::unique_ptr<Desktop> makeDesktop() { return std::make_unique<LinuxDesktop>(); }
+std::unique_ptr<Desktop> makeDesktop() {
+    return std::make_unique<LinuxDesktop>();
+}
 
 } // namespace tavrel

@@ -29,6 +29,8 @@ public:
 
 } // namespace
 
-std::unique_ptr<Notifier> makeNotifier() { return std::make_unique<LinuxNotifier>(); }
+std::unique_ptr<Notifier> makeNotifier() {
+    return std::make_unique<LinuxNotifier>();
+}
 
 } // namespace tavrel

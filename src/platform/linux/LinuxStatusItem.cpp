@@ -81,22 +81,36 @@ StatusNotifierItemAdaptor::StatusNotifierItemAdaptor(LinuxStatusItem* item) : QD
     setAutoRelaySignals(false);
 }
 
-QString StatusNotifierItemAdaptor::iconName() const { return m_item->iconName(); }
-SniPixmapList StatusNotifierItemAdaptor::iconPixmap() const { return m_item->iconPixmaps(); }
+QString StatusNotifierItemAdaptor::iconName() const {
+    return m_item->iconName();
+}
+SniPixmapList StatusNotifierItemAdaptor::iconPixmap() const {
+    return m_item->iconPixmaps();
+}
 
 SniToolTip StatusNotifierItemAdaptor::toolTip() const {
     return SniToolTip{m_item->iconName(), m_item->iconPixmaps(), QStringLiteral("TaVREL Recorder"), m_item->title()};
 }
 
-QString StatusNotifierItemAdaptor::label() const { return m_item->title(); }
+QString StatusNotifierItemAdaptor::label() const {
+    return m_item->title();
+}
 
 // The widest text the label shows while recording, so that the panel does not jump every second.
-QString StatusNotifierItemAdaptor::labelGuide() const { return m_item->title().isEmpty() ? QString() : QStringLiteral("🔴00:00"); }
+QString StatusNotifierItemAdaptor::labelGuide() const {
+    return m_item->title().isEmpty() ? QString() : QStringLiteral("🔴00:00");
+}
 
-void StatusNotifierItemAdaptor::Activate(int x, int y) { m_item->activate(QPoint(x, y)); }
-void StatusNotifierItemAdaptor::SecondaryActivate(int x, int y) { m_item->activate(QPoint(x, y)); }
+void StatusNotifierItemAdaptor::Activate(int x, int y) {
+    m_item->activate(QPoint(x, y));
+}
+void StatusNotifierItemAdaptor::SecondaryActivate(int x, int y) {
+    m_item->activate(QPoint(x, y));
+}
 // The item has no menu: a right click opens the same popup as a left click.
-void StatusNotifierItemAdaptor::ContextMenu(int x, int y) { m_item->activate(QPoint(x, y)); }
+void StatusNotifierItemAdaptor::ContextMenu(int x, int y) {
+    m_item->activate(QPoint(x, y));
+}
 void StatusNotifierItemAdaptor::Scroll(int, const QString&) {}
 
 LinuxStatusItem::LinuxStatusItem(const QIcon& icon)
@@ -162,9 +176,8 @@ void LinuxStatusItem::showFallback(bool shown) {
     if (m_fallback || !QSystemTrayIcon::isSystemTrayAvailable())
         return;
     m_fallback = std::make_unique<QSystemTrayIcon>();
-    connect(m_fallback.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason) {
-        activate(QCursor::pos());
-    });
+    connect(m_fallback.get(), &QSystemTrayIcon::activated, this,
+            [this](QSystemTrayIcon::ActivationReason) { activate(QCursor::pos()); });
     refreshFallback();
     m_fallback->show();
 }
@@ -180,7 +193,9 @@ void LinuxStatusItem::refreshFallback() {
                                              : QStringLiteral("TaVREL Recorder — ") + m_title);
 }
 
-bool LinuxStatusItem::isShown() const { return m_registered || (m_fallback && m_fallback->isVisible()); }
+bool LinuxStatusItem::isShown() const {
+    return m_registered || (m_fallback && m_fallback->isVisible());
+}
 
 void LinuxStatusItem::setIcon(StatusIcon icon) {
     if (icon == m_state)
@@ -242,6 +257,8 @@ void LinuxStatusItem::activate(QPoint pos) {
     emit clicked(pos.isNull() ? QCursor::pos() : pos);
 }
 
-std::unique_ptr<StatusItem> makeStatusItem(const QIcon& icon) { return std::make_unique<LinuxStatusItem>(icon); }
+std::unique_ptr<StatusItem> makeStatusItem(const QIcon& icon) {
+    return std::make_unique<LinuxStatusItem>(icon);
+}
 
 } // namespace tavrel

@@ -7,7 +7,6 @@
 #include <QIcon>
 #include <QPointer>
 #include <QSystemTrayIcon>
-
 #include <memory>
 
 namespace tavrel {

@@ -1,7 +1,6 @@
-#include "platform/LoginItem.h"
-
 #include "core/Error.h"
 #include "platform/AutostartTemplate.h"
+#include "platform/LoginItem.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -16,8 +15,8 @@ namespace tavrel {
 namespace {
 
 QString entryPath() {
-    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)
-        + QStringLiteral("/autostart/fr.tavrel.Recorder.desktop");
+    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
+           QStringLiteral("/autostart/fr.tavrel.Recorder.desktop");
 }
 
 /// Whether the entry's own group says Hidden=true (the desktop's way of switching an entry off).
@@ -77,6 +76,8 @@ public:
 
 } // namespace
 
-std::unique_ptr<LoginItem> makeLoginItem() { return std::make_unique<XdgLoginItem>(); }
+std::unique_ptr<LoginItem> makeLoginItem() {
+    return std::make_unique<XdgLoginItem>();
+}
 
 } // namespace tavrel

@@ -1,14 +1,13 @@
 // Launch, tray popover, settings window and the idle title: the delegate without recording.
 #include "AppDelegateTestBase.h"
-
 #include "audio/AudioRecorder.h"
 #include "core/CallMonitor.h"
 #include "ui/CircleButton.h"
 #include "ui/HUDView.h"
 #include "ui/MainPopoverController.h"
 #include "ui/RecordingHUD.h"
-#include "ui/VUMeterView.h"
 #include "ui/SettingsForm.h"
+#include "ui/VUMeterView.h"
 
 #include <QCheckBox>
 #include <QFile>
@@ -142,7 +141,9 @@ TEST_F(AppDelegateTest, PopoverSettingsButtonClosesItAndOpensTheSettings) {
 
 // --- the settings window ---
 
-SettingsForm* formOf(const AlertSpec& spec) { return qobject_cast<SettingsForm*>(spec.accessory); }
+SettingsForm* formOf(const AlertSpec& spec) {
+    return qobject_cast<SettingsForm*>(spec.accessory);
+}
 
 TEST_F(AppDelegateTest, NewUserSeesTheDefaultsAndCancelChangesNothing) {
     launch();

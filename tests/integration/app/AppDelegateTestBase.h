@@ -2,16 +2,14 @@
 
 // An application delegate in the test process: the real recorder and widgets (offscreen), fakes for
 // the desktop (tray, notifications, login item, URL opening) and scripted answers to its alerts.
+#include "TestSupport.h"
 #include "app/AppDelegate.h"
 #include "core/SettingsManager.h"
 #include "platform/fake/FakePlatform.h"
 #include "ui/ScriptedAlertPresenter.h"
 
-#include "TestSupport.h"
-
-#include <gtest/gtest.h>
-
 #include <functional>
+#include <gtest/gtest.h>
 
 namespace tavrel::test {
 

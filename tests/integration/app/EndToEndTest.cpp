@@ -8,7 +8,6 @@
 #include <QDir>
 #include <QFile>
 #include <QSettings>
-
 #include <gtest/gtest.h>
 
 namespace tavrel::test {
@@ -83,7 +82,8 @@ protected:
         if (!m_program.start(options))
             return ::testing::AssertionFailure() << m_program.errorString().toStdString();
         if (!waitUntil([&] { return !property(QStringLiteral("IsRecording")).isNull(); }, 15s))
-            return ::testing::AssertionFailure() << "the program never answered on the bus: " << m_program.describe().toStdString();
+            return ::testing::AssertionFailure()
+                   << "the program never answered on the bus: " << m_program.describe().toStdString();
         return ::testing::AssertionSuccess();
     }
 
@@ -101,8 +101,8 @@ protected:
     }
 
     QVariant property(const QString& name) {
-        QDBusMessage get = QDBusMessage::createMethodCall(kService, kPath, QStringLiteral("org.freedesktop.DBus.Properties"),
-                                                          QStringLiteral("Get"));
+        QDBusMessage get = QDBusMessage::createMethodCall(
+            kService, kPath, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
         get << QStringLiteral("fr.tavrel.Recorder") << name;
         const QDBusMessage reply = m_connection->call(get, QDBus::Block, 2000);
         if (reply.type() != QDBusMessage::ReplyMessage)
@@ -111,8 +111,8 @@ protected:
     }
 
     ::testing::AssertionResult action(const QString& name, const QVariantList& parameter = {}) {
-        QDBusMessage call = QDBusMessage::createMethodCall(kService, kPath, QStringLiteral("org.freedesktop.Application"),
-                                                           QStringLiteral("ActivateAction"));
+        QDBusMessage call = QDBusMessage::createMethodCall(
+            kService, kPath, QStringLiteral("org.freedesktop.Application"), QStringLiteral("ActivateAction"));
         QVariantList wrapped;
         for (const QVariant& value : parameter)
             wrapped << QVariant::fromValue(QDBusVariant(value));
@@ -180,8 +180,8 @@ TEST_F(EndToEndTest, DrivenThroughItsActionsItRecordsWithNotes) {
     ASSERT_TRUE(action(QStringLiteral("toggle-pause")));
     ASSERT_TRUE(waitForProperty(QStringLiteral("IsPaused"), false));
     // The clock shows in the title after a second.
-    ASSERT_TRUE(waitUntil([&] { return property(QStringLiteral("StatusTitle")).toString().startsWith(QStringLiteral("🔴0:0")); },
-                          5s));
+    ASSERT_TRUE(waitUntil(
+        [&] { return property(QStringLiteral("StatusTitle")).toString().startsWith(QStringLiteral("🔴0:0")); }, 5s));
 
     // The stop comes from the command line, through the running instance.
     EXPECT_EQ(launchAgain({QStringLiteral("--action"), QStringLiteral("stop-recording")}), 0);

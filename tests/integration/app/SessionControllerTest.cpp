@@ -1,10 +1,9 @@
 // The session controller with the real recorder on a private PulseAudio server.
 #include "AppDelegateTestBase.h"
-
 #include "audio/AudioRecorder.h"
 #include "audio/SystemAudioBackends.h"
-#include "ui/NoteField.h"
 #include "ui/HUDView.h"
+#include "ui/NoteField.h"
 #include "ui/RecordingHUD.h"
 #include "ui/VUMeterView.h"
 
@@ -130,7 +129,7 @@ TEST_F(SessionControllerTest, ClockCountsWholeMinutesSinceTheStart) {
 
 struct NotesCase {
     const char* name;
-    QStringList notes;   ///< as typed
+    QStringList notes; ///< as typed
     bool expectNotesFile;
 };
 
@@ -164,7 +163,8 @@ INSTANTIATE_TEST_SUITE_P(
     Notes, NotesFileTest,
     ::testing::Values(NotesCase{"none", {}, false}, NotesCase{"only_empty", {QString()}, false},
                       NotesCase{"spaces_count", {QStringLiteral("   ")}, true},
-                      NotesCase{"two", {QStringLiteral("Décision : on signe"), QStringLiteral("Relancer « Dupont »")}, true}),
+                      NotesCase{
+                          "two", {QStringLiteral("Décision : on signe"), QStringLiteral("Relancer « Dupont »")}, true}),
     [](const auto& info) { return std::string(info.param.name); });
 
 struct NotePromptCase {
@@ -302,20 +302,35 @@ const QString kOpen = QStringLiteral("Ouvrir les réglages");
 INSTANTIATE_TEST_SUITE_P(
     Warnings, MissingAudioWarningTest,
     ::testing::Values(
-        WarningCase{"nothing_captured", Backends::none, kMissingAudio,
+        WarningCase{"nothing_captured",
+                    Backends::none,
+                    kMissingAudio,
                     QStringLiteral("L'audio du correspondant n'a pas pu démarrer. Seul votre micro est enregistré."),
-                    {QStringLiteral("OK")}, 0, 0},
-        WarningCase{"permission_open", Backends::tapNeedsPermission, kMissingAudio,
+                    {QStringLiteral("OK")},
+                    0,
+                    0},
+        WarningCase{"permission_open",
+                    Backends::tapNeedsPermission,
+                    kMissingAudio,
                     QStringLiteral("Activez « Enregistrement d'écran » pour TaVREL Recorder : c'est cette permission"),
-                    {kOpen, QStringLiteral("Continuer (micro seul)")}, 0, 1},
-        WarningCase{"permission_mic_only", Backends::tapNeedsPermission, kMissingAudio,
+                    {kOpen, QStringLiteral("Continuer (micro seul)")},
+                    0,
+                    1},
+        WarningCase{"permission_mic_only",
+                    Backends::tapNeedsPermission,
+                    kMissingAudio,
                     QStringLiteral("Activez « Enregistrement d'écran »"),
-                    {kOpen, QStringLiteral("Continuer (micro seul)")}, 1, 0},
-        WarningCase{"visio_missing", Backends::monitorButTapNeedsPermission,
+                    {kOpen, QStringLiteral("Continuer (micro seul)")},
+                    1,
+                    0},
+        WarningCase{"visio_missing",
+                    Backends::monitorButTapNeedsPermission,
                     QStringLiteral("⚠️ Visioconférences non captées"),
                     QStringLiteral("La voix de vos correspondants en visio (Teams, Zoom, Meet) nécessite la permission "
                                    "« Enregistrement d'écran », non accordée.\n\nLes appels téléphoniques"),
-                    {kOpen, QStringLiteral("Plus tard")}, 0, 1},
+                    {kOpen, QStringLiteral("Plus tard")},
+                    0,
+                    1},
         WarningCase{"all_captured", Backends::monitor, QString(), QString(), {}, 0, 0}),
     [](const auto& info) { return std::string(info.param.name); });
 

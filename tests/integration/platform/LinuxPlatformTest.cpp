@@ -1,10 +1,9 @@
 // The Linux desktop pieces against a private session bus with a fake notification server and a fake
 // StatusNotifierWatcher.
+#include "TestSupport.h"
 #include "platform/Notifier.h"
 #include "platform/StatusItem.h"
 #include "platform/linux/StatusNotifierItemAdaptor.h"
-
-#include "TestSupport.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -14,7 +13,6 @@
 #include <QDBusPendingReply>
 #include <QDBusVariant>
 #include <QSignalSpy>
-
 #include <gtest/gtest.h>
 
 namespace tavrel {
@@ -43,9 +41,9 @@ protected:
     }
 
     static QVariant property(const QString& service, const QString& name) {
-        QDBusMessage get = QDBusMessage::createMethodCall(service, QStringLiteral("/StatusNotifierItem"),
-                                                          QStringLiteral("org.freedesktop.DBus.Properties"),
-                                                          QStringLiteral("Get"));
+        QDBusMessage get =
+            QDBusMessage::createMethodCall(service, QStringLiteral("/StatusNotifierItem"),
+                                           QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
         get << QStringLiteral("org.kde.StatusNotifierItem") << name;
         const QDBusMessage reply = callFromOutside(get);
         EXPECT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
@@ -76,7 +74,8 @@ TEST_P(NotifierTest, EveryNotificationArrivesIntactAndReplacesNothing) {
         EXPECT_EQ(n.body, GetParam().body);
         EXPECT_FALSE(n.appIcon.isEmpty());
         EXPECT_EQ(n.expireTimeout, -1);
-        EXPECT_TRUE(n.hints.contains(QStringLiteral("sound-name")) || n.hints.contains(QStringLiteral("suppress-sound")))
+        EXPECT_TRUE(n.hints.contains(QStringLiteral("sound-name")) ||
+                    n.hints.contains(QStringLiteral("suppress-sound")))
             << "no sound hint";
         EXPECT_FALSE(n.hints.value(QStringLiteral("suppress-sound")).toBool());
     }
@@ -181,9 +180,9 @@ TEST_F(StatusItemTest, TheIconChangesWithTheState) {
 
 TEST_F(StatusItemTest, ActivationReportsWhereTheHostWasClicked) {
     QSignalSpy clicks(m_item.get(), &StatusItem::clicked);
-    QDBusMessage activate = QDBusMessage::createMethodCall(m_service, QStringLiteral("/StatusNotifierItem"),
-                                                           QStringLiteral("org.kde.StatusNotifierItem"),
-                                                           QStringLiteral("Activate"));
+    QDBusMessage activate =
+        QDBusMessage::createMethodCall(m_service, QStringLiteral("/StatusNotifierItem"),
+                                       QStringLiteral("org.kde.StatusNotifierItem"), QStringLiteral("Activate"));
     activate << 1200 << 14;
     const QDBusMessage reply = callFromOutside(activate);
     EXPECT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();

@@ -1,9 +1,7 @@
 #include "TestSupport.h"
 
 #include <QProcess>
-
 #include <algorithm>
-
 #include <gtest/gtest.h>
 
 namespace tavrel {
@@ -38,8 +36,9 @@ TEST_P(CrashHooksTest, WritesTheCrashAndItsStackToStandardOutput) {
 INSTANTIATE_TEST_SUITE_P(
     Crashes, CrashHooksTest,
     ::testing::Values(CrashCase{"abort", {QStringLiteral("💥 SIGABRT reçu\n")}},
-                      CrashCase{"throw", {QStringLiteral("💥 EXCEPTION: std::runtime_error: périphérique introuvable\n"),
-                                          QStringLiteral("💥 SIGABRT reçu\n")}},
+                      CrashCase{"throw",
+                                {QStringLiteral("💥 EXCEPTION: std::runtime_error: périphérique introuvable\n"),
+                                 QStringLiteral("💥 SIGABRT reçu\n")}},
                       CrashCase{"throw-other", {QStringLiteral("💥 EXCEPTION: int: \n")}}),
     [](const auto& info) {
         std::string name = info.param.how;

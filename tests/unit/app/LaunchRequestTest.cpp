@@ -18,7 +18,8 @@ class LaunchRequestTest : public ::testing::TestWithParam<LaunchCase> {};
 
 TEST_P(LaunchRequestTest, ReadsTheCommandLine) {
     const LaunchCase& c = GetParam();
-    const LaunchRequest request = LaunchRequest::fromArguments(QStringList{QStringLiteral("tavrel-recorder")} + c.arguments);
+    const LaunchRequest request =
+        LaunchRequest::fromArguments(QStringList{QStringLiteral("tavrel-recorder")} + c.arguments);
     EXPECT_EQ(request.kind, c.kind);
     QStringList urls;
     for (const QUrl& url : request.urls)
@@ -35,16 +36,31 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         LaunchCase{"none", {}, LaunchRequest::Kind::activate, {}, {}, {}},
         LaunchCase{"link", {kLink}, LaunchRequest::Kind::open, {kLink}, {}, {}},
-        LaunchCase{"two_links", {kLink, QStringLiteral("tavrel://autre")}, LaunchRequest::Kind::open,
-                   {kLink, QStringLiteral("tavrel://autre")}, {}, {}},
+        LaunchCase{"two_links",
+                   {kLink, QStringLiteral("tavrel://autre")},
+                   LaunchRequest::Kind::open,
+                   {kLink, QStringLiteral("tavrel://autre")},
+                   {},
+                   {}},
         LaunchCase{"unknown_option_ignored", {QStringLiteral("--verbose")}, LaunchRequest::Kind::activate, {}, {}, {}},
-        LaunchCase{"action", {QStringLiteral("--action"), QStringLiteral("start-recording")},
-                   LaunchRequest::Kind::action, {}, QStringLiteral("start-recording"), {}},
-        LaunchCase{"action_with_equals", {QStringLiteral("--action=toggle-pause")}, LaunchRequest::Kind::action, {},
-                   QStringLiteral("toggle-pause"), {}},
+        LaunchCase{"action",
+                   {QStringLiteral("--action"), QStringLiteral("start-recording")},
+                   LaunchRequest::Kind::action,
+                   {},
+                   QStringLiteral("start-recording"),
+                   {}},
+        LaunchCase{"action_with_equals",
+                   {QStringLiteral("--action=toggle-pause")},
+                   LaunchRequest::Kind::action,
+                   {},
+                   QStringLiteral("toggle-pause"),
+                   {}},
         LaunchCase{"note_keeps_its_spaces",
                    {QStringLiteral("--action"), QStringLiteral("add-note"), QStringLiteral("  point clé  ")},
-                   LaunchRequest::Kind::action, {}, QStringLiteral("add-note"), {QStringLiteral("  point clé  ")}},
+                   LaunchRequest::Kind::action,
+                   {},
+                   QStringLiteral("add-note"),
+                   {QStringLiteral("  point clé  ")}},
         LaunchCase{"action_without_name", {QStringLiteral("--action")}, LaunchRequest::Kind::activate, {}, {}, {}}),
     [](const auto& info) { return std::string(info.param.name); });
 

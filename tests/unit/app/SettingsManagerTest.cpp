@@ -6,10 +6,8 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QSettings>
-
-#include <gtest/gtest.h>
-
 #include <functional>
+#include <gtest/gtest.h>
 
 namespace tavrel {
 namespace {
@@ -99,8 +97,8 @@ TEST_F(SettingsManagerTest, FileIsReadableByTheUserOnly) {
     m_settings.setToken(QStringLiteral("secret"));
     const QString path = SettingsManager::filePath();
     EXPECT_TRUE(path.startsWith(m_dir.path() + QStringLiteral("/TavrelRecorder/"))) << path.toStdString();
-    constexpr QFile::Permissions kOthers = QFile::ReadGroup | QFile::WriteGroup | QFile::ExeGroup | QFile::ReadOther
-        | QFile::WriteOther | QFile::ExeOther;
+    constexpr QFile::Permissions kOthers =
+        QFile::ReadGroup | QFile::WriteGroup | QFile::ExeGroup | QFile::ReadOther | QFile::WriteOther | QFile::ExeOther;
     EXPECT_FALSE(QFile::permissions(path) & kOthers) << "group or others may read the token";
     EXPECT_EQ(QFile::permissions(path) & (QFile::ReadOwner | QFile::WriteOwner), QFile::ReadOwner | QFile::WriteOwner);
 }
@@ -115,7 +113,8 @@ TEST_F(SettingsManagerTest, WritingTightensAFileThatOthersCouldRead) {
     }
     QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther);
     m_settings.setToken(QStringLiteral("secret"));
-    EXPECT_FALSE(QFile::permissions(path) & (QFile::ReadGroup | QFile::ReadOther | QFile::WriteGroup | QFile::WriteOther));
+    EXPECT_FALSE(QFile::permissions(path) &
+                 (QFile::ReadGroup | QFile::ReadOther | QFile::WriteGroup | QFile::WriteOther));
     EXPECT_EQ(m_settings.webURL(), QStringLiteral("http://ancien/")) << "other keys are kept";
 }
 

@@ -1,13 +1,11 @@
-#include "platform/LoginItem.h"
-
 #include "TestSupport.h"
 #include "core/Error.h"
+#include "platform/LoginItem.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QSettings>
-
 #include <gtest/gtest.h>
 
 namespace tavrel {
@@ -75,7 +73,8 @@ INSTANTIATE_TEST_SUITE_P(
                       EntryCase{"hidden", "[Desktop Entry]\nType=Application\nHidden=true\nExec=x\n", false},
                       EntryCase{"hidden_spaced", "[Desktop Entry]\nHidden = True\n", false},
                       EntryCase{"hidden_false", "[Desktop Entry]\nHidden=false\n", true},
-                      EntryCase{"hidden_in_action_only", "[Desktop Entry]\nExec=x\n[Desktop Action a]\nHidden=true\n", true},
+                      EntryCase{"hidden_in_action_only", "[Desktop Entry]\nExec=x\n[Desktop Action a]\nHidden=true\n",
+                                true},
                       EntryCase{"empty_file", "", true}),
     [](const auto& info) { return std::string(info.param.name); });
 
