@@ -77,6 +77,54 @@ struct Response {
     QString otherErrorString;
 };
 
+/// The user reads these: Qt's own texts are English, so the common cases get French ones and the rest
+/// keep Qt's text after a French lead.
+TransportFailure transportFailure(QNetworkReply::NetworkError error, const QString& qtText) {
+    QString text;
+    switch (error) {
+    case QNetworkReply::ConnectionRefusedError:
+        text = QStringLiteral("Connexion refusée par le serveur.");
+        break;
+    case QNetworkReply::RemoteHostClosedError:
+        text = QStringLiteral("Le serveur a fermé la connexion avant de répondre.");
+        break;
+    case QNetworkReply::HostNotFoundError:
+        text = QStringLiteral("Serveur introuvable.");
+        break;
+    case QNetworkReply::TimeoutError:
+    case QNetworkReply::OperationCanceledError: // what a transfer timeout reports; we cancel nothing else
+        text = QStringLiteral("Le serveur ne répond pas (délai dépassé).");
+        break;
+    case QNetworkReply::SslHandshakeFailedError:
+        text = QStringLiteral("La connexion sécurisée au serveur a échoué (certificat ou TLS).");
+        break;
+    case QNetworkReply::TemporaryNetworkFailureError:
+    case QNetworkReply::NetworkSessionFailedError:
+        text = QStringLiteral("Le réseau est indisponible.");
+        break;
+    case QNetworkReply::TooManyRedirectsError:
+    case QNetworkReply::InsecureRedirectError:
+        text = QStringLiteral("Le serveur redirige la requête de façon incorrecte.");
+        break;
+    case QNetworkReply::ProtocolUnknownError:
+        text = QStringLiteral("Adresse du serveur non prise en charge.");
+        break;
+    default:
+        text = QStringLiteral("Erreur réseau : ") + qtText;
+        break;
+    }
+    return TransportFailure(static_cast<int>(error), text);
+}
+
+Error fileFailure(const QString& path, const QString& qtText) {
+    const QFileInfo info(path);
+    if (!info.exists())
+        return Error(QStringLiteral("Le fichier « %1 » est introuvable.").arg(info.fileName()));
+    if (!info.isReadable())
+        return Error(QStringLiteral("Le fichier « %1 » n'est pas lisible (accès refusé).").arg(info.fileName()));
+    return Error(QStringLiteral("Le fichier « %1 » ne peut pas être lu : %2").arg(info.fileName(), qtText));
+}
+
 /// No complete answer arrived: the connection failed, broke or timed out. Errors that Qt derives from an
 /// HTTP status (content and server errors, 400 included) come with the status and the body, which the
 /// operations judge themselves.
@@ -112,11 +160,11 @@ QCoro::Task<Response> send(QNetworkRequest request, QByteArray verb, QByteArray 
     Response response;
     if (isHttpScheme(request.url())) {
         if (isTransportError(error, status.isValid()) || !status.isValid())
-            throw TransportFailure(static_cast<int>(error), reply->errorString());
+            throw transportFailure(error, reply->errorString());
         response.isHttp = true;
         response.statusCode = status.toInt();
     } else if (error == QNetworkReply::ProtocolUnknownError) {
-        throw TransportFailure(static_cast<int>(error), reply->errorString());
+        throw transportFailure(error, reply->errorString());
     } else {
         // file:, data: and the like answer without any HTTP status; the caller decides what that means.
         response.otherError = error;
@@ -142,20 +190,20 @@ QString localPath(const QString& fileURL) {
 void appendFileContents(QByteArray& body, const QString& path) {
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
-        throw Error(file.errorString());
+        throw fileFailure(path, file.errorString());
     const qint64 expected = file.size();
     const qsizetype start = body.size();
     body.resize(start + expected);
     const qint64 read = file.read(body.data() + start, expected);
     if (read < 0)
-        throw Error(file.errorString());
+        throw fileFailure(path, file.errorString());
     body.resize(start + read);
     // The file may have grown since its size was taken.
     while (!file.atEnd()) {
         const QByteArray rest = file.read(1 << 20);
         if (rest.isEmpty()) {
             if (file.error() != QFileDevice::NoError)
-                throw Error(file.errorString());
+                throw fileFailure(path, file.errorString());
             break;
         }
         body.append(rest);
@@ -229,7 +277,7 @@ QCoro::Task<QList<UploadService::ClientRecord>> UploadService::fetchClients() {
     const QUrl url = requestUrl(QStringLiteral("/clients"));
     const Response response = co_await send(makeRequest(url), QByteArrayLiteral("GET"), {});
     if (response.otherError != QNetworkReply::NoError)
-        throw TransportFailure(static_cast<int>(response.otherError), response.otherErrorString);
+        throw transportFailure(response.otherError, response.otherErrorString);
 
     // Whatever the status, only an array made entirely of objects is a client list.
     QList<ClientRecord> clients;

@@ -370,6 +370,7 @@ TEST_F(UploadServiceTest, NoServerIsATransportFailure) {
     const QString path = writeRecording(QStringLiteral("r.m4a"), "data");
     const auto outcome = runTask(UploadService::uploadAsync(path, "t", std::nullopt, "professional", "normal", {}));
     EXPECT_TRUE(outcome.errorAs<TransportFailure>());
+    EXPECT_EQ(outcome.errorText(), "Connexion refusée par le serveur.");
 }
 
 TEST_F(UploadServiceTest, UnreadableFileFailsWithTheFileSystemsTextAndSendsNothing) {
@@ -377,7 +378,7 @@ TEST_F(UploadServiceTest, UnreadableFileFailsWithTheFileSystemsTextAndSendsNothi
         UploadService::uploadAsync(m_files.filePath("absent.m4a"), "t", std::nullopt, "professional", "normal", {}));
     EXPECT_FALSE(outcome.value);
     EXPECT_FALSE(outcome.errorAs<UploadFailure>());
-    EXPECT_FALSE(outcome.errorText().isEmpty());
+    EXPECT_EQ(outcome.errorText(), "Le fichier « absent.m4a » est introuvable.");
     EXPECT_TRUE(m_backend.requests().isEmpty());
 }
 

@@ -239,14 +239,15 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"SlowThenError", R"({"fault":{"route":"upload","delay":0.5,"status":503,"body":"Indisponible"}})",
                     "Erreur serveur 503 : Indisponible"},
         FailureCase{"EmptyBaseUrl", "", "URL du serveur invalide", QStringLiteral("")},
-        FailureCase{"NoServer", "", {}, QStringLiteral("http://127.0.0.1:1/backend")}),
+        FailureCase{"NoServer", "", "Connexion refusée par le serveur.", QStringLiteral("http://127.0.0.1:1/backend")}),
     [](const auto& info) { return std::string(info.param.label); });
 
 TEST_F(UploadWorkflowTest, UnreadableRecordingIsReportedWithTheFileSystemsText) {
     h.alerts->answer(QStringLiteral("Plus tard"));
     upload(h.recordingsDir() + QStringLiteral("/disparu.m4a"));
     ASSERT_EQ(h.alerts->shown().size(), 1u);
-    EXPECT_TRUE(h.alerts->shown().front().informativeText.endsWith("\n\nL'enregistrement est conservé sur ce Mac."));
+    EXPECT_EQ(h.alerts->shown().front().informativeText,
+              "Le fichier « disparu.m4a » est introuvable.\n\nL'enregistrement est conservé sur ce Mac.");
     EXPECT_EQ(h.backend.uploadCount(), 0);
 }
 
