@@ -8,7 +8,9 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusVariant>
+#include <QDir>
 #include <QFile>
+#include <QMap>
 #include <QThread>
 #include <cstdio>
 #include <unistd.h>
@@ -29,6 +31,25 @@ long long cpuTicks(pid_t pid) {
     return fields.value(11).toLongLong() + fields.value(12).toLongLong();
 }
 
+/// utime + stime of each thread of a process, by thread name (threads of one name summed).
+QMap<QString, long long> threadTicks(pid_t pid) {
+    QMap<QString, long long> ticks;
+    const QString task = QStringLiteral("/proc/%1/task").arg(pid);
+    for (const QString& tid : QDir(task).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile comm(task + u'/' + tid + QStringLiteral("/comm"));
+        if (!comm.open(QIODevice::ReadOnly))
+            continue;
+        const QString name = QString::fromUtf8(comm.readAll()).trimmed();
+        QFile stat(task + u'/' + tid + QStringLiteral("/stat"));
+        if (!stat.open(QIODevice::ReadOnly))
+            continue;
+        const QByteArray line = stat.readAll();
+        const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
+        ticks[name] += fields.value(11).toLongLong() + fields.value(12).toLongLong();
+    }
+    return ticks;
+}
+
 struct Share {
     double programPercent;
     double referencePercent;
@@ -37,8 +58,16 @@ struct Share {
 Share measure(pid_t program, pid_t reference, int seconds) {
     const long long p0 = cpuTicks(program);
     const long long r0 = cpuTicks(reference);
+    const QMap<QString, long long> threads0 = threadTicks(program);
     QThread::sleep(static_cast<unsigned long>(seconds));
     const double ticks = double(sysconf(_SC_CLK_TCK)) * seconds;
+    // Where the program's time went: the main thread (delegate, panel, tray) against the audio threads.
+    const QMap<QString, long long> threads1 = threadTicks(program);
+    for (auto it = threads1.begin(); it != threads1.end(); ++it) {
+        const long long used = it.value() - threads0.value(it.key());
+        if (used > 0)
+            std::printf("    thread %-18s %6.3f %%\n", qPrintable(it.key()), 100.0 * double(used) / ticks);
+    }
     return {100.0 * double(cpuTicks(program) - p0) / ticks, 100.0 * double(cpuTicks(reference) - r0) / ticks};
 }
 
@@ -62,6 +91,7 @@ void report(const char* phase, const Share& share) {
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     const int seconds = argc > 1 ? std::max(1, atoi(argv[1])) : 60;
 
     SessionBusFixture::Options busOptions;
