@@ -4,13 +4,13 @@
 //   bench_sysaudio_cpu [seconds, default 30]
 
 #include "PulseAudioFixture.h"
-#include "Media.h"
 
 #include "audio/MicRecorder.h"
 #include "audio/SystemAudioRecorder.h"
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QProcess>
 #include <QTemporaryDir>
 
 #include <sys/resource.h>
@@ -43,9 +43,13 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "cannot start PulseAudio\n");
         return 1;
     }
-    const QString tone = scratch.filePath("tone.wav");
-    if (!makeTone(440, seconds + 5, tone, 2, 44100, 0.3)) {
-        std::fprintf(stderr, "cannot make the tone\n");
+    // Broadband sound like a voice; a steady pure tone is a pathological (slow) case for the AAC encoder.
+    const QString tone = scratch.filePath("noise.wav");
+    if (QProcess::execute(QStringLiteral("ffmpeg"),
+                          {"-v", "error", "-y", "-f", "lavfi", "-i",
+                           QStringLiteral("anoisesrc=color=pink:sample_rate=44100:amplitude=0.1:duration=%1").arg(seconds + 5),
+                           "-ac", "2", tone}) != 0) {
+        std::fprintf(stderr, "cannot make the signal\n");
         return 1;
     }
     auto speaker = server.playIntoSink(server.speakerSink(), tone);

@@ -23,7 +23,9 @@ public:
     using EndedHandler = std::function<void(const QString& reason)>;
     using MovedHandler = std::function<void(const QString& source)>;
 
-    static constexpr int kFragmentMs = 20;
+    /// Large enough to keep the mainloop quiet (it wakes once per fragment and stream), small enough that
+    /// the tail reaches us at stop.
+    static constexpr int kFragmentMs = 40;
 
     PulseCapture(std::shared_ptr<PulseContext> pulse, QString streamName, int sampleRateHz, int channels);
     ~PulseCapture();

@@ -27,7 +27,7 @@ public:
     static constexpr int kSampleRateHz = 44100;
     static constexpr int kChannels = 2;
     /// How often the default output is checked while recording.
-    static constexpr int kFollowIntervalMs = 250;
+    static constexpr int kFollowIntervalMs = 500;
 
     SystemAudioRecorder();
     ~SystemAudioRecorder() override;
