@@ -80,13 +80,13 @@ double ourStartLatencyMs() {
 
 double referenceStartLatencyMs() {
     const auto begin = Clock::now();
-    pa_sample_spec spec{PA_SAMPLE_FLOAT32NE, 44100, 1};
+    pa_sample_spec sampleSpec{PA_SAMPLE_FLOAT32NE, 44100, 1};
     pa_buffer_attr attributes{};
     attributes.maxlength = static_cast<uint32_t>(-1);
-    attributes.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(20000, &spec));
+    attributes.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(20000, &sampleSpec));
     int error = 0;
     pa_simple* stream =
-        pa_simple_new(nullptr, "bench", PA_STREAM_RECORD, nullptr, "reference", &spec, nullptr, &attributes, &error);
+        pa_simple_new(nullptr, "bench", PA_STREAM_RECORD, nullptr, "reference", &sampleSpec, nullptr, &attributes, &error);
     if (!stream)
         return -1.0;
     std::vector<float> buffer(441);

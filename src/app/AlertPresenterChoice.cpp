@@ -24,11 +24,11 @@ public:
         }
     }
 
-    int run(const AlertSpec& spec) override {
+    int run(const AlertSpec& alertSpec) override {
         // Past the script, answer "closed" without recording it as unexpected noise in the log.
         const int response =
-            m_scripted.pendingAnswers() > 0 ? m_scripted.run(spec) : ScriptedAlertPresenter::kUnexpectedResponse;
-        logLine(QStringLiteral("[Alert] %1 → %2").arg(spec.message).arg(response));
+            m_scripted.pendingAnswers() > 0 ? m_scripted.run(alertSpec) : ScriptedAlertPresenter::kUnexpectedResponse;
+        logLine(QStringLiteral("[Alert] %1 → %2").arg(alertSpec.message).arg(response));
         return response;
     }
 

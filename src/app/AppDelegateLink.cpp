@@ -50,11 +50,11 @@ void AppDelegate::setupCallMonitor() {
                                     const QStringList& buttons) {
         if (!weak || !weak->m_services.alerts)
             return false;
-        AlertSpec spec;
-        spec.message = message;
-        spec.informativeText = informativeText;
-        spec.buttons = buttons;
-        return weak->m_services.alerts->run(spec) == kFirstButton;
+        AlertSpec alertSpec;
+        alertSpec.message = message;
+        alertSpec.informativeText = informativeText;
+        alertSpec.buttons = buttons;
+        return weak->m_services.alerts->run(alertSpec) == kFirstButton;
     };
     m_callMonitor = std::move(monitor);
 

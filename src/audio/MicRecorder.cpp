@@ -36,16 +36,16 @@ MicRecorder::MicRecorder(const QString& path, Settings settings)
     m_pulse = PulseContext::instance();
     m_writer = std::make_unique<M4aWriter>(path, m_settings.sampleRateHz, m_settings.channels);
 
-    pa_sample_spec spec{};
-    spec.format = PA_SAMPLE_FLOAT32NE;
-    spec.rate = static_cast<uint32_t>(m_settings.sampleRateHz);
-    spec.channels = static_cast<uint8_t>(m_settings.channels);
+    pa_sample_spec sampleSpec{};
+    sampleSpec.format = PA_SAMPLE_FLOAT32NE;
+    sampleSpec.rate = static_cast<uint32_t>(m_settings.sampleRateHz);
+    sampleSpec.channels = static_cast<uint8_t>(m_settings.channels);
     PaProplistPtr props(pa_proplist_new());
     pa_proplist_sets(props.get(), PA_PROP_MEDIA_NAME, "Microphone");
     pa_proplist_sets(props.get(), PA_PROP_MEDIA_ROLE, "production");
 
     PulseContext::Lock lock(*m_pulse);
-    m_stream.reset(pa_stream_new_with_proplist(m_pulse->context(), "Microphone", &spec, nullptr, props.get()));
+    m_stream.reset(pa_stream_new_with_proplist(m_pulse->context(), "Microphone", &sampleSpec, nullptr, props.get()));
     if (!m_stream) {
         const int error = m_pulse->lastError();
         throw PulseError(QStringLiteral("Impossible d'ouvrir le microphone : %1").arg(m_pulse->lastErrorText()), error);
@@ -68,17 +68,17 @@ bool MicRecorder::record() {
         m_paused = false;
         return true;
     }
-    pa_sample_spec spec{};
-    spec.format = PA_SAMPLE_FLOAT32NE;
-    spec.rate = static_cast<uint32_t>(m_settings.sampleRateHz);
-    spec.channels = static_cast<uint8_t>(m_settings.channels);
+    pa_sample_spec sampleSpec{};
+    sampleSpec.format = PA_SAMPLE_FLOAT32NE;
+    sampleSpec.rate = static_cast<uint32_t>(m_settings.sampleRateHz);
+    sampleSpec.channels = static_cast<uint8_t>(m_settings.channels);
     pa_buffer_attr attributes{};
     attributes.maxlength = static_cast<uint32_t>(-1);
     attributes.tlength = static_cast<uint32_t>(-1);
     attributes.prebuf = static_cast<uint32_t>(-1);
     attributes.minreq = static_cast<uint32_t>(-1);
     attributes.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(
-        static_cast<pa_usec_t>(std::chrono::duration_cast<std::chrono::microseconds>(kFragment).count()), &spec));
+        static_cast<pa_usec_t>(std::chrono::duration_cast<std::chrono::microseconds>(kFragment).count()), &sampleSpec));
     const QByteArray device = m_settings.source.toUtf8();
     {
         PulseContext::Lock lock(*m_pulse);

@@ -26,16 +26,16 @@ void PulseCapture::connect(const QString& source, ChunkHandler onChunk, EndedHan
     m_onChunk = std::move(onChunk);
     m_onEnded = std::move(onEnded);
     m_onMoved = std::move(onMoved);
-    pa_sample_spec spec{};
-    spec.format = PA_SAMPLE_FLOAT32NE;
-    spec.rate = static_cast<uint32_t>(m_sampleRateHz);
-    spec.channels = static_cast<uint8_t>(m_channels);
+    pa_sample_spec sampleSpec{};
+    sampleSpec.format = PA_SAMPLE_FLOAT32NE;
+    sampleSpec.rate = static_cast<uint32_t>(m_sampleRateHz);
+    sampleSpec.channels = static_cast<uint8_t>(m_channels);
     pa_buffer_attr attributes{};
     attributes.maxlength = static_cast<uint32_t>(-1);
     attributes.tlength = static_cast<uint32_t>(-1);
     attributes.prebuf = static_cast<uint32_t>(-1);
     attributes.minreq = static_cast<uint32_t>(-1);
-    attributes.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(kFragmentMs * 1000, &spec));
+    attributes.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(kFragmentMs * 1000, &sampleSpec));
     const QByteArray device = source.toUtf8();
     const QByteArray name = m_streamName.toUtf8();
     {
@@ -43,7 +43,7 @@ void PulseCapture::connect(const QString& source, ChunkHandler onChunk, EndedHan
         PaProplistPtr props(pa_proplist_new());
         pa_proplist_sets(props.get(), PA_PROP_MEDIA_NAME, name.constData());
         pa_proplist_sets(props.get(), PA_PROP_MEDIA_ROLE, "production");
-        m_stream.reset(pa_stream_new_with_proplist(m_pulse->context(), name.constData(), &spec, nullptr, props.get()));
+        m_stream.reset(pa_stream_new_with_proplist(m_pulse->context(), name.constData(), &sampleSpec, nullptr, props.get()));
         if (!m_stream)
             throw PulseError(m_pulse->lastErrorText(), m_pulse->lastError());
         pa_stream_set_read_callback(m_stream.get(), &PulseCapture::onRead, this);

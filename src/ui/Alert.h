@@ -31,7 +31,7 @@ public:
     virtual ~AlertPresenter() = default;
     /// Runs the alert modally and returns kFirstButton + index of the chosen button (or a value
     /// below kFirstButton when the alert was closed without a button).
-    virtual int run(const AlertSpec& spec) = 0;
+    virtual int run(const AlertSpec& alertSpec) = 0;
 };
 
 } // namespace tavrel

@@ -78,7 +78,7 @@ QPixmap alertPicture(AlertStyle style, qreal ratio) {
 
 } // namespace
 
-int QtAlertPresenter::run(const AlertSpec& spec) {
+int QtAlertPresenter::run(const AlertSpec& alertSpec) {
     AlertDialog dialog;
     dialog.setObjectName(QStringLiteral("alert"));
     dialog.setWindowTitle(QStringLiteral("TaVREL Recorder"));
@@ -93,14 +93,14 @@ int QtAlertPresenter::run(const AlertSpec& spec) {
     auto* content = new QHBoxLayout;
     content->setSpacing(16);
     auto* icon = new QLabel(&dialog);
-    icon->setPixmap(alertPicture(spec.style, dialog.devicePixelRatioF()));
+    icon->setPixmap(alertPicture(alertSpec.style, dialog.devicePixelRatioF()));
     icon->setFixedSize(kIconEdgePx, kIconEdgePx);
     icon->setAlignment(Qt::AlignCenter);
     content->addWidget(icon, 0, Qt::AlignTop);
 
     auto* texts = new QVBoxLayout;
     texts->setSpacing(6);
-    auto* message = new QLabel(spec.message, &dialog);
+    auto* message = new QLabel(alertSpec.message, &dialog);
     message->setObjectName(QStringLiteral("alertMessage"));
     message->setTextFormat(Qt::PlainText);
     message->setWordWrap(true);
@@ -110,8 +110,8 @@ int QtAlertPresenter::run(const AlertSpec& spec) {
     message->setFont(messageFont);
     message->setMinimumWidth(kTextWidthPx);
     texts->addWidget(message);
-    if (!spec.informativeText.isEmpty()) {
-        auto* informative = new QLabel(spec.informativeText, &dialog);
+    if (!alertSpec.informativeText.isEmpty()) {
+        auto* informative = new QLabel(alertSpec.informativeText, &dialog);
         informative->setObjectName(QStringLiteral("alertInformative"));
         informative->setTextFormat(Qt::PlainText);
         informative->setWordWrap(true);
@@ -123,7 +123,7 @@ int QtAlertPresenter::run(const AlertSpec& spec) {
         texts->addWidget(informative);
     }
     // The caller owns the accessory: it goes back to its parent when the alert ends.
-    QPointer<QWidget> accessory = spec.accessory;
+    QPointer<QWidget> accessory = alertSpec.accessory;
     QWidget* accessoryParent = accessory ? accessory->parentWidget() : nullptr;
     if (accessory) {
         texts->addSpacing(6);
@@ -134,7 +134,7 @@ int QtAlertPresenter::run(const AlertSpec& spec) {
     content->addLayout(texts, 1);
     root->addLayout(content);
 
-    const QStringList titles = spec.buttons.isEmpty() ? QStringList{QStringLiteral("OK")} : spec.buttons;
+    const QStringList titles = alertSpec.buttons.isEmpty() ? QStringList{QStringLiteral("OK")} : alertSpec.buttons;
     auto* buttons = new QHBoxLayout;
     buttons->setSpacing(8);
     buttons->addStretch(1);

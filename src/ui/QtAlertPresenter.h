@@ -14,7 +14,7 @@ namespace tavrel {
 /// there is one, else closes the alert (a response below kFirstButton).
 class QtAlertPresenter : public AlertPresenter {
 public:
-    int run(const AlertSpec& spec) override;
+    int run(const AlertSpec& alertSpec) override;
 
     /// Called with the dialog once it is built and shown, before it waits for the user (tests answer it
     /// from here; screenshots grab it). Optional.

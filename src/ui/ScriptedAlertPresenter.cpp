@@ -19,12 +19,12 @@ QStringList ScriptedAlertPresenter::shownMessages() const {
     return messages;
 }
 
-int ScriptedAlertPresenter::run(const AlertSpec& spec) {
-    ShownAlert shown{spec.message,
-                     spec.informativeText,
-                     spec.buttons.isEmpty() ? QStringList{QStringLiteral("OK")} : spec.buttons,
-                     spec.style,
-                     spec.accessory != nullptr,
+int ScriptedAlertPresenter::run(const AlertSpec& alertSpec) {
+    ShownAlert shown{alertSpec.message,
+                     alertSpec.informativeText,
+                     alertSpec.buttons.isEmpty() ? QStringList{QStringLiteral("OK")} : alertSpec.buttons,
+                     alertSpec.style,
+                     alertSpec.accessory != nullptr,
                      kUnexpectedResponse};
 
     auto reject = [&](const QString& why) {
@@ -35,7 +35,7 @@ int ScriptedAlertPresenter::run(const AlertSpec& spec) {
     };
 
     if (m_answers.empty())
-        return reject(QStringLiteral("unexpected alert: ") + spec.message);
+        return reject(QStringLiteral("unexpected alert: ") + alertSpec.message);
 
     Answer answer = std::move(m_answers.front());
     m_answers.pop_front();
@@ -43,10 +43,10 @@ int ScriptedAlertPresenter::run(const AlertSpec& spec) {
     if (index < 0 || index >= shown.buttons.size()) {
         const QString wanted = answer.title.isNull() ? QString::number(answer.index) : answer.title;
         return reject(QStringLiteral("alert \"%1\" has no button %2 (buttons: %3)")
-                          .arg(spec.message, wanted, shown.buttons.join(QStringLiteral(", "))));
+                          .arg(alertSpec.message, wanted, shown.buttons.join(QStringLiteral(", "))));
     }
     if (answer.before)
-        answer.before(spec);
+        answer.before(alertSpec);
     shown.response = kFirstButton + index;
     m_shown.push_back(shown);
     return shown.response;

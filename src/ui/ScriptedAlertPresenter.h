@@ -21,7 +21,7 @@ public:
     struct ShownAlert {
         QString message;
         QString informativeText;
-        QStringList buttons; ///< as shown: "OK" when the spec gave none
+        QStringList buttons; ///< as shown: "OK" when the alert gave none
         AlertStyle style = AlertStyle::informational;
         bool hadAccessory = false;
         int response = 0;
@@ -35,7 +35,7 @@ public:
     /// Queues an answer: the button titled `title`.
     void answer(const QString& title, Action before = {});
 
-    int run(const AlertSpec& spec) override;
+    int run(const AlertSpec& alertSpec) override;
 
     const std::vector<ShownAlert>& shown() const { return m_shown; }
     /// One line per alert that was not expected ("unexpected alert: <message>" or a wrong button).

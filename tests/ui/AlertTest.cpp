@@ -52,8 +52,8 @@ TEST(SettingsForm, ShowsValuesPlaceholdersAndTheMaskedToken) {
 
 TEST(ScriptedAlertPresenter, AnswersAfterFillingTheAccessory) {
     ScriptedAlertPresenter alerts;
-    alerts.answer(QStringLiteral("Enregistrer"), [](const AlertSpec& spec) {
-        auto* form = qobject_cast<SettingsForm*>(spec.accessory);
+    alerts.answer(QStringLiteral("Enregistrer"), [](const AlertSpec& alertSpec) {
+        auto* form = qobject_cast<SettingsForm*>(alertSpec.accessory);
         ASSERT_NE(form, nullptr);
         form->backendField()->clear();
         form->tokenField()->setText(QStringLiteral("jwt"));
@@ -90,11 +90,11 @@ TEST(ScriptedAlertPresenter, AlertNobodyExpectedIsRecordedAndClosed) {
     EXPECT_EQ(alerts.unexpected().size(), 2) << "a button the alert does not have";
 }
 
-/// Runs `spec` in a real dialog and lets `act` answer it once it is on screen.
-int runDialog(const AlertSpec& spec, std::function<void(QDialog&)> act) {
+/// Runs `alertSpec` in a real dialog and lets `act` answer it once it is on screen.
+int runDialog(const AlertSpec& alertSpec, std::function<void(QDialog&)> act) {
     QtAlertPresenter presenter;
     presenter.onShown = std::move(act);
-    return presenter.run(spec);
+    return presenter.run(alertSpec);
 }
 
 QPushButton* buttonTitled(QDialog& dialog, const QString& title) {

@@ -119,14 +119,14 @@ bool shootPanel(const QString& outdir, bool systemAudio, const QString& name) {
     return writePng(render(*hud.panel(), QColor(0xdd, 0xe3, 0xec)), outdir + QLatin1Char('/') + name);
 }
 
-bool shootAlert(const QString& outdir, const AlertSpec& spec, const QString& name) {
+bool shootAlert(const QString& outdir, const AlertSpec& alertSpec, const QString& name) {
     QtAlertPresenter presenter;
     bool written = false;
     presenter.onShown = [&](QDialog& dialog) {
         written = writePng(render(dialog, QColor(0xf6, 0xf6, 0xf6)), outdir + QLatin1Char('/') + name);
         dialog.done(0);
     };
-    presenter.run(spec);
+    presenter.run(alertSpec);
     return written;
 }
 

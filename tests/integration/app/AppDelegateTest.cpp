@@ -141,16 +141,16 @@ TEST_F(AppDelegateTest, PopoverSettingsButtonClosesItAndOpensTheSettings) {
 
 // --- the settings window ---
 
-SettingsForm* formOf(const AlertSpec& spec) {
-    return qobject_cast<SettingsForm*>(spec.accessory);
+SettingsForm* formOf(const AlertSpec& alertSpec) {
+    return qobject_cast<SettingsForm*>(alertSpec.accessory);
 }
 
 TEST_F(AppDelegateTest, NewUserSeesTheDefaultsAndCancelChangesNothing) {
     launch();
     QFile::remove(SettingsManager::filePath());
     bool inspected = false;
-    m_alerts->answer(QStringLiteral("Annuler"), [&](const AlertSpec& spec) {
-        SettingsForm* form = formOf(spec);
+    m_alerts->answer(QStringLiteral("Annuler"), [&](const AlertSpec& alertSpec) {
+        SettingsForm* form = formOf(alertSpec);
         ASSERT_NE(form, nullptr);
         EXPECT_EQ(form->backendField()->text(), SettingsManager::defaultBackendURL());
         EXPECT_EQ(form->backendField()->placeholderText(), SettingsManager::defaultBackendURL());
@@ -176,8 +176,8 @@ TEST_F(AppDelegateTest, SaveStoresEveryFieldAndAppliesCallDetection) {
     SettingsManager::shared().setAutoDetectCalls(true);
     launch();
     ASSERT_TRUE(m_delegate->callMonitor()->isPolling());
-    m_alerts->answer(QStringLiteral("Enregistrer"), [](const AlertSpec& spec) {
-        SettingsForm* form = formOf(spec);
+    m_alerts->answer(QStringLiteral("Enregistrer"), [](const AlertSpec& alertSpec) {
+        SettingsForm* form = formOf(alertSpec);
         form->backendField()->clear();
         form->webField()->setText(QStringLiteral(" https://web.exemple.fr/app/ "));
         form->tokenField()->setText(QStringLiteral("jeton-secret"));
@@ -196,8 +196,8 @@ TEST_F(AppDelegateTest, SaveStoresEveryFieldAndAppliesCallDetection) {
 
     // The next opening shows the empty field with the default as placeholder; saving unchanged still
     // registers the login item again.
-    m_alerts->answer(QStringLiteral("Enregistrer"), [](const AlertSpec& spec) {
-        SettingsForm* form = formOf(spec);
+    m_alerts->answer(QStringLiteral("Enregistrer"), [](const AlertSpec& alertSpec) {
+        SettingsForm* form = formOf(alertSpec);
         EXPECT_EQ(form->backendField()->text(), QString());
         EXPECT_EQ(form->backendField()->placeholderText(), SettingsManager::defaultBackendURL());
         EXPECT_TRUE(form->launchAtLoginBox()->isChecked());
@@ -213,10 +213,10 @@ TEST_F(AppDelegateTest, SaveStoresEveryFieldAndAppliesCallDetection) {
 TEST_F(AppDelegateTest, LoginItemFailureIsShownAndTheRestIsStillSaved) {
     launch();
     m_loginItem->failWith = QStringLiteral("dossier en lecture seule");
-    m_alerts->answer(QStringLiteral("Enregistrer"), [](const AlertSpec& spec) {
-        formOf(spec)->tokenField()->setText(QStringLiteral("abc"));
-        formOf(spec)->launchAtLoginBox()->setChecked(true);
-        formOf(spec)->autoDetectCallsBox()->setChecked(false);
+    m_alerts->answer(QStringLiteral("Enregistrer"), [](const AlertSpec& alertSpec) {
+        formOf(alertSpec)->tokenField()->setText(QStringLiteral("abc"));
+        formOf(alertSpec)->launchAtLoginBox()->setChecked(true);
+        formOf(alertSpec)->autoDetectCallsBox()->setChecked(false);
     });
     m_alerts->answer(0);
     m_delegate->openSettings();

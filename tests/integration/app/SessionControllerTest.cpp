@@ -179,8 +179,8 @@ class NotePromptTest : public SessionControllerTest, public ::testing::WithParam
 TEST_P(NotePromptTest, PromptAddsWhatWasTypedOnOK) {
     launch();
     startAndWait();
-    m_alerts->answer(GetParam().button, [](const AlertSpec& spec) {
-        auto* field = qobject_cast<NoteField*>(spec.accessory);
+    m_alerts->answer(GetParam().button, [](const AlertSpec& alertSpec) {
+        auto* field = qobject_cast<NoteField*>(alertSpec.accessory);
         ASSERT_NE(field, nullptr);
         field->setText(GetParam().typed);
     });

@@ -134,11 +134,11 @@ TEST_F(CallMonitorOnPulse, filterStreamAndOurOwnRecordingNeverMakeACall) {
     EXPECT_TRUE(m_log.isEmpty()) << m_log.join(u'\n').toStdString();
 
     std::shared_ptr<PulseContext> pulse = PulseContext::instance();
-    pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, 44100, 1};
+    pa_sample_spec sampleSpec{PA_SAMPLE_FLOAT32LE, 44100, 1};
     PaStreamPtr stream;
     {
         PulseContext::Lock lock(*pulse);
-        stream.reset(pa_stream_new(pulse->context(), "Microphone", &spec, nullptr));
+        stream.reset(pa_stream_new(pulse->context(), "Microphone", &sampleSpec, nullptr));
         ASSERT_TRUE(stream);
         ASSERT_EQ(pa_stream_connect_record(stream.get(), nullptr, nullptr, PA_STREAM_NOFLAGS), 0);
     }

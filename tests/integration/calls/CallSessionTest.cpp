@@ -26,17 +26,17 @@ const QString kCallPrompt = QStringLiteral("Un appel a démarré");
 class ScriptedAlerts final : public AlertPresenter {
 public:
     explicit ScriptedAlerts(QStringList* seen, std::deque<bool>* answers) : m_seen(seen), m_answers(answers) {}
-    int run(const AlertSpec& spec) override {
-        m_seen->append(spec.message);
-        if (spec.message == kCallPrompt) {
-            EXPECT_EQ(spec.informativeText, QStringLiteral("Enregistrer cet appel avec TaVREL Recorder ?"));
-            EXPECT_EQ(spec.buttons, (QStringList{QStringLiteral("Oui, enregistrer"), QStringLiteral("Ignorer")}));
+    int run(const AlertSpec& alertSpec) override {
+        m_seen->append(alertSpec.message);
+        if (alertSpec.message == kCallPrompt) {
+            EXPECT_EQ(alertSpec.informativeText, QStringLiteral("Enregistrer cet appel avec TaVREL Recorder ?"));
+            EXPECT_EQ(alertSpec.buttons, (QStringList{QStringLiteral("Oui, enregistrer"), QStringLiteral("Ignorer")}));
             const bool accept = !m_answers->empty() && m_answers->front();
             if (!m_answers->empty())
                 m_answers->pop_front();
             return accept ? kFirstButton : kFirstButton + 1;
         }
-        return kFirstButton + static_cast<int>(std::max<qsizetype>(0, spec.buttons.size() - 1));
+        return kFirstButton + static_cast<int>(std::max<qsizetype>(0, alertSpec.buttons.size() - 1));
     }
 
 private:

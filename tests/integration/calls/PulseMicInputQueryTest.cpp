@@ -166,14 +166,14 @@ TEST_P(MicInputOnServer, levelMetersOfVolumeControlsAreNotCalls) {
 
 TEST_P(MicInputOnServer, ownStreamsAreReportedUnderOurIdentifierUntilCorked) {
     std::shared_ptr<PulseContext> pulse = PulseContext::instance();
-    pa_sample_spec spec{PA_SAMPLE_S16LE, 44100, 1};
+    pa_sample_spec sampleSpec{PA_SAMPLE_S16LE, 44100, 1};
     PaStreamPtr stream;
     {
         PulseContext::Lock lock(*pulse);
         // Whatever a stream of ours declares, it is our own recording.
         PaProplistPtr props(pa_proplist_new());
         pa_proplist_sets(props.get(), PA_PROP_APPLICATION_ID, "us.zoom.xos");
-        stream.reset(pa_stream_new_with_proplist(pulse->context(), "Microphone", &spec, nullptr, props.get()));
+        stream.reset(pa_stream_new_with_proplist(pulse->context(), "Microphone", &sampleSpec, nullptr, props.get()));
         ASSERT_TRUE(stream);
         ASSERT_EQ(pa_stream_connect_record(stream.get(), AudioServerFixture::kMicSource, nullptr, PA_STREAM_NOFLAGS),
                   0);

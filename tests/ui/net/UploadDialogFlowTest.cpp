@@ -24,15 +24,15 @@ QJsonObject object(const char* json) {
     return QJsonDocument::fromJson(json).object();
 }
 
-UploadDialog* formOf(const AlertSpec& spec) {
-    return qobject_cast<UploadDialog*>(spec.accessory);
+UploadDialog* formOf(const AlertSpec& alertSpec) {
+    return qobject_cast<UploadDialog*>(alertSpec.accessory);
 }
 
 /// Fills the form as a user would: title, client (checkbox on when a text is given), segments.
 ScriptedAlertPresenter::Action fill(QString title, std::optional<QString> client = std::nullopt, int type = -1,
                                     int depth = -1) {
-    return [=](const AlertSpec& spec) {
-        UploadDialog* form = formOf(spec);
+    return [=](const AlertSpec& alertSpec) {
+        UploadDialog* form = formOf(alertSpec);
         ASSERT_NE(form, nullptr);
         form->titleField()->setText(title);
         if (client) {
@@ -152,8 +152,8 @@ TEST_F(UploadDialogFlowTest, BackToTheFormFetchesAgainAndStartsEmpty) {
     h.alerts->answer(QStringLiteral("Envoyer"), fill(QStringLiteral("Premier essai"), QStringLiteral("Martin"), 2, 0));
     h.alerts->answer(QStringLiteral("Revenir au formulaire"));
     bool freshForm = false;
-    h.alerts->answer(QStringLiteral("Annuler"), [&](const AlertSpec& spec) {
-        const UploadDialog* form = formOf(spec);
+    h.alerts->answer(QStringLiteral("Annuler"), [&](const AlertSpec& alertSpec) {
+        const UploadDialog* form = formOf(alertSpec);
         freshForm = form && form->titleText().isEmpty() && !form->isClientChecked() && form->clientText().isEmpty() &&
                     form->synthesisType() == "professional" && form->depth() == "normal" &&
                     form->titleField()->placeholderText() == "Titre (ex : Réunion commune de X)";
@@ -171,9 +171,9 @@ TEST_F(UploadDialogFlowTest, UnreachableClientListStillOpensTheDialog) {
     h.backend.control(object(R"({"fault": {"route": "clients", "close": true}})"));
     const QString path = h.makeRecording(QStringLiteral("r.m4a"), "audio");
     int items = -1;
-    h.alerts->answer(QStringLiteral("Envoyer"), [&](const AlertSpec& spec) {
-        items = formOf(spec)->clientField()->count();
-        fill(QStringLiteral("t"), QStringLiteral("Dupont SA"))(spec);
+    h.alerts->answer(QStringLiteral("Envoyer"), [&](const AlertSpec& alertSpec) {
+        items = formOf(alertSpec)->clientField()->count();
+        fill(QStringLiteral("t"), QStringLiteral("Dupont SA"))(alertSpec);
     });
     h.alerts->answer(QStringLiteral("Revenir au formulaire"));
     h.alerts->answer(QStringLiteral("Annuler"));
