@@ -32,18 +32,6 @@ QString quoted(const QString& title) {
     return QStringLiteral("« ") + title + QStringLiteral(" »");
 }
 
-QString descriptionOf(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const Error& e) {
-        return e.localizedDescription();
-    } catch (const std::exception& e) {
-        return QString::fromUtf8(e.what());
-    } catch (...) {
-        return QStringLiteral("Erreur inconnue");
-    }
-}
-
 /// The notes kept beside a recording, or "" when there are none or they are not UTF-8 text.
 QString readNotes(const QString& recording) {
     QFile file(RecordingFiles::notesFileFor(recording));
@@ -98,7 +86,7 @@ QCoro::Task<> AppDelegate::uploadFile(QString fileURL, QString title, qint64 cli
         AlertSpec alert;
         alert.message = QStringLiteral("Erreur d'envoi");
         alert.informativeText =
-            descriptionOf(failure) + QStringLiteral("\n\nL'enregistrement est conservé sur ce Mac.");
+            localizedDescription(failure, QStringLiteral("Erreur inconnue")) + QStringLiteral("\n\nL'enregistrement est conservé sur ce Mac.");
         alert.buttons = {QStringLiteral("Réessayer"), QStringLiteral("Afficher dans le Finder"),
                          QStringLiteral("Plus tard")};
         alert.style = AlertStyle::warning;

@@ -19,32 +19,6 @@ QString fileName(const QString& path) {
     return QFileInfo(path).fileName();
 }
 
-/// The French text of a failure, as the user would read it.
-QString localizedDescription(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const Error& e) {
-        return e.localizedDescription();
-    } catch (const std::exception& e) {
-        return QString::fromUtf8(e.what());
-    } catch (...) {
-        return QStringLiteral("erreur inconnue");
-    }
-}
-
-/// The technical form of a failure, for the log.
-QString debugDescription(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const Error& e) {
-        return e.debugDescription();
-    } catch (const std::exception& e) {
-        return QString::fromUtf8(e.what());
-    } catch (...) {
-        return QStringLiteral("erreur inconnue");
-    }
-}
-
 bool isPermissionDenied(const std::exception_ptr& error) {
     try {
         std::rethrow_exception(error);

@@ -34,4 +34,10 @@ private:
     Code m_code;
 };
 
+/// The user's text of a caught failure: our own description, a standard exception's message, or `unknown`.
+QString localizedDescription(const std::exception_ptr& error,
+                             const QString& unknown = QStringLiteral("erreur inconnue"));
+/// The technical form of a caught failure, for log lines.
+QString debugDescription(const std::exception_ptr& error);
+
 } // namespace tavrel
