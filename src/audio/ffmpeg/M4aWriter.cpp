@@ -1,10 +1,10 @@
 #include "M4aWriter.h"
 
+#include "AacEncoder.h"
 #include "core/Log.h"
 
 extern "C" {
 #include <libavutil/channel_layout.h>
-#include <libavutil/opt.h>
 }
 
 #include <QByteArray>
@@ -49,28 +49,9 @@ M4aWriter::M4aWriter(const QString& path, int sampleRateHz, int channels)
         throw FfmpegError(
             QStringLiteral("Format audio non pris en charge : %1 Hz, %2 voie(s)").arg(sampleRateHz).arg(channels));
 
-    const AVCodec* codec = avcodec_find_encoder_by_name("aac");
-    if (!codec)
-        throw FfmpegError(QStringLiteral("Encodeur AAC introuvable"));
-    m_encoder.reset(avcodec_alloc_context3(codec));
-    if (!m_encoder)
-        throw FfmpegError(QStringLiteral("Mémoire insuffisante pour l'audio"));
-    m_encoder->sample_fmt = AV_SAMPLE_FMT_FLTP;
-    m_encoder->sample_rate = sampleRateHz;
-    av_channel_layout_default(&m_encoder->ch_layout, channels);
-    m_encoder->bit_rate = channels == 1 ? 96000 : 64000 * std::min(channels, 3);
-    m_encoder->time_base = AVRational{1, sampleRateHz};
-    // The default two-loop search costs several times more CPU for a difference nobody hears in speech.
-    av_opt_set(m_encoder->priv_data, "aac_coder", "fast", 0);
-    // Noise substitution and temporal shaping buy little for voices at this bit rate and cost an eighth of
-    // the encoder's time, which is most of what a recording costs.
-    av_opt_set_int(m_encoder->priv_data, "aac_pns", 0, 0);
-    av_opt_set_int(m_encoder->priv_data, "aac_tns", 0, 0);
-
     m_output = makeOutput(path, "ipod");
-    if (m_output->oformat->flags & AVFMT_GLOBALHEADER)
-        m_encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    ffCheck(avcodec_open2(m_encoder.get(), codec, nullptr), "Ouverture de l'encodeur AAC");
+    m_encoder =
+        openAacEncoder(sampleRateHz, channels, aacBitRateFor(channels), m_output->oformat->flags & AVFMT_GLOBALHEADER);
     if (m_encoder->frame_size > 0)
         m_frameSize = m_encoder->frame_size;
 
