@@ -4,49 +4,173 @@
 #include "PulseAudioFixture.h"
 #include "Wait.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <csignal>
 #include <ostream>
-#include <thread>
 
 namespace tavrel::test {
 
 using namespace std::chrono_literals;
 
+namespace {
+
+QString utf8(const char* text) {
+    return QString::fromUtf8(text);
+}
+
+// Every device deviceModules() creates: three sinks and the virtual microphone.
+QStringList deviceNames() {
+    return {utf8(AudioServerFixture::kSpeakerSink), utf8(AudioServerFixture::kBlackHoleSink),
+            utf8(AudioServerFixture::kMicFeedSink), utf8(AudioServerFixture::kMicSource)};
+}
+
+QString nameOf(const QJsonValue& device) {
+    return device.toObject().value(QStringLiteral("name")).toString();
+}
+
+} // namespace
+
 AudioServerFixture::AudioServerFixture(const QString& prefix, Options options) : m_options(options), m_dir(prefix) {}
 
-AudioServerFixture::~AudioServerFixture() = default;
+AudioServerFixture::~AudioServerFixture() {
+    stop();
+}
 
 void AudioServerFixture::stop() {
-    stopClients();
+    m_keepAlive.clear();
+    // Clients before the servers they talk to.
+    for (auto daemon = m_daemons.rbegin(); daemon != m_daemons.rend(); ++daemon)
+        daemon->stop();
+    m_daemons.clear();
     m_exported.restore();
     m_running = false;
-}
-
-QString AudioServerFixture::kindName() const {
-    return kind() == AudioServerKind::PulseAudio ? QStringLiteral("PulseAudio") : QStringLiteral("PipeWire");
-}
-
-QString AudioServerFixture::runtimeDir() const {
-    return m_variables.value(QStringLiteral("XDG_RUNTIME_DIR"));
 }
 
 QProcessEnvironment AudioServerFixture::environment() const {
     return mergedEnvironment({m_variables});
 }
 
-void AudioServerFixture::exportVariables(const QProcessEnvironment& variables,
-                                         const QProcessEnvironment& homeVariables) {
-    m_variables = variables;
-    m_variables.insert(homeVariables);
-    m_pulseServer = m_variables.value(QStringLiteral("PULSE_SERVER"));
+QProcessEnvironment AudioServerFixture::prepareEnvironment(const QString& pulseSocket,
+                                                           const QProcessEnvironment& extra) {
+    const QString runtime = m_dir.filePath(QStringLiteral("run"), true);
+    // Qt and the daemons insist on a runtime directory only its owner can enter.
+    QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    const QString home = m_dir.filePath(QStringLiteral("home"), true);
+    QProcessEnvironment vars = extra;
+    vars.insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime);
+    vars.insert(QStringLiteral("PULSE_RUNTIME_PATH"), m_dir.filePath(QStringLiteral("run/pulse"), true));
+    vars.insert(QStringLiteral("PULSE_SERVER"), QStringLiteral("unix:") + pulseSocket);
+    // Anonymous authentication: the cookie is never needed, but libpulse would create one in the real HOME.
+    vars.insert(QStringLiteral("PULSE_COOKIE"), home + QStringLiteral("/pulse-cookie"));
+    QProcessEnvironment homeVars;
+    homeVars.insert(QStringLiteral("HOME"), home);
+    // WirePlumber remembers default devices under XDG_STATE_HOME; a shared one would leak choices between runs.
+    for (const auto& [name, path] :
+         {std::pair{"XDG_CONFIG_HOME", ".config"}, std::pair{"XDG_DATA_HOME", ".local/share"},
+          std::pair{"XDG_STATE_HOME", ".local/state"}, std::pair{"XDG_CACHE_HOME", ".cache"}})
+        homeVars.insert(utf8(name), m_dir.filePath(QStringLiteral("home/") + utf8(path), true));
+
+    m_variables = vars;
+    m_variables.insert(homeVars);
     if (m_options.exportEnvironment) {
-        m_exported.apply(variables);
+        m_exported.apply(vars);
         if (m_options.exportHome)
-            m_exported.apply(homeVariables);
+            m_exported.apply(homeVars);
     }
+    QProcessEnvironment daemons = QProcessEnvironment::systemEnvironment();
+    daemons.insert(m_variables);
+    // The daemons must not find a session bus, a display or a PipeWire of the machine.
+    for (const char* name : {"DBUS_SESSION_BUS_ADDRESS", "DISPLAY", "PIPEWIRE_REMOTE"})
+        daemons.remove(utf8(name));
+    return daemons;
+}
+
+std::vector<std::pair<QString, QString>> AudioServerFixture::deviceModules(const QString& virtualSourceModule) {
+    const QString nullSink = QStringLiteral("sink_name=%1 sink_properties='device.description=\"%2\"'");
+    return {
+        {QStringLiteral("module-null-sink"), nullSink.arg(utf8(kSpeakerSink), utf8(kSpeakerDescription))},
+        {QStringLiteral("module-null-sink"), nullSink.arg(utf8(kBlackHoleSink), utf8(kBlackHoleDescription))},
+        {QStringLiteral("module-null-sink"), nullSink.arg(utf8(kMicFeedSink), QStringLiteral("Entrée micro"))},
+        {virtualSourceModule,
+         QStringLiteral("source_name=%1 master=%2.monitor source_properties='device.description=\"%3\"'")
+             .arg(utf8(kMicSource), utf8(kMicFeedSink), utf8(kMicDescription))},
+    };
+}
+
+::testing::AssertionResult AudioServerFixture::startDaemon(const QString& program, const QStringList& arguments,
+                                                           const QProcessEnvironment& environment, bool captureStdout) {
+    ManagedProcess::Options options;
+    options.program = program;
+    options.arguments = arguments;
+    options.environment = environment;
+    options.logPath = m_dir.filePath(program + QStringLiteral(".log"));
+    options.captureStdout = captureStdout;
+    m_daemons.emplace_back();
+    if (!m_daemons.back().start(options))
+        return ::testing::AssertionFailure() << m_daemons.back().errorString().toStdString();
+    return ::testing::AssertionSuccess();
+}
+
+::testing::AssertionResult AudioServerFixture::waitUntilReady(bool withDevices) {
+    QString lastError;
+    const bool ready = waitUntil(
+        [&] {
+            for (ManagedProcess& daemon : m_daemons) {
+                if (!daemon.isRunning()) {
+                    lastError = QStringLiteral("%1 exited").arg(daemon.program());
+                    return true;
+                }
+            }
+            const CommandResult info = runCommand(QStringLiteral("pactl"), {QStringLiteral("info")}, environment(), 2s);
+            if (!info.ok()) {
+                lastError = info.describe();
+                return false;
+            }
+            if (withDevices) {
+                QStringList present;
+                for (const char* what : {"sinks", "sources"}) {
+                    const CommandResult devices =
+                        runCommand(QStringLiteral("pactl"),
+                                   {QStringLiteral("list"), QStringLiteral("short"), utf8(what)}, environment(), 2s);
+                    for (const QString& line : QString::fromUtf8(devices.standardOutput).split('\n'))
+                        present << line.section('\t', 1, 1);
+                }
+                for (const QString& device : deviceNames()) {
+                    if (!present.contains(device)) {
+                        lastError = QStringLiteral("device %1 missing (present: %2)").arg(device, present.join(", "));
+                        return false;
+                    }
+                }
+            }
+            lastError.clear();
+            return true;
+        },
+        m_options.startTimeout, 20ms);
+    if (!ready || !lastError.isEmpty())
+        return ::testing::AssertionFailure()
+               << (kind() == AudioServerKind::PulseAudio ? "PulseAudio" : "PipeWire") << " did not come up within "
+               << m_options.startTimeout.count() << " ms: " << lastError.toStdString() << "\n"
+               << logs().toStdString();
+    return ::testing::AssertionSuccess();
+}
+
+::testing::AssertionResult AudioServerFixture::finishStart(::testing::AssertionResult started) {
+    if (!started) {
+        started << "\n" << logs().toStdString();
+        stop();
+        return started;
+    }
+    m_running = true;
+    return m_options.warmUp ? warmUp() : ::testing::AssertionSuccess();
+}
+
+QString AudioServerFixture::logs() const {
+    QString text;
+    for (const ManagedProcess& daemon : m_daemons)
+        text += QStringLiteral("--- %1 ---\n%2\n").arg(daemon.logPath(), daemon.logTail(15));
+    return text;
 }
 
 CommandResult AudioServerFixture::runPactl(const QStringList& arguments) {
@@ -65,31 +189,18 @@ QJsonArray AudioServerFixture::list(const QString& what) {
     return QJsonDocument::fromJson(json.toUtf8()).array();
 }
 
-namespace {
-
-QStringList namesOf(const QJsonArray& devices) {
-    QStringList names;
-    for (const auto& device : devices)
-        names << device.toObject().value(QStringLiteral("name")).toString();
-    return names;
-}
-
-} // namespace
-
 QStringList AudioServerFixture::sinkNames() {
-    return namesOf(list(QStringLiteral("sinks")));
-}
-
-QStringList AudioServerFixture::sourceNames() {
-    return namesOf(list(QStringLiteral("sources")));
+    QStringList names;
+    for (const auto& device : list(QStringLiteral("sinks")))
+        names << nameOf(device);
+    return names;
 }
 
 QString AudioServerFixture::description(const QString& deviceName) {
     for (const QString& what : {QStringLiteral("sinks"), QStringLiteral("sources")}) {
         for (const auto& device : list(what)) {
-            const QJsonObject object = device.toObject();
-            if (object.value(QStringLiteral("name")).toString() == deviceName)
-                return object.value(QStringLiteral("description")).toString();
+            if (nameOf(device) == deviceName)
+                return device.toObject().value(QStringLiteral("description")).toString();
         }
     }
     return {};
@@ -129,23 +240,23 @@ bool AudioServerFixture::unloadModule(int index) {
 }
 
 ManagedProcess AudioServerFixture::spawnClient(const QString& program, const QStringList& arguments,
-                                               const QProcessEnvironment& extra) {
-    QProcessEnvironment env = environment();
-    env.insert(extra);
-    ManagedProcess process;
+                                               const QProcessEnvironment& extra, const QString& stdoutPath) {
     ManagedProcess::Options options;
     options.program = program;
     options.arguments = arguments;
-    options.environment = env;
+    options.environment = environment();
+    options.environment.insert(extra);
     options.logPath =
         m_dir.filePath(QStringLiteral("client-%1-%2.log").arg(QFileInfo(program).fileName()).arg(++m_clientCount));
+    options.stdoutPath = stdoutPath;
+    ManagedProcess process;
     if (!process.start(options))
         ADD_FAILURE() << process.errorString().toStdString();
     return process;
 }
 
 ManagedProcess AudioServerFixture::playIntoMicrophone(const QString& audioFile) {
-    return playIntoSink(QString::fromUtf8(kMicFeedSink), audioFile);
+    return playIntoSink(micFeedSink(), audioFile);
 }
 
 ManagedProcess AudioServerFixture::playIntoSink(const QString& sinkName, const QString& audioFile) {
@@ -164,53 +275,13 @@ ManagedProcess AudioServerFixture::startRecordingClient(const RecordingClientOpt
     if (!options.processBinary.isEmpty())
         extra.insert(QStringLiteral("PULSE_PROP_OVERRIDE"),
                      QStringLiteral("application.process.binary=") + options.processBinary);
-    ManagedProcess process;
-    ManagedProcess::Options spawn;
-    spawn.program = QStringLiteral("parec");
-    spawn.arguments = args;
-    QProcessEnvironment env = environment();
-    env.insert(extra);
-    spawn.environment = env;
-    spawn.logPath = m_dir.filePath(QStringLiteral("client-parec-%1.log").arg(++m_clientCount));
-    spawn.stdoutPath = QStringLiteral("/dev/null");
-    if (!process.start(spawn))
-        ADD_FAILURE() << process.errorString().toStdString();
-    return process;
-}
-
-namespace {
-
-// A raw reader with a small fragment size, so that the first bytes arrive as soon as the source runs.
-ManagedProcess::Options probeOptions(const QString& source, const QProcessEnvironment& env) {
-    ManagedProcess::Options options;
-    options.program = QStringLiteral("parec");
-    options.arguments = {QStringLiteral("-d"), source, QStringLiteral("--raw"), QStringLiteral("--latency-msec=20"),
-                         QStringLiteral("--client-name=tavrel-probe")};
-    options.environment = env;
-    options.captureStdout = true;
-    return options;
-}
-
-} // namespace
-
-::testing::AssertionResult AudioServerFixture::waitUntilSourceDelivers(const QString& source,
-                                                                       std::chrono::milliseconds timeout) {
-    ManagedProcess probe;
-    if (!probe.start(probeOptions(source, environment())))
-        return ::testing::AssertionFailure() << probe.errorString().toStdString();
-    const QByteArray bytes = probe.readStdout(timeout, 256);
-    probe.stop(500ms);
-    if (bytes.size() < 256)
-        return ::testing::AssertionFailure()
-               << "source " << source.toStdString() << " delivered no data within " << timeout.count() << " ms\n"
-               << logs().toStdString();
-    return ::testing::AssertionSuccess();
+    return spawnClient(QStringLiteral("parec"), args, extra, QStringLiteral("/dev/null"));
 }
 
 ::testing::AssertionResult AudioServerFixture::warmUp(std::chrono::milliseconds timeout) {
-    QStringList sources{QString::fromUtf8(kMicSource)};
+    QStringList sources{micSource()};
     for (const char* sink : {kSpeakerSink, kBlackHoleSink, kMicFeedSink})
-        sources << monitorOf(QString::fromUtf8(sink));
+        sources << monitorOf(utf8(sink));
     if (kind() == AudioServerKind::PulseAudio && m_keepAlive.empty()) {
         for (const char* sink : {kSpeakerSink, kBlackHoleSink, kMicFeedSink}) {
             m_keepAlive.push_back(
@@ -218,12 +289,19 @@ ManagedProcess::Options probeOptions(const QString& source, const QProcessEnviro
                             {QStringLiteral("--playback"), QStringLiteral("--raw"), QStringLiteral("--latency-msec=20"),
                              QStringLiteral("--client-name=tavrel-keepalive"),
                              QStringLiteral("--property=application.id=org.tavrel.test.keepalive"),
-                             QStringLiteral("-d"), QString::fromUtf8(sink), QStringLiteral("/dev/zero")}));
+                             QStringLiteral("-d"), utf8(sink), QStringLiteral("/dev/zero")}));
         }
     }
+    // A raw reader per source with a small fragment size, so that the first bytes arrive as soon as it runs.
     std::vector<ManagedProcess> probes(static_cast<std::size_t>(sources.size()));
     for (std::size_t i = 0; i < probes.size(); ++i) {
-        if (!probes[i].start(probeOptions(sources[static_cast<qsizetype>(i)], environment())))
+        ManagedProcess::Options options;
+        options.program = QStringLiteral("parec");
+        options.arguments = {QStringLiteral("-d"), sources[static_cast<qsizetype>(i)], QStringLiteral("--raw"),
+                             QStringLiteral("--latency-msec=20"), QStringLiteral("--client-name=tavrel-probe")};
+        options.environment = environment();
+        options.captureStdout = true;
+        if (!probes[i].start(options))
             return ::testing::AssertionFailure() << probes[i].errorString().toStdString();
     }
     const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -251,63 +329,6 @@ ManagedProcess AudioServerFixture::startRecording(const QString& source, const Q
                       << " ms: " << recorder.describe().toStdString() << "\n"
                       << logs().toStdString();
     return recorder;
-}
-
-::testing::AssertionResult AudioServerFixture::recordSource(const QString& source, std::chrono::milliseconds duration,
-                                                            const QString& wavPath) {
-    ManagedProcess recorder = startRecording(source, wavPath);
-    if (recorder.pid() <= 0)
-        return ::testing::AssertionFailure() << "parecord did not start";
-    waitUntil([] { return false; }, duration);
-    if (!recorder.isRunning())
-        return ::testing::AssertionFailure() << "parecord ended early: " << recorder.describe().toStdString();
-    // parecord finishes the WAV header on SIGINT.
-    recorder.sendSignal(SIGINT);
-    const auto code = recorder.wait(3s);
-    if (!code || *code != 0)
-        return ::testing::AssertionFailure()
-               << "parecord did not finish cleanly: " << recorder.describe().toStdString();
-    return ::testing::AssertionSuccess();
-}
-
-::testing::AssertionResult AudioServerFixture::waitUntilReady(const std::vector<ManagedProcess*>& daemons,
-                                                              const QStringList& requiredSinks) {
-    QString lastError;
-    const bool ready = waitUntil(
-        [&] {
-            for (ManagedProcess* daemon : daemons) {
-                if (!daemon->isRunning()) {
-                    lastError = QStringLiteral("%1 exited").arg(daemon->program());
-                    return true;
-                }
-            }
-            const CommandResult info = runCommand(QStringLiteral("pactl"), {QStringLiteral("info")}, environment(), 2s);
-            if (!info.ok()) {
-                lastError = info.describe();
-                return false;
-            }
-            const CommandResult sinks = runCommand(
-                QStringLiteral("pactl"), {QStringLiteral("list"), QStringLiteral("short"), QStringLiteral("sinks")},
-                environment(), 2s);
-            QStringList present;
-            for (const QString& line : QString::fromUtf8(sinks.standardOutput).split('\n', Qt::SkipEmptyParts))
-                present << line.section('\t', 1, 1);
-            for (const QString& sink : requiredSinks) {
-                if (!present.contains(sink)) {
-                    lastError = QStringLiteral("sink %1 missing (present: %2)").arg(sink, present.join(", "));
-                    return false;
-                }
-            }
-            lastError.clear();
-            return true;
-        },
-        m_options.startTimeout, 20ms);
-    if (!ready || !lastError.isEmpty())
-        return ::testing::AssertionFailure()
-               << kindName().toStdString() << " did not come up within " << m_options.startTimeout.count()
-               << " ms: " << lastError.toStdString() << "\n"
-               << logs().toStdString();
-    return ::testing::AssertionSuccess();
 }
 
 std::unique_ptr<AudioServerFixture> makeAudioServer(AudioServerKind kind, AudioServerFixture::Options options) {

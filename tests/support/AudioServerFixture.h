@@ -14,6 +14,7 @@
 #include <iosfwd>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace tavrel::test {
@@ -36,7 +37,7 @@ struct RecordingClientOptions {
 ///
 ///     PulseAudioFixture pulse;
 ///     ASSERT_TRUE(pulse.start());
-///     ASSERT_TRUE(pulse.waitUntilSourceDelivers(pulse.micSource()));
+///     ASSERT_TRUE(pulse.warmUp());
 ///     auto player = pulse.playIntoMicrophone(wav);
 class AudioServerFixture {
 public:
@@ -65,13 +66,10 @@ public:
 
     /// Starts the daemons and creates the devices; the failure message carries the daemons' logs.
     virtual ::testing::AssertionResult start() = 0;
-    /// Stops every daemon by PID and restores the environment (the destructor does it too).
+    /// Stops every daemon by PID, last started first, and restores the environment (the destructor does it too).
     virtual void stop();
     virtual AudioServerKind kind() const = 0;
-    QString kindName() const;
     bool isRunning() const { return m_running; }
-    /// Milliseconds from spawning the first daemon to the devices being present.
-    qint64 startupMs() const { return m_startupMs; }
 
     static QString speakerSink() { return QString::fromUtf8(kSpeakerSink); }
     static QString blackHoleSink() { return QString::fromUtf8(kBlackHoleSink); }
@@ -79,9 +77,6 @@ public:
     static QString micSource() { return QString::fromUtf8(kMicSource); }
     static QString monitorOf(const QString& sink) { return sink + QStringLiteral(".monitor"); }
 
-    /// The PULSE_SERVER value ("unix:<dir>/native").
-    QString pulseServer() const { return m_pulseServer; }
-    QString runtimeDir() const;
     QString tempPath() const { return m_dir.path(); }
     /// Only this fixture's variables (PULSE_SERVER, XDG_RUNTIME_DIR, ... and HOME).
     QProcessEnvironment variables() const { return m_variables; }
@@ -95,7 +90,6 @@ public:
     QJsonArray list(const QString& what);
 
     QStringList sinkNames();
-    QStringList sourceNames();
     /// device.description of a sink or source, empty when there is none.
     QString description(const QString& deviceName);
     bool setDefaultSink(const QString& name);
@@ -112,48 +106,47 @@ public:
     /// A record stream on `source` posing as a conferencing app; stop() it to close the stream.
     ManagedProcess startRecordingClient(const RecordingClientOptions& options = {});
 
-    /// Returns once a reader on `source` gets bytes (idle null-sink monitors take up to ~2 s).
-    ::testing::AssertionResult waitUntilSourceDelivers(const QString& source,
-                                                       std::chrono::milliseconds timeout = std::chrono::seconds(6));
     /// A PulseAudio null sink renders in blocks of up to 2 s while no low-latency stream is on it, so
     /// every new reader waits 1-2 s for its first bytes (and misses what is played meanwhile). warmUp()
     /// keeps each null sink busy with a silent low-latency playback stream (client "tavrel-keepalive",
     /// a sink input, never a record stream), then waits until the microphone and every monitor deliver.
     /// Afterwards a new reader gets data within ~50 ms. Harmless on PipeWire (readers are fast there).
     ::testing::AssertionResult warmUp(std::chrono::milliseconds timeout = std::chrono::seconds(8));
-    /// Records `source` into a WAV file with parecord for `duration`.
-    ::testing::AssertionResult recordSource(const QString& source, std::chrono::milliseconds duration,
-                                            const QString& wavPath);
     /// Starts parecord on `source` into `wavPath` and returns once samples reach the file (a test
     /// failure is added after `timeout` otherwise); stop() or SIGINT it to finish the file.
     ManagedProcess startRecording(const QString& source, const QString& wavPath,
                                   std::chrono::milliseconds timeout = std::chrono::seconds(6));
 
     /// The last lines of every daemon log, for failure messages.
-    virtual QString logs() const = 0;
+    QString logs() const;
 
 protected:
     AudioServerFixture(const QString& prefix, Options options);
-    /// Fills m_variables/m_pulseServer, then exports them when asked.
-    void exportVariables(const QProcessEnvironment& variables, const QProcessEnvironment& homeVariables);
-    /// Polls `pactl info` until it answers and `requiredSinks` are present.
-    ::testing::AssertionResult waitUntilReady(const std::vector<ManagedProcess*>& daemons,
-                                              const QStringList& requiredSinks);
+    /// Makes the runtime and home directories, sets (and exports when asked) the fixture's variables with
+    /// PULSE_SERVER at `pulseSocket`, and returns the daemons' environment: the machine's without its
+    /// display or session bus.
+    QProcessEnvironment prepareEnvironment(const QString& pulseSocket, const QProcessEnvironment& extra = {});
+    /// The same three sinks and virtual microphone on both servers, as (module, arguments) in .pa quoting.
+    static std::vector<std::pair<QString, QString>> deviceModules(const QString& virtualSourceModule);
+    /// Spawns a daemon that stop() ends (in reverse order), its output in `<program>.log`.
+    ::testing::AssertionResult startDaemon(const QString& program, const QStringList& arguments,
+                                           const QProcessEnvironment& environment, bool captureStdout = false);
+    /// Polls `pactl info` until it answers and every device of deviceModules() is present (or just the
+    /// server when `withDevices` is false); fails early when a daemon exits.
+    ::testing::AssertionResult waitUntilReady(bool withDevices);
+    /// On success: running, and warmed up when asked. On failure: everything stopped.
+    ::testing::AssertionResult finishStart(::testing::AssertionResult started);
     ManagedProcess spawnClient(const QString& program, const QStringList& arguments,
-                               const QProcessEnvironment& extra = {});
-
-    /// Ends the keep-alive streams; derived classes call it before stopping their daemons.
-    void stopClients() { m_keepAlive.clear(); }
+                               const QProcessEnvironment& extra = {}, const QString& stdoutPath = {});
 
     Options m_options;
     TempDir m_dir;
+    std::vector<ManagedProcess> m_daemons;
     std::vector<ManagedProcess> m_keepAlive;
-    QString m_pulseServer;
     QProcessEnvironment m_variables;
     ScopedEnvironment m_exported;
     bool m_running = false;
     int m_clientCount = 0;
-    qint64 m_startupMs = 0;
 };
 
 /// A fresh fixture of either kind, for tests parameterised over both servers.

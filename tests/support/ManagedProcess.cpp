@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 extern char** environ;
@@ -59,24 +60,19 @@ ManagedProcess::~ManagedProcess() {
     stop();
 }
 
-ManagedProcess::ManagedProcess(ManagedProcess&& other) noexcept
-    : m_options(std::move(other.m_options)), m_pid(other.m_pid), m_stdoutFd(other.m_stdoutFd),
-      m_stdoutBuffer(std::move(other.m_stdoutBuffer)), m_exitCode(other.m_exitCode), m_error(other.m_error) {
-    other.m_pid = -1;
-    other.m_stdoutFd = -1;
+ManagedProcess::ManagedProcess(ManagedProcess&& other) noexcept {
+    *this = std::move(other);
 }
 
 ManagedProcess& ManagedProcess::operator=(ManagedProcess&& other) noexcept {
     if (this != &other) {
         stop();
         m_options = std::move(other.m_options);
-        m_pid = other.m_pid;
-        m_stdoutFd = other.m_stdoutFd;
+        m_pid = std::exchange(other.m_pid, -1);
+        m_stdoutFd = std::exchange(other.m_stdoutFd, -1);
         m_stdoutBuffer = std::move(other.m_stdoutBuffer);
         m_exitCode = other.m_exitCode;
         m_error = other.m_error;
-        other.m_pid = -1;
-        other.m_stdoutFd = -1;
     }
     return *this;
 }

@@ -9,17 +9,11 @@ namespace tavrel::test {
 class PulseAudioFixture : public AudioServerFixture {
 public:
     explicit PulseAudioFixture(Options options = {});
-    ~PulseAudioFixture() override;
 
     ::testing::AssertionResult start() override;
-    void stop() override;
     AudioServerKind kind() const override { return AudioServerKind::PulseAudio; }
-    QString logs() const override;
 
-    pid_t daemonPid() const { return m_daemon.pid(); }
-
-private:
-    ManagedProcess m_daemon;
+    pid_t daemonPid() const { return m_daemons.empty() ? -1 : m_daemons.front().pid(); }
 };
 
 } // namespace tavrel::test

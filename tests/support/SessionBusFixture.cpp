@@ -1,17 +1,13 @@
 #include "SessionBusFixture.h"
 
-#include "Command.h"
 #include "Wait.h"
 
-#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <memory>
 
 namespace tavrel::test {
-
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -58,8 +54,6 @@ SessionBusFixture& SessionBusFixture::shared() {
 ::testing::AssertionResult SessionBusFixture::start() {
     if (!m_dir.isValid())
         return ::testing::AssertionFailure() << "cannot create a temporary directory";
-    QElapsedTimer timer;
-    timer.start();
     const QString socket = m_dir.filePath(QStringLiteral("bus"));
 
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
@@ -115,7 +109,6 @@ SessionBusFixture& SessionBusFixture::shared() {
                                                  << m_options.startTimeout.count() << " ms: " << why;
         }
     }
-    m_startupMs = timer.elapsed();
     m_running = true;
     return ::testing::AssertionSuccess();
 }
@@ -170,27 +163,6 @@ void SessionBusFixture::clearNotifications() {
                                          << logs().toStdString();
 }
 
-::testing::AssertionResult SessionBusFixture::callControl(const QString& method, const QStringList& arguments) {
-    QStringList args{QStringLiteral("--session"), QStringLiteral("--print-reply"),
-                     QStringLiteral("--dest=org.tavrel.FakeDesktop"), QStringLiteral("/"),
-                     QStringLiteral("org.tavrel.FakeDesktop.") + method};
-    args << arguments;
-    const CommandResult result = runCommand(QStringLiteral("dbus-send"), args, environment(), 5s);
-    if (!result.ok())
-        return ::testing::AssertionFailure() << result.describe().toStdString();
-    return ::testing::AssertionSuccess();
-}
-
-::testing::AssertionResult SessionBusFixture::invokeAction(uint id, const QString& actionKey) {
-    return callControl(QStringLiteral("InvokeAction"),
-                       {QStringLiteral("uint32:%1").arg(id), QStringLiteral("string:") + actionKey});
-}
-
-::testing::AssertionResult SessionBusFixture::closeNotification(uint id, uint reason) {
-    return callControl(QStringLiteral("Close"),
-                       {QStringLiteral("uint32:%1").arg(id), QStringLiteral("uint32:%1").arg(reason)});
-}
-
 QStringList SessionBusFixture::registeredStatusItems() const {
     QStringList items;
     for (const QJsonObject& record : readJsonLines(m_dir.filePath(QStringLiteral("watcher.jsonl")))) {
@@ -236,11 +208,6 @@ QList<SessionBusFixture::FileManagerCall> SessionBusFixture::fileManagerCalls() 
     return ::testing::AssertionFailure() << "expected " << count << " file manager call(s) within " << timeout.count()
                                          << " ms, got " << fileManagerCalls().size() << "\n"
                                          << logs().toStdString();
-}
-
-::testing::AssertionResult SessionBusFixture::setFileManagerPresent(bool present) {
-    return callControl(QStringLiteral("SetFileManagerPresent"),
-                       {QStringLiteral("boolean:") + (present ? QStringLiteral("true") : QStringLiteral("false"))});
 }
 
 QString SessionBusFixture::logs() const {

@@ -72,10 +72,6 @@ public:
                                                     std::chrono::milliseconds timeout = std::chrono::seconds(5));
     /// Forgets the notifications recorded so far (notifications() starts empty again).
     void clearNotifications();
-    /// Emits ActionInvoked(id, actionKey) then NotificationClosed(id, 2), as a click on a button does.
-    ::testing::AssertionResult invokeAction(uint id, const QString& actionKey);
-    /// Emits NotificationClosed(id, reason); 1 expired, 2 dismissed, 3 closed by a call.
-    ::testing::AssertionResult closeNotification(uint id, uint reason = 2);
 
     /// Items registered with the fake watcher and still on the bus ("<service>/<path>").
     QStringList registeredStatusItems() const;
@@ -90,15 +86,10 @@ public:
     QList<FileManagerCall> fileManagerCalls() const;
     ::testing::AssertionResult waitForFileManagerCalls(int count,
                                                        std::chrono::milliseconds timeout = std::chrono::seconds(5));
-    /// Takes the fake file manager off the bus (false) or puts it back (true), to test the fallback.
-    ::testing::AssertionResult setFileManagerPresent(bool present);
 
-    qint64 startupMs() const { return m_startupMs; }
     QString logs() const;
 
 private:
-    ::testing::AssertionResult callControl(const QString& method, const QStringList& arguments);
-
     Options m_options;
     TempDir m_dir;
     ManagedProcess m_daemon;
@@ -107,7 +98,6 @@ private:
     ScopedEnvironment m_exported;
     bool m_running = false;
     int m_notificationsSkipped = 0;
-    qint64 m_startupMs = 0;
 };
 
 } // namespace tavrel::test

@@ -10,8 +10,6 @@ class TempDir {
 public:
     explicit TempDir(const QString& prefix = QStringLiteral("tavrel"));
     ~TempDir();
-    TempDir(TempDir&& other) noexcept;
-    TempDir& operator=(TempDir&& other) noexcept;
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
 
@@ -19,15 +17,10 @@ public:
     QString path() const { return m_path; }
     /// `path()/name`; creates the subdirectory when `mkdir` is set.
     QString filePath(const QString& name, bool mkdir = false) const;
-    /// Keeps the directory after destruction (for looking at a failed test's files).
-    void keep() { m_keep = true; }
 
 private:
     QString m_path;
     bool m_keep = false;
 };
-
-/// A fresh temporary directory that the caller removes (or leaves for the system to clean).
-QString makeTempDir(const QString& prefix);
 
 } // namespace tavrel::test

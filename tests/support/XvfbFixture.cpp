@@ -2,8 +2,6 @@
 
 #include "Command.h"
 
-#include <QElapsedTimer>
-
 namespace tavrel::test {
 
 using namespace std::chrono_literals;
@@ -17,8 +15,6 @@ XvfbFixture::~XvfbFixture() {
 }
 
 ::testing::AssertionResult XvfbFixture::start() {
-    QElapsedTimer timer;
-    timer.start();
     ManagedProcess::Options options;
     options.program = QStringLiteral("Xvfb");
     // -displayfd 1: Xvfb chooses a free display and writes its number to our pipe once it accepts
@@ -43,7 +39,6 @@ XvfbFixture::~XvfbFixture() {
     m_display = QStringLiteral(":%1").arg(number);
     if (m_options.exportEnvironment)
         m_exported.set("DISPLAY", m_display.toUtf8());
-    m_startupMs = timer.elapsed();
     m_running = true;
     return ::testing::AssertionSuccess();
 }

@@ -40,7 +40,6 @@ public:
 
     /// PNG (or any format ImageMagick infers from the name) of the root window, or of one window id.
     ::testing::AssertionResult screenshot(const QString& path, const QString& windowId = QStringLiteral("root"));
-    qint64 startupMs() const { return m_startupMs; }
     QString logs() const;
 
 private:
@@ -50,7 +49,6 @@ private:
     QString m_display;
     ScopedEnvironment m_exported;
     bool m_running = false;
-    qint64 m_startupMs = 0;
 };
 
 } // namespace tavrel::test

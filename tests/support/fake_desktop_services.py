@@ -5,10 +5,7 @@
   with increasing ids (or the replaced id).
 - org.kde.StatusNotifierWatcher (optional): accepts item registrations, reports one registered
   host, and logs registrations and the items' disappearance.
-- org.freedesktop.FileManager1 (optional): ShowItems/ShowFolders calls are logged; a test can make
-  the file manager leave the bus and come back.
-- org.tavrel.FakeDesktop at /: lets a test click a notification action, dismiss it, or take the
-  file manager away.
+- org.freedesktop.FileManager1 (optional): ShowItems calls are logged.
 
 Prints "ready" on standard output once every name is owned.
 """
@@ -26,28 +23,19 @@ from gi.repository import GLib
 NOTIFICATIONS_IFACE = "org.freedesktop.Notifications"
 WATCHER_IFACE = "org.kde.StatusNotifierWatcher"
 PROPS_IFACE = "org.freedesktop.DBus.Properties"
-CONTROL_IFACE = "org.tavrel.FakeDesktop"
 
 
 def to_json(value):
     """dbus values into plain JSON; byte arrays (image-data) become their length."""
-    if isinstance(value, dbus.Array) and value.signature == "y":
-        return {"bytes": len(value)}
-    if isinstance(value, (dbus.ByteArray, bytes)):
+    if isinstance(value, dbus.ByteArray) or (isinstance(value, dbus.Array) and value.signature == "y"):
         return {"bytes": len(value)}
     if isinstance(value, dict):
         return {str(k): to_json(v) for k, v in value.items()}
     if isinstance(value, (list, tuple)):
         return [to_json(v) for v in value]
-    if isinstance(value, dbus.Boolean):
+    if isinstance(value, dbus.Boolean):  # an int to json, a bool to the tests
         return bool(value)
-    if isinstance(value, (dbus.Byte, dbus.Int16, dbus.Int32, dbus.Int64, dbus.UInt16, dbus.UInt32, dbus.UInt64)):
-        return int(value)
-    if isinstance(value, dbus.Double):
-        return float(value)
-    if isinstance(value, (dbus.String, dbus.ObjectPath, dbus.Signature)):
-        return str(value)
-    return value
+    return value  # the other dbus types are str, int and float subclasses
 
 
 class Journal:
@@ -87,25 +75,6 @@ class Notifications(dbus.service.Object):
         })
         return dbus.UInt32(nid)
 
-    @dbus.service.method(NOTIFICATIONS_IFACE, in_signature="u", out_signature="")
-    def CloseNotification(self, nid):
-        self.NotificationClosed(nid, dbus.UInt32(3))
-
-    @dbus.service.method(NOTIFICATIONS_IFACE, in_signature="", out_signature="as")
-    def GetCapabilities(self):
-        return ["actions", "body", "body-markup", "icon-static", "persistence"]
-
-    @dbus.service.method(NOTIFICATIONS_IFACE, in_signature="", out_signature="ssss")
-    def GetServerInformation(self):
-        return ("Fake notifications", "tavrel-tests", "1.0", "1.2")
-
-    @dbus.service.signal(NOTIFICATIONS_IFACE, signature="uu")
-    def NotificationClosed(self, nid, reason):
-        pass
-
-    @dbus.service.signal(NOTIFICATIONS_IFACE, signature="us")
-    def ActionInvoked(self, nid, action_key):
-        pass
 
 
 WATCHER_XML = """<!DOCTYPE node PUBLIC "-//freedesktop//DTD D-BUS Object Introspection 1.0//EN"
@@ -195,12 +164,10 @@ class StatusNotifierWatcher(dbus.service.Object):
             bus_name, path = str(sender), service
         else:
             bus_name, path = service, "/StatusNotifierItem"
-        owner = str(sender)
         entry = bus_name + path
         if entry not in self.items:
             self.items.append(entry)
-        self.journal.append({"event": "registered", "item": entry, "service": bus_name, "path": path,
-                             "sender": owner})
+        self.journal.append({"event": "registered", "item": entry})
         self.StatusNotifierItemRegistered(entry)
         self.PropertiesChanged(WATCHER_IFACE, {"RegisteredStatusNotifierItems": dbus.Array(self.items, signature="s")},
                                [])
@@ -238,51 +205,11 @@ class FileManager(dbus.service.Object):
 
     def __init__(self, bus, journal):
         super().__init__(bus, "/org/freedesktop/FileManager1")
-        self.bus = bus
         self.journal = journal
-        self.name = None
-
-    def set_present(self, present):
-        if present and self.name is None:
-            self.name = dbus.service.BusName(self.NAME, self.bus, do_not_queue=True)
-        elif not present and self.name is not None:
-            self.bus.release_name(self.NAME)
-            self.name = None
 
     @dbus.service.method(NAME, in_signature="ass", out_signature="")
     def ShowItems(self, uris, startup_id):
         self.journal.append({"method": "ShowItems", "uris": [str(u) for u in uris], "startup_id": str(startup_id)})
-
-    @dbus.service.method(NAME, in_signature="ass", out_signature="")
-    def ShowFolders(self, uris, startup_id):
-        self.journal.append({"method": "ShowFolders", "uris": [str(u) for u in uris], "startup_id": str(startup_id)})
-
-    @dbus.service.method(NAME, in_signature="ass", out_signature="")
-    def ShowItemProperties(self, uris, startup_id):
-        self.journal.append({"method": "ShowItemProperties", "uris": [str(u) for u in uris],
-                             "startup_id": str(startup_id)})
-
-
-class Control(dbus.service.Object):
-    def __init__(self, bus, notifications, file_manager):
-        super().__init__(bus, "/")
-        self.notifications = notifications
-        self.file_manager = file_manager
-
-    @dbus.service.method(CONTROL_IFACE, in_signature="b", out_signature="")
-    def SetFileManagerPresent(self, present):
-        if self.file_manager is None:
-            raise dbus.exceptions.DBusException("no file manager in this run")
-        self.file_manager.set_present(bool(present))
-
-    @dbus.service.method(CONTROL_IFACE, in_signature="us", out_signature="")
-    def InvokeAction(self, nid, action_key):
-        self.notifications.ActionInvoked(nid, action_key)
-        self.notifications.NotificationClosed(nid, dbus.UInt32(2))
-
-    @dbus.service.method(CONTROL_IFACE, in_signature="uu", out_signature="")
-    def Close(self, nid, reason):
-        self.notifications.NotificationClosed(nid, reason)
 
 
 def main():
@@ -295,15 +222,11 @@ def main():
     DBusGMainLoop(set_as_default=True)
     bus = dbus.SessionBus()
     keep = []
-    notifications = Notifications(bus, Journal(args.notifications_log))
+    keep.append(Notifications(bus, Journal(args.notifications_log)))
     keep.append(dbus.service.BusName("org.freedesktop.Notifications", bus, do_not_queue=True))
-    file_manager = None
     if args.file_manager_log:
-        file_manager = FileManager(bus, Journal(args.file_manager_log))
-        file_manager.set_present(True)
-        keep.append(file_manager)
-    keep.append(Control(bus, notifications, file_manager))
-    keep.append(dbus.service.BusName("org.tavrel.FakeDesktop", bus, do_not_queue=True))
+        keep.append(FileManager(bus, Journal(args.file_manager_log)))
+        keep.append(dbus.service.BusName(FileManager.NAME, bus, do_not_queue=True))
     if args.watcher_log:
         watcher = StatusNotifierWatcher(bus, Journal(args.watcher_log))
         keep.append(watcher)
