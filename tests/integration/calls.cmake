@@ -7,11 +7,4 @@ tavrel_add_test(calls_integration_tests LABELS integration TIMEOUT 240 QT_GUI
 # The delegate's wiring of the monitor to the session, with the real recorder.
 tavrel_add_test(calls_session_tests LABELS integration TIMEOUT 240 QT_GUI
     SOURCES ${CMAKE_CURRENT_LIST_DIR}/calls/CallSessionTest.cpp
-    LIBS tavrel_app tavrel_platform_fake)
-
-# The account link through the real program on a private session bus.
-tavrel_add_test(calls_link_tests LABELS integration TIMEOUT 180
-    SOURCES ${CMAKE_CURRENT_LIST_DIR}/calls/AccountLinkEndToEndTest.cpp
-    LIBS tavrel_core Qt6::DBus)
-target_compile_definitions(calls_link_tests PRIVATE TAVREL_PROGRAM="$<TARGET_FILE:tavrel-recorder>")
-add_dependencies(calls_link_tests tavrel-recorder)
+    LIBS tavrel_app tavrel_platform_fake Qt6::Test)

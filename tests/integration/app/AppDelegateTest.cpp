@@ -2,18 +2,14 @@
 #include "AppDelegateTestBase.h"
 #include "audio/AudioRecorder.h"
 #include "core/CallMonitor.h"
-#include "ui/CircleButton.h"
-#include "ui/HUDView.h"
 #include "ui/MainPopoverController.h"
 #include "ui/RecordingHUD.h"
 #include "ui/SettingsForm.h"
-#include "ui/VUMeterView.h"
 
 #include <QCheckBox>
 #include <QFile>
 #include <QFileInfo>
 #include <QLineEdit>
-#include <QSettings>
 
 namespace tavrel::test {
 namespace {
@@ -24,38 +20,31 @@ class AppDelegateTest : public AppDelegateTestBase {};
 
 // --- launch ---
 
-struct StaleDeviceCase {
-    const char* name;
-    bool present;
-};
-
-class StaleDeviceTest : public AppDelegateTest, public ::testing::WithParamInterface<StaleDeviceCase> {};
-
-TEST_P(StaleDeviceTest, LeftoverRoutingDeviceIsRemovedAtLaunch) {
-    QStringList asked;
-    QList<uint32_t> destroyed;
-    launch([&](AppServices& services) {
-        services.deviceWithUID = [&](const QString& uid) -> std::optional<AudioRouting::Device> {
-            asked << uid;
-            if (!GetParam().present)
-                return std::nullopt;
-            AudioRouting::Device device;
-            device.index = 42;
-            device.uid = uid;
-            return device;
-        };
-        services.destroyDevice = [&](const AudioRouting::Device& device) {
-            destroyed << device.index;
-            return true;
-        };
-    });
-    EXPECT_EQ(asked, QStringList{QStringLiteral("fr.tavrel.recorder.autoroute")});
-    EXPECT_EQ(destroyed, GetParam().present ? QList<uint32_t>{42} : QList<uint32_t>{});
+TEST_F(AppDelegateTest, LeftoverRoutingDeviceIsRemovedAtLaunch) {
+    for (const bool present : {true, false}) {
+        SCOPED_TRACE(present ? "present" : "absent");
+        QStringList asked;
+        QList<uint32_t> destroyed;
+        launch([&](AppServices& services) {
+            services.deviceWithUID = [&](const QString& uid) -> std::optional<AudioRouting::Device> {
+                asked << uid;
+                if (!present)
+                    return std::nullopt;
+                AudioRouting::Device device;
+                device.index = 42;
+                device.uid = uid;
+                return device;
+            };
+            services.destroyDevice = [&](const AudioRouting::Device& device) {
+                destroyed << device.index;
+                return true;
+            };
+        });
+        m_delegate.reset();
+        EXPECT_EQ(asked, QStringList{QStringLiteral("fr.tavrel.recorder.autoroute")});
+        EXPECT_EQ(destroyed, present ? QList<uint32_t>{42} : QList<uint32_t>{});
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Launch, StaleDeviceTest,
-                         ::testing::Values(StaleDeviceCase{"present", true}, StaleDeviceCase{"absent", false}),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(AppDelegateTest, InterruptedRecordingsAreRepairedAtLaunch) {
     const QString folder = AudioRecorder::recordingsDir();
@@ -80,13 +69,6 @@ TEST_F(AppDelegateTest, CallMonitorFollowsTheSettingAtLaunch) {
         EXPECT_EQ(m_delegate->callMonitor()->isPolling(), detect);
         m_delegate.reset();
     }
-}
-
-TEST_F(AppDelegateTest, NotificationsGoToTheDesktop) {
-    launch();
-    m_delegate->notify(QStringLiteral("Titre"), QStringLiteral("Corps"));
-    m_delegate->notify(QStringLiteral("Titre"), QStringLiteral("Corps"));
-    EXPECT_EQ(m_notifier->notifications.size(), 2);
 }
 
 // --- the idle title ---

@@ -28,21 +28,11 @@ protected:
     /// Makes the delegate and runs its launch; `customize` may change the services first.
     void launch(const std::function<void(AppServices&)>& customize = {}) {
         AppServices services;
-        auto notifier = std::make_unique<FakeNotifier>();
-        auto desktop = std::make_unique<FakeDesktop>();
-        auto loginItem = std::make_unique<FakeLoginItem>();
-        auto alerts = std::make_unique<ScriptedAlertPresenter>();
-        auto statusItem = std::make_unique<FakeStatusItem>();
-        m_notifier = notifier.get();
-        m_desktop = desktop.get();
-        m_loginItem = loginItem.get();
-        m_alerts = alerts.get();
-        m_statusItem = statusItem.get();
-        services.notifier = std::move(notifier);
-        services.desktop = std::move(desktop);
-        services.loginItem = std::move(loginItem);
-        services.alerts = std::move(alerts);
-        services.statusItem = std::move(statusItem);
+        services.notifier = std::make_unique<FakeNotifier>();
+        m_desktop = install<FakeDesktop>(services.desktop);
+        m_loginItem = install<FakeLoginItem>(services.loginItem);
+        m_alerts = install<ScriptedAlertPresenter>(services.alerts);
+        m_statusItem = install<FakeStatusItem>(services.statusItem);
         // The pending check belongs to the upload tests; keep it out of the way here.
         services.pendingCheckDelayMs = std::chrono::hours(1);
         services.now = [this] { return m_now.isValid() ? m_now : QDateTime::currentDateTime(); };
@@ -52,11 +42,18 @@ protected:
         m_delegate->applicationDidFinishLaunching();
     }
 
+    template <typename Fake, typename Service>
+    static Fake* install(std::unique_ptr<Service>& slot) {
+        auto fake = std::make_unique<Fake>();
+        Fake* raw = fake.get();
+        slot = std::move(fake);
+        return raw;
+    }
+
     TempDir m_dir{QStringLiteral("tavrel-app")};
     ScopedEnvironment m_env;
     std::unique_ptr<AppDelegate> m_delegate;
     QDateTime m_now;
-    FakeNotifier* m_notifier = nullptr;
     FakeDesktop* m_desktop = nullptr;
     FakeLoginItem* m_loginItem = nullptr;
     ScriptedAlertPresenter* m_alerts = nullptr;

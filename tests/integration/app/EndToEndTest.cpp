@@ -74,12 +74,17 @@ protected:
             std::cerr << "program log:\n" << m_program.logTail(60).toStdString() << std::endl;
     }
 
-    ::testing::AssertionResult startProgram() {
+    ManagedProcess::Options programOptions(const QStringList& arguments, const QString& logName) const {
         ManagedProcess::Options options;
         options.program = QStringLiteral(TAVREL_RECORDER_BIN);
+        options.arguments = arguments;
         options.environment = m_env;
-        options.logPath = m_dir.filePath(QStringLiteral("program.log"));
-        if (!m_program.start(options))
+        options.logPath = m_dir.filePath(logName);
+        return options;
+    }
+
+    ::testing::AssertionResult startProgram(const QStringList& arguments = {}) {
+        if (!m_program.start(programOptions(arguments, QStringLiteral("program.log"))))
             return ::testing::AssertionFailure() << m_program.errorString().toStdString();
         if (!waitUntil([&] { return !property(QStringLiteral("IsRecording")).isNull(); }, 15s))
             return ::testing::AssertionFailure()
@@ -90,12 +95,7 @@ protected:
     /// Runs the program a second time with `arguments`; its exit code.
     int launchAgain(const QStringList& arguments) {
         ManagedProcess second;
-        ManagedProcess::Options options;
-        options.program = QStringLiteral(TAVREL_RECORDER_BIN);
-        options.arguments = arguments;
-        options.environment = m_env;
-        options.logPath = m_dir.filePath(QStringLiteral("second.log"));
-        if (!second.start(options))
+        if (!second.start(programOptions(arguments, QStringLiteral("second.log"))))
             return -1;
         return second.wait(15s).value_or(-2);
     }
@@ -129,6 +129,27 @@ protected:
 
     QString recordingsDir() const { return m_dir.path() + QStringLiteral("/data/TavrelRecorder/Enregistrements"); }
 
+    /// A setting as the program stored it in its file.
+    QVariant stored(const QString& key) const {
+        return QSettings(m_dir.path() + QStringLiteral("/config/TavrelRecorder/TavrelRecorder.conf"),
+                         QSettings::IniFormat)
+            .value(key);
+    }
+
+    /// Summaries of the "linked" notifications so far; each must carry the exact body.
+    int linkedNotifications() const {
+        int count = 0;
+        for (const RecordedNotification& n : m_bus->notifications()) {
+            if (n.summary == QStringLiteral("✅ TaVREL Recorder lié")) {
+                EXPECT_EQ(n.body, QStringLiteral("Token et serveur configurés automatiquement."));
+                EXPECT_EQ(n.appName, QStringLiteral("TaVREL Recorder"));
+                EXPECT_EQ(n.replacesId, 0U);
+                ++count;
+            }
+        }
+        return count;
+    }
+
     static inline int s_connections = 0;
     TempDir m_dir{QStringLiteral("tavrel-e2e")};
     std::unique_ptr<SessionBusFixture> m_bus;
@@ -139,27 +160,58 @@ protected:
     ManagedProcess m_program;
 };
 
-TEST_F(EndToEndTest, ShowsItsTrayItemAndNotifiesThroughTheDesktop) {
+// A link opened by the desktop starts a second instance, which hands it over as it is and leaves: a
+// scheme in capitals is still not ours, the next link is.
+TEST_F(EndToEndTest, ShowsItsTrayItemAndTakesLinksHandedOverBySecondLaunches) {
     ASSERT_TRUE(startProgram());
     ASSERT_TRUE(m_bus->waitForStatusItems(1, 10s)) << m_bus->logs().toStdString();
     EXPECT_TRUE(m_bus->registeredStatusItems().first().startsWith(
         QStringLiteral("org.kde.StatusNotifierItem-%1-").arg(m_program.pid())));
 
-    // A link opened by the desktop starts a second instance, which hands it over and leaves.
-    const QString link = QStringLiteral("tavrel://auth?token=abc&backend=http%3A%2F%2F127.0.0.1%3A9%2Fbackend");
-    EXPECT_EQ(launchAgain({link}), 0);
-    ASSERT_TRUE(m_bus->waitForNotifications(1, 10s));
-    const RecordedNotification notification = m_bus->notifications().first();
-    EXPECT_EQ(notification.summary, QStringLiteral("✅ TaVREL Recorder lié"));
-    EXPECT_EQ(notification.body, QStringLiteral("Token et serveur configurés automatiquement."));
-    EXPECT_EQ(notification.appName, QStringLiteral("TaVREL Recorder"));
-    EXPECT_EQ(notification.replacesId, 0U);
-    const QSettings stored(m_dir.path() + QStringLiteral("/config/TavrelRecorder/TavrelRecorder.conf"),
-                           QSettings::IniFormat);
-    EXPECT_EQ(stored.value(QStringLiteral("token")).toString(), QStringLiteral("abc"));
-    EXPECT_EQ(stored.value(QStringLiteral("backendURL")).toString(), QStringLiteral("http://127.0.0.1:9/backend"));
+    EXPECT_EQ(launchAgain({QStringLiteral("TAVREL://auth?token=t3&backend=b3")}), 0);
+    EXPECT_EQ(launchAgain({QStringLiteral("tavrel://auth?token=abc&backend=http%3A%2F%2F127.0.0.1%3A9%2Fbackend")}), 0);
+    ASSERT_TRUE(waitUntil([&] { return linkedNotifications() >= 1; }, 10s)) << m_program.describe().toStdString();
+    waitUntil([] { return false; }, 200ms); // room for a wrong second notification
+    EXPECT_EQ(linkedNotifications(), 1);
+    EXPECT_EQ(stored(QStringLiteral("token")).toString(), QStringLiteral("abc"));
+    EXPECT_EQ(stored(QStringLiteral("backendURL")).toString(), QStringLiteral("http://127.0.0.1:9/backend"));
     EXPECT_EQ(m_bus->registeredStatusItems().size(), 1) << "the second launch must not show a tray item";
     EXPECT_TRUE(m_program.isRunning());
+}
+
+// The desktop's Open on the running instance: malformed or foreign links change nothing and stay silent;
+// Open calls are handled in order, so the valid link sent last must be the only one that notifies.
+TEST_F(EndToEndTest, OpenOnTheRunningProgramTakesOnlyWellFormedLinks) {
+    ASSERT_TRUE(startProgram());
+    const QStringList links{QStringLiteral("TAVREL://auth?token=x&backend=y"),
+                            QStringLiteral("tavrel://AUTH?token=x&backend=y"),
+                            QStringLiteral("tavrel://login?token=x&backend=y"),
+                            QStringLiteral("tavrel://auth?token=x"),
+                            QStringLiteral("tavrel://auth?token=%ZZ&backend=y"),
+                            QStringLiteral("tavrel://auth?token=abc%2B1&backend=https%3A%2F%2Fexample.org%2Fbackend")};
+    for (const QString& link : links) {
+        QDBusMessage open = QDBusMessage::createMethodCall(
+            kService, kPath, QStringLiteral("org.freedesktop.Application"), QStringLiteral("Open"));
+        open << QStringList{link} << QVariantMap();
+        const QDBusMessage reply = m_connection->call(open, QDBus::Block, 10000);
+        EXPECT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
+    }
+    ASSERT_TRUE(waitUntil([&] { return linkedNotifications() >= 1; }, 10s)) << m_program.describe().toStdString();
+    waitUntil([] { return false; }, 200ms);
+    EXPECT_EQ(linkedNotifications(), 1);
+    EXPECT_EQ(stored(QStringLiteral("token")).toString(), QStringLiteral("abc+1"));
+    EXPECT_EQ(stored(QStringLiteral("backendURL")).toString(), QStringLiteral("https://example.org/backend"));
+    EXPECT_TRUE(m_program.isRunning());
+}
+
+// Started by a link: stored at launch. Empty values are stored as empty texts, not left to the defaults.
+TEST_F(EndToEndTest, LaunchedByALinkItStoresItAtStart) {
+    ASSERT_TRUE(startProgram({QStringLiteral("tavrel://auth?token=&backend=")}));
+    ASSERT_TRUE(waitUntil([&] { return linkedNotifications() == 1; }, 20s)) << m_program.describe().toStdString();
+    EXPECT_TRUE(stored(QStringLiteral("token")).isValid());
+    EXPECT_EQ(stored(QStringLiteral("token")).toString(), QString());
+    EXPECT_TRUE(stored(QStringLiteral("backendURL")).isValid());
+    EXPECT_EQ(stored(QStringLiteral("backendURL")).toString(), QString());
 }
 
 TEST_F(EndToEndTest, DrivenThroughItsActionsItRecordsWithNotes) {

@@ -2,10 +2,8 @@
 #include "AppDelegateTestBase.h"
 #include "audio/AudioRecorder.h"
 #include "audio/SystemAudioBackends.h"
-#include "ui/HUDView.h"
 #include "ui/NoteField.h"
 #include "ui/RecordingHUD.h"
-#include "ui/VUMeterView.h"
 
 #include <QDir>
 #include <QFile>
@@ -65,6 +63,11 @@ protected:
 
 PulseAudioFixture* SessionControllerTest::s_pulse = nullptr;
 
+QString notesFileOf(const QString& recording) {
+    const QFileInfo info(recording);
+    return info.path() + u'/' + info.completeBaseName() + QStringLiteral(".notes.txt");
+}
+
 TEST_F(SessionControllerTest, FlagsFollowStartPauseAndStop) {
     launch();
     QSignalSpy changes(m_delegate.get(), &AppDelegate::recordingStateChanged);
@@ -80,13 +83,13 @@ TEST_F(SessionControllerTest, FlagsFollowStartPauseAndStop) {
     EXPECT_TRUE(m_statusItem->titles.isEmpty()) << "the first clock title comes one second after the start";
     EXPECT_GE(changes.size(), 1);
 
-    m_delegate->togglePause();
-    EXPECT_TRUE(m_delegate->isPaused());
-    EXPECT_TRUE(m_delegate->recorder().isPaused());
-    EXPECT_TRUE(m_delegate->hud().isShown());
-    m_delegate->togglePause();
-    EXPECT_FALSE(m_delegate->isPaused());
-    EXPECT_FALSE(m_delegate->recorder().isPaused());
+    for (const bool paused : {true, false}) {
+        m_delegate->togglePause();
+        EXPECT_EQ(m_delegate->isPaused(), paused);
+        EXPECT_EQ(m_delegate->recorder().isPaused(), paused);
+        EXPECT_TRUE(m_delegate->hud().isShown());
+    }
+    m_delegate->addNote(QString()); // an empty note is no note
 
     const int changesBeforeStop = static_cast<int>(changes.size());
     const QString file = stopAndWait();
@@ -100,6 +103,7 @@ TEST_F(SessionControllerTest, FlagsFollowStartPauseAndStop) {
     EXPECT_TRUE(QFile::exists(file));
     EXPECT_EQ(QFileInfo(file).absolutePath(), QDir(AudioRecorder::recordingsDir()).absolutePath());
     EXPECT_TRUE(file.startsWith(m_dir.path())) << "the recordings folder follows XDG_DATA_HOME";
+    EXPECT_FALSE(QFile::exists(notesFileOf(file))) << "no notes file without notes";
     EXPECT_TRUE(m_alerts->shownMessages().contains(kUploadDialog));
 }
 
@@ -127,83 +131,42 @@ TEST_F(SessionControllerTest, ClockCountsWholeMinutesSinceTheStart) {
     EXPECT_EQ(m_delegate->statusTitle(), QString());
 }
 
-struct NotesCase {
-    const char* name;
-    QStringList notes; ///< as typed
-    bool expectNotesFile;
-};
-
-class NotesFileTest : public SessionControllerTest, public ::testing::WithParamInterface<NotesCase> {};
-
-TEST_P(NotesFileTest, NotesFileIsWrittenOnlyWithNotes) {
+// The prompt adds exactly what was typed on OK (a note of spaces counts, an empty one does not), and the
+// notes land beside the recording at stop.
+TEST_F(SessionControllerTest, NotesFromThePromptAndTheActionAreWrittenBesideTheRecording) {
     launch();
     startAndWait();
-    for (const QString& note : GetParam().notes)
-        m_delegate->addNote(note);
+    struct Typed {
+        QString text;
+        QString button;
+    };
+    for (const Typed& typed :
+         {Typed{QStringLiteral("Budget validé"), QStringLiteral("OK")},
+          Typed{QStringLiteral("  "), QStringLiteral("OK")}, Typed{QString(), QStringLiteral("OK")},
+          Typed{QStringLiteral("Jamais ajoutée"), QStringLiteral("Annuler")}}) {
+        m_alerts->answer(typed.button, [&](const AlertSpec& alertSpec) {
+            auto* field = qobject_cast<NoteField*>(alertSpec.accessory);
+            ASSERT_NE(field, nullptr);
+            field->setText(typed.text);
+        });
+        m_delegate->promptNote();
+        const ScriptedAlertPresenter::ShownAlert& prompt = m_alerts->shown().back();
+        EXPECT_EQ(prompt.message, QStringLiteral("Ajouter une note"));
+        EXPECT_EQ(prompt.buttons, (QStringList{QStringLiteral("OK"), QStringLiteral("Annuler")}));
+    }
+    m_delegate->addNote(QStringLiteral("Relancer « Dupont »"));
     const QString file = stopAndWait();
     ASSERT_FALSE(file.isEmpty());
-    const QFileInfo info(file);
-    const QString notesPath = info.path() + u'/' + info.completeBaseName() + QStringLiteral(".notes.txt");
-    ASSERT_EQ(QFile::exists(notesPath), GetParam().expectNotesFile) << notesPath.toStdString();
-    if (!GetParam().expectNotesFile)
-        return;
-    QFile notes(notesPath);
-    ASSERT_TRUE(notes.open(QIODevice::ReadOnly));
-    const QString text = QString::fromUtf8(notes.readAll());
-    for (const QString& note : GetParam().notes) {
-        if (!note.isEmpty()) {
-            EXPECT_TRUE(text.contains(note)) << text.toStdString();
-        }
-    }
-    EXPECT_EQ(QDir(info.path()).entryList({QStringLiteral("*.notes.txt*")}, QDir::Files).size(), 1)
+    QFile notes(notesFileOf(file));
+    ASSERT_TRUE(notes.open(QIODevice::ReadOnly)) << notes.fileName().toStdString();
+    QStringList texts;
+    for (const QString& line : QString::fromUtf8(notes.readAll()).split(u'\n'))
+        texts << line.mid(line.indexOf(QStringLiteral("] ")) + 2);
+    EXPECT_EQ(texts, (QStringList{QStringLiteral("Budget validé"), QStringLiteral("  "),
+                                  QStringLiteral("Relancer « Dupont »")}));
+    EXPECT_EQ(QDir(QFileInfo(file).path()).entryList({QStringLiteral("*.notes.txt*")}, QDir::Files).size(), 1)
         << "no temporary file left beside the notes";
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Notes, NotesFileTest,
-    ::testing::Values(NotesCase{"none", {}, false}, NotesCase{"only_empty", {QString()}, false},
-                      NotesCase{"spaces_count", {QStringLiteral("   ")}, true},
-                      NotesCase{
-                          "two", {QStringLiteral("Décision : on signe"), QStringLiteral("Relancer « Dupont »")}, true}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-struct NotePromptCase {
-    const char* name;
-    QString typed;
-    QString button;
-    bool added;
-};
-
-class NotePromptTest : public SessionControllerTest, public ::testing::WithParamInterface<NotePromptCase> {};
-
-TEST_P(NotePromptTest, PromptAddsWhatWasTypedOnOK) {
-    launch();
-    startAndWait();
-    m_alerts->answer(GetParam().button, [](const AlertSpec& alertSpec) {
-        auto* field = qobject_cast<NoteField*>(alertSpec.accessory);
-        ASSERT_NE(field, nullptr);
-        field->setText(GetParam().typed);
-    });
-    m_delegate->promptNote();
-    const ScriptedAlertPresenter::ShownAlert& prompt = m_alerts->shown().back();
-    EXPECT_EQ(prompt.message, QStringLiteral("Ajouter une note"));
-    EXPECT_EQ(prompt.buttons, (QStringList{QStringLiteral("OK"), QStringLiteral("Annuler")}));
-    EXPECT_TRUE(prompt.hadAccessory);
-    const QString notes = m_delegate->recorder().formattedNotes();
-    EXPECT_EQ(!notes.isEmpty(), GetParam().added) << notes.toStdString();
-    if (GetParam().added) {
-        EXPECT_TRUE(notes.contains(GetParam().typed));
-    }
-    stopAndWait();
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Prompt, NotePromptTest,
-    ::testing::Values(NotePromptCase{"ok", QStringLiteral("Budget validé"), QStringLiteral("OK"), true},
-                      NotePromptCase{"spaces", QStringLiteral("  "), QStringLiteral("OK"), true},
-                      NotePromptCase{"empty", QString(), QStringLiteral("OK"), false},
-                      NotePromptCase{"cancel", QStringLiteral("Budget validé"), QStringLiteral("Annuler"), false}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(SessionControllerTest, FailedStartShowsOneAlertWithTheErrorAndChangesNothing) {
     // No server behind this address: the microphone cannot start.

@@ -1,6 +1,7 @@
 // The Linux desktop pieces against a private session bus with a fake notification server and a fake
 // StatusNotifierWatcher.
 #include "TestSupport.h"
+#include "platform/Desktop.h"
 #include "platform/Notifier.h"
 #include "platform/StatusItem.h"
 #include "platform/linux/StatusNotifierItemAdaptor.h"
@@ -93,6 +94,20 @@ INSTANTIATE_TEST_SUITE_P(
         NotificationCase{"empty_body", QStringLiteral("Titre seul"), QString()}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// One file-manager window with every file selected, as file URIs that lead back to the paths.
+TEST_F(LinuxPlatformTest, RevealAsksTheFileManagerToShowTheFiles) {
+    const QStringList paths{QStringLiteral("/tmp/Réunion 1.m4a"), QStringLiteral("/tmp/b.notes.txt")};
+    const int before = static_cast<int>(bus().fileManagerCalls().size());
+    makeDesktop()->revealFiles(paths);
+    ASSERT_TRUE(bus().waitForFileManagerCalls(before + 1));
+    const auto call = bus().fileManagerCalls().back();
+    EXPECT_EQ(call.method, QStringLiteral("ShowItems"));
+    QStringList shown;
+    for (const QString& uri : call.uris)
+        shown << QUrl(uri).toLocalFile();
+    EXPECT_EQ(shown, paths) << call.uris.join(u' ').toStdString();
+}
+
 } // namespace
 
 /// Collects the label signals as a tray host sees them.
@@ -132,11 +147,14 @@ protected:
     QString m_service;
 };
 
-TEST_F(StatusItemTest, RegistersWithTheWatcher) {
+TEST_F(StatusItemTest, RegistersWithTheWatcherAndLeavesItWhenDestroyed) {
     EXPECT_TRUE(bus().registeredStatusItems().contains(m_service + QStringLiteral("/StatusNotifierItem")))
         << bus().registeredStatusItems().join(u',').toStdString();
     EXPECT_TRUE(test::waitUntil([&] { return m_item->isShown(); }, 2s));
     EXPECT_EQ(property(m_service, QStringLiteral("Status")).toString(), QStringLiteral("Active"));
+    m_item.reset();
+    EXPECT_TRUE(test::waitUntil([&] { return bus().registeredStatusItems().isEmpty(); }, 5s))
+        << bus().registeredStatusItems().join(u',').toStdString();
 }
 
 TEST_F(StatusItemTest, TitleIsTheLabelAndTheTooltip) {
@@ -188,12 +206,6 @@ TEST_F(StatusItemTest, ActivationReportsWhereTheHostWasClicked) {
     EXPECT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
     ASSERT_TRUE(test::waitUntil([&] { return clicks.size() == 1; }, 2s));
     EXPECT_EQ(clicks.at(0).at(0).toPoint(), QPoint(1200, 14));
-}
-
-TEST_F(StatusItemTest, LeavesTheWatcherWhenDestroyed) {
-    m_item.reset();
-    EXPECT_TRUE(test::waitUntil([&] { return bus().registeredStatusItems().isEmpty(); }, 5s))
-        << bus().registeredStatusItems().join(u',').toStdString();
 }
 
 } // namespace

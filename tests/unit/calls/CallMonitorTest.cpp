@@ -1,15 +1,11 @@
 #include "core/CallMonitor.h"
+
 #include "core/Log.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QEventLoop>
-#include <QRegularExpression>
-#include <QTimer>
-
-#include <gtest/gtest.h>
-
 #include <deque>
+#include <gtest/gtest.h>
 
 namespace tavrel {
 namespace {
@@ -17,15 +13,11 @@ namespace {
 // Answers every poll with what the test says is capturing input right now.
 class ScriptedQuery : public MicInputQuery {
 public:
-    explicit ScriptedQuery(QStringList* current, int* polls) : m_current(current), m_polls(polls) {}
-    QStringList inputApplications() override {
-        ++*m_polls;
-        return *m_current;
-    }
+    explicit ScriptedQuery(const QStringList* current) : m_current(current) {}
+    QStringList inputApplications() override { return *m_current; }
 
 private:
-    QStringList* m_current;
-    int* m_polls;
+    const QStringList* m_current;
 };
 
 void drainEvents() {
@@ -35,15 +27,13 @@ void drainEvents() {
 // Everything the monitor does to its owner and to the log, in order.
 struct Harness {
     QStringList capturing;
-    int polls = 0;
     bool recording = false;
     std::deque<bool> answers; // prompt answers in order; missing answers decline
     QStringList trace;
     LogCapture capture{[this](const QString& line) { trace << QStringLiteral("log:") + line; }};
     CallMonitor monitor;
 
-    explicit Harness(std::chrono::milliseconds intervalMs = CallMonitor::kPollIntervalMs)
-        : monitor(std::make_unique<ScriptedQuery>(&capturing, &polls), intervalMs) {
+    Harness() : monitor(std::make_unique<ScriptedQuery>(&capturing)) {
         monitor.isRecording = [this] { return recording; };
         monitor.onStart = [this] { trace << QStringLiteral("start"); };
         monitor.onEnd = [this] { trace << QStringLiteral("end"); };
@@ -169,17 +159,6 @@ INSTANTIATE_TEST_SUITE_P(
         Scenario{"caseMattersForPrefixes", {{{"US.ZOOM.xos"}, false}}, {}, {"log:" + kUnknown + "US.ZOOM.xos"}}),
     [](const ::testing::TestParamInfo<Scenario>& info) { return std::string(info.param.name); });
 
-TEST(CallMonitor, startTwiceKeepsOneTimerAndLogsOnce) {
-    Harness h;
-    h.monitor.start();
-    h.monitor.start();
-    EXPECT_TRUE(h.monitor.isPolling());
-    EXPECT_EQ(h.trace, QStringList{"log:[CallMonitor] Surveillance des appels/visios activée"});
-    h.monitor.stop();
-    EXPECT_FALSE(h.monitor.isPolling());
-    h.monitor.stop(); // harmless
-}
-
 TEST(CallMonitor, stopForgetsTheCallWithoutEndingIt) {
     Harness h;
     h.poll(kZoom);
@@ -209,9 +188,7 @@ TEST(CallMonitor, promptRunsAfterThePollReturns) {
 TEST(CallMonitor, queuedPromptDroppedWithTheMonitor) {
     int shown = 0;
     {
-        QStringList apps = kZoom;
-        int polls = 0;
-        CallMonitor monitor(std::make_unique<ScriptedQuery>(&apps, &polls));
+        CallMonitor monitor(std::make_unique<ScriptedQuery>(&kZoom));
         monitor.presentPrompt = [&](const QString&, const QString&, const QStringList&) { return ++shown, true; };
         monitor.tick();
     }
@@ -225,63 +202,6 @@ TEST(CallMonitor, withoutPresenterTheCallIsTakenAsDeclined) {
     h.poll(kZoom);
     h.poll(kNone);
     EXPECT_EQ(h.trace, QStringList{"end"});
-}
-
-// The real timer: a call already going on when monitoring starts is seen at the first poll, one interval
-// after start, not at the start itself.
-TEST(CallMonitor, realTimerFirstPollsOneIntervalAfterStart) {
-    Harness h;
-    h.capturing = kZoom;
-    QElapsedTimer clock;
-    clock.start();
-    h.monitor.start();
-    EXPECT_EQ(h.polls, 0);
-    QEventLoop loop;
-    h.monitor.presentPrompt = [&](const QString&, const QString&, const QStringList&) {
-        h.trace << QStringLiteral("prompt");
-        loop.quit();
-        return false;
-    };
-    QTimer::singleShot(5000, &loop, &QEventLoop::quit);
-    loop.exec();
-    // Coarse timers may fire up to 5 % early.
-    EXPECT_GE(clock.elapsed(), CallMonitor::kPollIntervalMs.count() * 9 / 10);
-    EXPECT_EQ(h.polls, 1);
-    EXPECT_TRUE(h.trace.contains(QStringLiteral("prompt")));
-}
-
-// While the prompt's own event loop runs, polling goes on: a call that ends meanwhile is ended at once, and
-// accepting afterwards still starts a recording.
-TEST(CallMonitor, pollsContinueWhileThePromptIsUp) {
-    Harness h(std::chrono::milliseconds(20));
-    h.monitor.presentPrompt = [&](const QString&, const QString&, const QStringList&) {
-        h.trace << QStringLiteral("prompt");
-        h.capturing = kNone; // the call ends while the user reads the prompt
-        QEventLoop modal;
-        QTimer::singleShot(5000, &modal, &QEventLoop::quit);
-        QTimer check;
-        QObject::connect(&check, &QTimer::timeout, &modal, [&] {
-            if (h.trace.contains(QStringLiteral("end")))
-                modal.quit();
-        });
-        check.start(5);
-        modal.exec();
-        return true;
-    };
-    h.capturing = kZoom;
-    h.monitor.start();
-    QEventLoop wait;
-    QTimer::singleShot(5000, &wait, &QEventLoop::quit);
-    QTimer check;
-    QObject::connect(&check, &QTimer::timeout, &wait, [&] {
-        if (h.trace.contains(QStringLiteral("start")))
-            wait.quit();
-    });
-    check.start(5);
-    wait.exec();
-    h.monitor.stop();
-    QStringList events = h.trace.filter(QRegularExpression(QStringLiteral("^(prompt|start|end)$")));
-    EXPECT_EQ(events, (QStringList{"prompt", "end", "start"}));
 }
 
 } // namespace
