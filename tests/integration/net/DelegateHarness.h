@@ -17,19 +17,11 @@ class DelegateHarness {
 public:
     explicit DelegateHarness(std::chrono::milliseconds pollInterval = std::chrono::milliseconds(5)) {
         m_environment.set("XDG_DATA_HOME", m_data.path().toUtf8());
-        auto notifierOwned = std::make_unique<FakeNotifier>();
-        auto desktopOwned = std::make_unique<FakeDesktop>();
-        auto alertsOwned = std::make_unique<ScriptedAlertPresenter>();
-        auto statusItemOwned = std::make_unique<FakeStatusItem>();
-        notifier = notifierOwned.get();
-        desktop = desktopOwned.get();
-        alerts = alertsOwned.get();
-        statusItem = statusItemOwned.get();
         AppServices services;
-        services.notifier = std::move(notifierOwned);
-        services.desktop = std::move(desktopOwned);
-        services.alerts = std::move(alertsOwned);
-        services.statusItem = std::move(statusItemOwned);
+        services.notifier = keep(notifier);
+        services.desktop = keep(desktop);
+        services.alerts = keep(alerts);
+        services.statusItem = keep(statusItem);
         services.jobPollIntervalMs = pollInterval;
         delegate = std::make_unique<AppDelegate>(std::move(services));
     }
@@ -37,7 +29,7 @@ public:
     QString recordingsDir() const { return AudioRecorder::recordingsDir(); }
 
     /// A recording in the recordings folder, with a notes file beside it when `notes` is given.
-    QString makeRecording(const QString& name, const QByteArray& bytes,
+    QString makeRecording(const QString& name, const QByteArray& bytes = "audio",
                           std::optional<QByteArray> notes = std::nullopt) const {
         const QString path = recordingsDir() + QLatin1Char('/') + name;
         writeFile(path, bytes);
@@ -72,6 +64,14 @@ public:
     std::unique_ptr<AppDelegate> delegate;
 
 private:
+    /// A new service handed to the delegate, `observer` left pointing at it.
+    template <typename T>
+    static std::unique_ptr<T> keep(T*& observer) {
+        auto owned = std::make_unique<T>();
+        observer = owned.get();
+        return owned;
+    }
+
     TempDir m_data{QStringLiteral("netdata")};
     ScopedEnvironment m_environment;
 };

@@ -3,12 +3,10 @@
 #include "core/SettingsManager.h"
 
 #include <QDir>
-#include <QEventLoop>
 #include <QFile>
-#include <QJsonDocument>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
-#include <QTimer>
+#include <algorithm>
 
 namespace tavrel::test {
 
@@ -16,9 +14,7 @@ namespace {
 
 QByteArray readWhole(const QString& path) {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return file.readAll();
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 } // namespace
@@ -29,15 +25,9 @@ ReferenceBackend::ReferenceBackend() : m_data(QStringLiteral("refbk")), m_config
     const QString source = qEnvironmentVariable("TAVREL_SOURCE_DIR", QStringLiteral(TAVREL_SOURCE_DIR_FALLBACK));
     ManagedProcess::Options options;
     options.program = QStringLiteral("/usr/bin/python3");
-    options.arguments = {source + QStringLiteral("/tools/reference-backend/reference_backend.py"),
-                         QStringLiteral("--host"),
-                         QStringLiteral("127.0.0.1"),
-                         QStringLiteral("--port"),
-                         QStringLiteral("0"),
-                         QStringLiteral("--data"),
-                         m_data.path(),
-                         QStringLiteral("--advance"),
-                         QStringLiteral("poll")};
+    options.arguments = QStringList{source + QStringLiteral("/tools/reference-backend/reference_backend.py")} +
+                        QStringLiteral("--host 127.0.0.1 --port 0 --advance poll --data").split(QLatin1Char(' ')) +
+                        QStringList{m_data.path()};
     options.captureStdout = true;
     options.logPath = m_data.filePath(QStringLiteral("server.log"));
     if (!m_process.start(options))
@@ -55,22 +45,17 @@ ReferenceBackend::~ReferenceBackend() {
     m_process.stop();
 }
 
-QString ReferenceBackend::origin() const {
-    return QStringLiteral("http://127.0.0.1:%1").arg(m_port);
-}
-
 QJsonObject ReferenceBackend::control(const QJsonObject& command) {
     QNetworkAccessManager manager;
     QNetworkRequest request(QUrl(origin() + QStringLiteral("/_control")));
     request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
+    // The reply belongs to the manager and goes with it.
     QNetworkReply* reply = manager.post(request, QJsonDocument(command).toJson(QJsonDocument::Compact));
     QEventLoop loop;
     QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
     QTimer::singleShot(10000, &loop, &QEventLoop::quit);
     loop.exec();
-    const QJsonObject state = QJsonDocument::fromJson(reply->readAll()).object();
-    reply->deleteLater();
-    return state;
+    return QJsonDocument::fromJson(reply->readAll()).object();
 }
 
 QJsonArray ReferenceBackend::requests() const {
@@ -82,18 +67,16 @@ QJsonArray ReferenceBackend::requests() const {
     return entries;
 }
 
-std::optional<QString> ReferenceBackend::header(const QJsonObject& request, const QString& name) {
-    for (const QJsonValue& pair : request.value(QStringLiteral("headers")).toArray()) {
-        const QJsonArray nameValue = pair.toArray();
-        if (nameValue.at(0).toString().compare(name, Qt::CaseInsensitive) == 0)
-            return nameValue.at(1).toString();
-    }
-    return std::nullopt;
+int ReferenceBackend::requestsTo(const QString& path) const {
+    const QJsonArray all = requests();
+    return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const QJsonValue& request) {
+        return request.toObject().value("path").toString() == path;
+    }));
 }
 
 int ReferenceBackend::uploadCount() const {
-    const QDir uploads(m_data.filePath(QStringLiteral("uploads")));
-    return static_cast<int>(uploads.entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
+    return static_cast<int>(
+        QDir(m_data.filePath(QStringLiteral("uploads"))).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
 }
 
 QJsonObject ReferenceBackend::upload(int number) const {
@@ -106,12 +89,10 @@ QByteArray ReferenceBackend::uploadBody(int number) const {
 }
 
 QByteArray ReferenceBackend::uploadFile(int number) const {
-    const QJsonObject record = upload(number);
     const QString stored =
-        record.value(QStringLiteral("files")).toArray().at(0).toObject().value(QStringLiteral("stored_as")).toString();
-    if (stored.isEmpty())
-        return {};
-    return readWhole(m_data.filePath(QStringLiteral("uploads/%1/").arg(number) + stored));
+        upload(number).value("files").toArray().at(0).toObject().value(QStringLiteral("stored_as")).toString();
+    return stored.isEmpty() ? QByteArray()
+                            : readWhole(m_data.filePath(QStringLiteral("uploads/%1/").arg(number) + stored));
 }
 
 } // namespace tavrel::test

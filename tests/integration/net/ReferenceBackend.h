@@ -6,17 +6,17 @@
 #include "Wait.h"
 #include "core/Error.h"
 
-#include <QByteArray>
 #include <QCoro/QCoroTask>
 #include <QEventLoop>
 #include <QJsonArray>
+#include <QJsonDocument>
 #include <QJsonObject>
-#include <QString>
 #include <QTimer>
 #include <chrono>
 #include <exception>
 #include <optional>
 #include <ostream>
+#include <type_traits>
 #include <variant>
 
 /// Readable QStrings in assertion messages.
@@ -26,8 +26,12 @@ inline void PrintTo(const QString& text, std::ostream* out) {
 
 namespace tavrel::test {
 
+inline QJsonObject jsonObject(const char* json) {
+    return QJsonDocument::fromJson(json).object();
+}
+
 /// The reference backend (tools/reference-backend) on a free loopback port, with its own data
-/// directory, and the settings store pointed at it through a private XDG config directory.
+/// directory, and the settings store pointed at it (empty token) through a private XDG config directory.
 class ReferenceBackend {
 public:
     ReferenceBackend();
@@ -38,20 +42,21 @@ public:
     QString describe() const { return m_process.describe(); }
 
     /// "http://127.0.0.1:<port>"
-    QString origin() const;
-    /// origin() + "/backend": what the settings store holds after construction.
+    QString origin() const { return QStringLiteral("http://127.0.0.1:%1").arg(m_port); }
     QString baseURL() const { return origin() + QStringLiteral("/backend"); }
     QString dataDir() const { return m_data.path(); }
 
     /// POSTs one control object (faults, job sequences, client lists...); the server's state back.
     QJsonObject control(const QJsonObject& command);
+    QJsonObject control(const char* json) { return control(jsonObject(json)); }
     /// Every request received so far (method, path, headers as [name, value] pairs, body_size).
     QJsonArray requests() const;
-    /// The value of `header` in request `index` of requests() (names compared case-insensitively).
-    static std::optional<QString> header(const QJsonObject& request, const QString& name);
+    /// How many requests went to `path`.
+    int requestsTo(const QString& path) const;
     int uploadCount() const;
-    /// uploads/<number>/fields.json, and the raw body the server received.
+    /// uploads/<number>/fields.json; its "fields"; the raw body; the stored file.
     QJsonObject upload(int number) const;
+    QJsonObject fields(int number = 1) const { return upload(number).value("fields").toObject(); }
     QByteArray uploadBody(int number) const;
     QByteArray uploadFile(int number) const;
 
@@ -63,7 +68,7 @@ private:
     int m_port = 0;
 };
 
-/// What a coroutine produced: its value or the exception it threw.
+/// What a coroutine produced: its value (a monostate for a task without one) or the exception it threw.
 template <typename T>
 struct Outcome {
     std::optional<T> value;
@@ -72,15 +77,14 @@ struct Outcome {
 
     template <typename E>
     std::optional<E> errorAs() const {
-        if (!error)
-            return std::nullopt;
         try {
-            std::rethrow_exception(error);
+            if (error)
+                std::rethrow_exception(error);
         } catch (const E& e) {
             return e;
         } catch (...) {
-            return std::nullopt;
         }
+        return std::nullopt;
     }
     /// The description of the thrown tavrel::Error, or "" when it threw nothing of the kind.
     QString errorText() const {
@@ -89,28 +93,22 @@ struct Outcome {
     }
 };
 
-/// Turns `loop` until `finished` or `timeout`. A real event loop, not a polling one: uploads hand their
-/// body to Qt's network thread chunk by chunk through this thread's events, so sleeping here would throttle
-/// them.
-inline void runLoop(QEventLoop& loop, const bool& finished, std::chrono::milliseconds timeout) {
-    if (finished)
-        return;
-    QTimer timer;
-    timer.setSingleShot(true);
-    QObject::connect(&timer, &QTimer::timeout, &loop, &QEventLoop::quit);
-    timer.start(timeout);
-    loop.exec();
-}
-
-/// Runs `task` to its end with the event loop turning (at most `timeout`), catching what it throws.
+/// Runs `task` to its end (at most `timeout`), catching what it throws. A real event loop, not a polling
+/// one: uploads hand their body to Qt's network thread chunk by chunk through this thread's events, so
+/// sleeping here would throttle them.
 template <typename T>
-Outcome<T> runTask(QCoro::Task<T> task, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
-    Outcome<T> outcome;
+auto runTask(QCoro::Task<T> task, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
+    Outcome<std::conditional_t<std::is_void_v<T>, std::monostate, T>> outcome;
     QEventLoop loop;
     // A named closure: the coroutine refers to its captures until it ends, after this function's loop.
     auto body = [&]() -> QCoro::Task<> {
         try {
-            outcome.value = co_await std::move(task);
+            if constexpr (std::is_void_v<T>) {
+                co_await std::move(task);
+                outcome.value = std::monostate{};
+            } else {
+                outcome.value = co_await std::move(task);
+            }
         } catch (...) {
             outcome.error = std::current_exception();
         }
@@ -118,27 +116,12 @@ Outcome<T> runTask(QCoro::Task<T> task, std::chrono::milliseconds timeout = std:
         loop.quit();
     };
     auto runner = body();
-    runLoop(loop, outcome.finished, timeout);
-    return outcome;
-}
-
-/// The same for a task without a value (`value` holds a monostate once it has ended without throwing).
-inline Outcome<std::monostate> runTask(QCoro::Task<> task,
-                                       std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
-    Outcome<std::monostate> outcome;
-    QEventLoop loop;
-    auto body = [&]() -> QCoro::Task<> {
-        try {
-            co_await std::move(task);
-            outcome.value = std::monostate{};
-        } catch (...) {
-            outcome.error = std::current_exception();
-        }
-        outcome.finished = true;
-        loop.quit();
-    };
-    auto runner = body();
-    runLoop(loop, outcome.finished, timeout);
+    if (!outcome.finished) {
+        QTimer timer;
+        timer.callOnTimeout(&loop, &QEventLoop::quit);
+        timer.start(timeout);
+        loop.exec();
+    }
     return outcome;
 }
 

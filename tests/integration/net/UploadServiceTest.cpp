@@ -1,12 +1,11 @@
 // The backend client against the reference backend on loopback: what goes on the wire, and how every
-// kind of answer is judged.
+// kind of answer is judged. How the user is told of a failure is checked on the upload workflow.
 #include "net/UploadService.h"
 
 #include "ReferenceBackend.h"
 #include "core/SettingsManager.h"
 
 #include <QFile>
-#include <QJsonDocument>
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <gtest/gtest.h>
@@ -16,10 +15,6 @@ using namespace tavrel::test;
 
 namespace {
 
-QJsonObject object(const char* json) {
-    return QJsonDocument::fromJson(json).object();
-}
-
 /// Bytes that would break a careless multipart writer or reader: CR, LF, "--", NUL, high bytes.
 QByteArray awkwardBytes(qsizetype size) {
     QByteArray bytes(size, Qt::Uninitialized);
@@ -27,15 +22,18 @@ QByteArray awkwardBytes(qsizetype size) {
     for (qsizetype i = 0; i < size; ++i)
         bytes[i] = static_cast<char>(generator.bounded(256));
     bytes.replace(0, 6, "\r\n--\r\n");
-    bytes.append("\r\n--");
-    return bytes;
+    return bytes + "\r\n--";
+}
+
+QString repeated(const QString& unit, int count) {
+    return unit.repeated(count);
 }
 
 class UploadServiceTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(m_backend.isRunning()) << m_backend.describe().toStdString(); }
 
-    QString writeRecording(const QString& name, const QByteArray& bytes) {
+    QString writeRecording(const QString& name, const QByteArray& bytes = "data") {
         const QString path = m_files.filePath(name);
         QFile file(path);
         EXPECT_TRUE(file.open(QIODevice::WriteOnly));
@@ -43,10 +41,14 @@ protected:
         return path;
     }
 
-    QString lastRequestPath() const {
-        const QJsonArray requests = m_backend.requests();
-        return requests.isEmpty() ? QString() : requests.last().toObject().value("path").toString();
+    /// A plain upload of a small recording.
+    Outcome<UploadService::AsyncUploadResult> send(const QString& title = QStringLiteral("t"),
+                                                   std::optional<qint64> clientId = std::nullopt) {
+        return runTask(UploadService::uploadAsync(writeRecording(QStringLiteral("r.m4a")), title, clientId,
+                                                  "professional", "normal", {}));
     }
+
+    QString lastRequestPath() const { return m_backend.requests().last().toObject().value("path").toString(); }
 
     ReferenceBackend m_backend;
     TempDir m_files{QStringLiteral("netrec")};
@@ -59,7 +61,7 @@ struct BodyCase {
     QString title;
     std::optional<qint64> clientId;
     QString notes;
-    QStringList expectedOrder;
+    bool clientSent;
 };
 
 class UploadBodyTest : public UploadServiceTest, public ::testing::WithParamInterface<BodyCase> {};
@@ -76,80 +78,59 @@ TEST_P(UploadBodyTest, ServerReceivesEveryFieldAndTheFileWithExactFraming) {
     ASSERT_EQ(m_backend.uploadCount(), 1);
     const QJsonObject received = m_backend.upload(1);
     EXPECT_TRUE(received.value("accepted").toBool());
-    EXPECT_EQ(received.value("path").toString(), "/backend/transcriptions/upload-async");
-    EXPECT_EQ(received.value("authorization").toString(), "Bearer ");
-
-    QStringList order;
-    for (const QJsonValue& name : received.value("order").toArray())
-        order << name.toString();
-    EXPECT_EQ(order, c.expectedOrder);
-    const QJsonObject fields = received.value("fields").toObject();
-    EXPECT_EQ(fields.value("title").toString(), c.title);
-    EXPECT_EQ(fields.value("synthesis_type").toString(), "revue_dce");
-    EXPECT_EQ(fields.value("synthesis_depth").toString(), "approfondie");
-    if (c.expectedOrder.contains("client_id")) {
-        EXPECT_EQ(fields.value("client_id").toString(), QString::number(*c.clientId));
-    }
-    if (c.expectedOrder.contains("notes")) {
-        EXPECT_EQ(fields.value("notes").toString(), c.notes);
-    }
     EXPECT_TRUE(received.value("defects").toArray().isEmpty());
-
-    const QJsonObject file = received.value("files").toArray().at(0).toObject();
-    EXPECT_EQ(file.value("filename").toString(), "tavrel_merged_1731772800.m4a");
-    EXPECT_EQ(file.value("content_type").toString(), "audio/m4a");
+    EXPECT_EQ(received.value("path").toString(), "/backend/transcriptions/upload-async");
+    EXPECT_EQ(received.value("authorization").toString(), "Bearer ") << "sent even with an empty token";
     EXPECT_EQ(m_backend.uploadFile(1), audio);
 
-    // The framing, byte for byte, rebuilt from the boundary the server was told about.
+    // The framing, byte for byte, rebuilt from the boundary the server was told about; the server's own
+    // parser agrees on every field and on the file's headers.
     const QString contentType = received.value("content_type").toString();
-    const QRegularExpression pattern(
-        "^multipart/form-data; boundary=(Boundary-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12})$");
-    const auto match = pattern.match(contentType);
+    const auto match = QRegularExpression("^multipart/form-data; boundary=(Boundary-[0-9A-F]{8}-[0-9A-F]{4}-"
+                                          "[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12})$")
+                           .match(contentType);
     ASSERT_TRUE(match.hasMatch()) << contentType.toStdString();
     const QByteArray b = match.captured(1).toLatin1();
     QByteArray expected;
+    QJsonObject expectedFields;
     const auto field = [&](const char* name, const QString& value) {
-        expected += "--" + b + "\r\nContent-Disposition: form-data; name=\"" + QByteArray(name) + "\"\r\n\r\n" +
-                    value.toUtf8() + "\r\n";
+        expected +=
+            "--" + b + "\r\nContent-Disposition: form-data; name=\"" + name + "\"\r\n\r\n" + value.toUtf8() + "\r\n";
+        expectedFields[name] = value;
     };
     field("title", c.title);
     field("synthesis_type", QStringLiteral("revue_dce"));
     field("synthesis_depth", QStringLiteral("approfondie"));
-    if (c.expectedOrder.contains("client_id"))
+    if (c.clientSent)
         field("client_id", QString::number(*c.clientId));
-    if (c.expectedOrder.contains("notes"))
+    if (!c.notes.isEmpty())
         field("notes", c.notes);
     expected += "--" + b +
                 "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"tavrel_merged_1731772800.m4a\""
                 "\r\nContent-Type: audio/m4a\r\n\r\n" +
                 audio + "\r\n--" + b + "--\r\n";
     EXPECT_TRUE(m_backend.uploadBody(1) == expected) << "raw body differs";
+    EXPECT_EQ(received.value("fields").toObject(), expectedFields);
+    const QJsonObject file = received.value("files").toArray().at(0).toObject();
+    EXPECT_EQ(file.value("filename").toString(), "tavrel_merged_1731772800.m4a");
+    EXPECT_EQ(file.value("content_type").toString(), "audio/m4a");
 }
-
-const QStringList kBase{"title", "synthesis_type", "synthesis_depth"};
 
 INSTANTIATE_TEST_SUITE_P(
     Fields, UploadBodyTest,
-    ::testing::Values(BodyCase{"NoClientNoNotes",
-                               QStringLiteral("Réunion « Dupont » 🎙️"),
-                               std::nullopt,
-                               {},
-                               kBase + QStringList{"file"}},
-                      BodyCase{"ClientZero", QStringLiteral("t"), 0, {}, kBase + QStringList{"file"}},
-                      BodyCase{"ClientNegative", QStringLiteral("t"), -1, {}, kBase + QStringList{"file"}},
-                      BodyCase{"ClientOne", QStringLiteral("t"), 1, {}, kBase + QStringList{"client_id", "file"}},
-                      BodyCase{"ClientAndNotes", QStringLiteral("t"), 42,
-                               QStringLiteral("[00:05] Prix\r\n[01:10] Délai « court »"),
-                               kBase + QStringList{"client_id", "notes", "file"}},
-                      BodyCase{"NotesOfSpaces", QStringLiteral("t"), std::nullopt, QStringLiteral("   "),
-                               kBase + QStringList{"notes", "file"}},
-                      BodyCase{"EmptyTitle", QString(), 7, {}, kBase + QStringList{"client_id", "file"}}),
+    ::testing::Values(
+        BodyCase{"NoClientNoNotes", QStringLiteral("Réunion « Dupont » 🎙️"), std::nullopt, {}, false},
+        BodyCase{"ClientZero", QStringLiteral("t"), 0, {}, false},
+        BodyCase{"ClientNegative", QStringLiteral("t"), -1, {}, false},
+        BodyCase{"ClientAndNotes", QStringLiteral("t"), 42, QStringLiteral("[00:05] Prix\r\n[01:10] Délai « court »"),
+                 true},
+        BodyCase{"NotesOfSpaces", QStringLiteral("t"), std::nullopt, QStringLiteral("   "), false},
+        BodyCase{"EmptyTitleClientOne", QString(), 1, {}, true}),
     [](const auto& info) { return std::string(info.param.label); });
 
 TEST_F(UploadServiceTest, EachUploadHasItsOwnBoundaryAndTheAnswerGivesTheResult) {
-    const QString path = writeRecording(QStringLiteral("a.m4a"), "abc");
-    const auto first = runTask(UploadService::uploadAsync(path, "Un", std::nullopt, "personal", "concise", {}));
-    const auto second = runTask(UploadService::uploadAsync(path, "Deux", std::nullopt, "personal", "concise", {}));
+    const auto first = send(QStringLiteral("Un"));
+    const auto second = send(QStringLiteral("Deux"));
     ASSERT_TRUE(first.value && second.value);
     EXPECT_NE(m_backend.upload(1).value("content_type"), m_backend.upload(2).value("content_type"));
     EXPECT_EQ(first.value->id, 1);
@@ -159,34 +140,24 @@ TEST_F(UploadServiceTest, EachUploadHasItsOwnBoundaryAndTheAnswerGivesTheResult)
 }
 
 TEST_F(UploadServiceTest, FileNameGoesRawAndProgressCoversTheWholeBody) {
-    const QByteArray audio = awkwardBytes(3 * 1024 * 1024);
-    const QString path = writeRecording(QStringLiteral("réunion d'équipe.m4a"), audio);
+    const QString name = QStringLiteral("réunion d'équipe.m4a");
     qint64 lastSent = -1;
     qint64 lastTotal = -1;
-    const auto outcome = runTask(UploadService::uploadAsync(path, "x", std::nullopt, "professional", "normal", {},
-                                                            [&](qint64 sent, qint64 total) {
-                                                                lastSent = sent;
-                                                                lastTotal = total;
-                                                            }));
+    const auto outcome = runTask(UploadService::uploadAsync(
+        writeRecording(name, awkwardBytes(3 * 1024 * 1024)), "x", std::nullopt, "professional", "normal", {},
+        [&](qint64 sent, qint64 total) { lastSent = sent, lastTotal = total; }));
     ASSERT_TRUE(outcome.value) << outcome.errorText().toStdString();
     const QByteArray body = m_backend.uploadBody(1);
-    EXPECT_TRUE(body.contains("filename=\"" + QStringLiteral("réunion d'équipe.m4a").toUtf8() + "\"\r\n"));
-    EXPECT_EQ(m_backend.upload(1).value("files").toArray().at(0).toObject().value("filename").toString(),
-              QStringLiteral("réunion d'équipe.m4a"));
+    EXPECT_TRUE(body.contains("filename=\"" + name.toUtf8() + "\"\r\n"));
+    EXPECT_EQ(m_backend.upload(1).value("files").toArray().at(0).toObject().value("filename").toString(), name);
     EXPECT_EQ(lastTotal, body.size());
     EXPECT_EQ(lastSent, body.size());
 }
 
 // ----- addresses and headers --------------------------------------------------------------------------------
 
-TEST_F(UploadServiceTest, EmptyTokenStillSendsBearerWithItsSpace) {
-    SettingsManager::shared().setToken(QString());
-    ASSERT_TRUE(runTask(UploadService::fetchClients()).value);
-    EXPECT_EQ(ReferenceBackend::header(m_backend.requests().last().toObject(), "Authorization"), "Bearer ");
-}
-
 TEST_F(UploadServiceTest, TokenIsReadAtEveryRequest) {
-    m_backend.control(object(R"({"token": "jeton-1"})"));
+    m_backend.control(R"({"token": "jeton-1"})");
     SettingsManager::shared().setToken(QStringLiteral("jeton-1"));
     const auto accepted = runTask(UploadService::fetchClients());
     ASSERT_TRUE(accepted.value);
@@ -195,7 +166,6 @@ TEST_F(UploadServiceTest, TokenIsReadAtEveryRequest) {
     const auto refused = runTask(UploadService::fetchClients());
     ASSERT_TRUE(refused.value) << "a refused client list is an empty list, not an error";
     EXPECT_TRUE(refused.value->isEmpty());
-    EXPECT_EQ(ReferenceBackend::header(m_backend.requests().last().toObject(), "Authorization"), "Bearer jeton-2");
 }
 
 TEST_F(UploadServiceTest, BaseUrlIsConcatenatedAsItStands) {
@@ -211,12 +181,11 @@ class InvalidUrlTest : public UploadServiceTest, public ::testing::WithParamInte
 TEST_P(InvalidUrlTest, EveryOperationFailsBeforeSendingOrReading) {
     SettingsManager::shared().setBackendURL(QString::fromUtf8(GetParam()));
     const QString missingFile = m_files.filePath(QStringLiteral("absent.m4a"));
-    const auto clients = runTask(UploadService::fetchClients());
     const auto upload = runTask(UploadService::uploadAsync(missingFile, "t", 3, "professional", "normal", "n"));
-    const auto poll = runTask(UploadService::pollJob(QStringLiteral("abc")));
-    for (const QString& text : {clients.errorText(), upload.errorText(), poll.errorText()})
-        EXPECT_EQ(text, "URL du serveur invalide");
+    EXPECT_EQ(upload.errorText(), "URL du serveur invalide");
     EXPECT_EQ(upload.errorAs<UploadFailure>()->code(), UploadError::invalidURL);
+    EXPECT_EQ(runTask(UploadService::fetchClients()).errorText(), "URL du serveur invalide");
+    EXPECT_EQ(runTask(UploadService::pollJob(QStringLiteral("abc"))).errorText(), "URL du serveur invalide");
     EXPECT_TRUE(m_backend.requests().isEmpty());
 }
 
@@ -242,8 +211,7 @@ class ClientListTest : public UploadServiceTest, public ::testing::WithParamInte
 
 TEST_P(ClientListTest, OnlyAnArrayOfObjectsIsAList) {
     const ClientsCase& c = GetParam();
-    QJsonObject fault{{"route", "clients"}, {"status", c.status}, {"body", QString::fromUtf8(c.body)}};
-    m_backend.control({{"fault", fault}});
+    m_backend.control({{"fault", QJsonObject{{"route", "clients"}, {"status", c.status}, {"body", c.body}}}});
     const auto outcome = runTask(UploadService::fetchClients());
     ASSERT_TRUE(outcome.value) << outcome.errorText().toStdString();
     QStringList names;
@@ -262,20 +230,15 @@ INSTANTIATE_TEST_SUITE_P(
                       ClientsCase{"EmptyArray", 200, "[]", {}},
                       ClientsCase{"Object", 200, R"({"clients":[{"id":1,"name":"Dupont SA"}]})", {}},
                       ClientsCase{"ArrayWithNonObject", 200, R"([{"id":1,"name":"Dupont SA"},2])", {}},
-                      ClientsCase{"ArrayWithNull", 200, R"([null])", {}},
-                      ClientsCase{"NotJson", 200, "<html>Bad gateway</html>", {}},
-                      ClientsCase{"UnauthorizedObject", 401, R"({"detail":"Unauthorized"})", {}},
-                      ClientsCase{"Empty", 204, "", {}}),
+                      ClientsCase{"NotJson", 200, "<html>Bad gateway</html>", {}}, ClientsCase{"Empty", 204, "", {}}),
     [](const auto& info) { return std::string(info.param.label); });
 
 TEST_F(UploadServiceTest, ClientListTransportFailuresAreThrown) {
-    m_backend.control(object(R"({"fault": {"route": "clients", "close": true}})"));
-    const auto outcome = runTask(UploadService::fetchClients());
-    EXPECT_FALSE(outcome.value);
-    EXPECT_TRUE(outcome.errorAs<TransportFailure>());
+    m_backend.control(R"({"fault": {"route": "clients", "close": true}})");
+    EXPECT_TRUE(runTask(UploadService::fetchClients()).errorAs<TransportFailure>());
 }
 
-// ----- upload answers ---------------------------------------------------------------------------------------
+// ----- upload answers (the failures' texts as the user sees them are checked on the workflow) ----------------
 
 struct AnswerCase {
     const char* label;
@@ -291,55 +254,40 @@ TEST_P(UploadAnswerTest, AnswerIsJudgedAsSpecified) {
     QJsonObject fault = c.fault;
     fault["route"] = "upload";
     m_backend.control({{"fault", fault}});
-    const QString path = writeRecording(QStringLiteral("r.m4a"), "data");
-    const auto outcome =
-        runTask(UploadService::uploadAsync(path, QStringLiteral("Titre envoyé"), 5, "professional", "normal", {}));
-    if (c.expectedError.isEmpty()) {
-        ASSERT_TRUE(outcome.value) << outcome.errorText().toStdString();
-        EXPECT_EQ(outcome.value->id, 7);
-        EXPECT_EQ(outcome.value->jobId, "abc");
-        EXPECT_EQ(outcome.value->title, c.expectedTitle);
-    } else {
+    const auto outcome = send(QStringLiteral("Titre envoyé"), 5);
+    if (!c.expectedError.isEmpty()) {
         EXPECT_FALSE(outcome.value);
         EXPECT_EQ(outcome.errorText(), c.expectedError);
+        return;
     }
+    ASSERT_TRUE(outcome.value) << outcome.errorText().toStdString();
+    EXPECT_EQ(outcome.value->id, 7);
+    EXPECT_EQ(outcome.value->jobId, "abc");
+    EXPECT_EQ(outcome.value->title, c.expectedTitle);
 }
 
-QString repeated(const QString& unit, int count) {
-    QString text;
-    for (int i = 0; i < count; ++i)
-        text += unit;
-    return text;
-}
+const QString kBadResponse = QStringLiteral("Réponse inattendue du serveur");
 
 INSTANTIATE_TEST_SUITE_P(
     Answers, UploadAnswerTest,
     ::testing::Values(
-        AnswerCase{"Minimal", object(R"({"status":200,"body":"{\"id\":7,\"job_id\":\"abc\"}"})"), {}, "Titre envoyé"},
+        AnswerCase{
+            "Minimal", jsonObject(R"({"status":200,"body":"{\"id\":7,\"job_id\":\"abc\"}"})"), {}, "Titre envoyé"},
         AnswerCase{"Created",
-                   object(R"({"status":201,"body":"{\"id\":7.0,\"job_id\":\"abc\",\"title\":\"Autre\"}"})"),
+                   jsonObject(R"({"status":201,"body":"{\"id\":7.0,\"job_id\":\"abc\",\"title\":\"Autre\"}"})"),
                    {},
                    "Autre"},
         AnswerCase{"NumericTitle",
-                   object(R"({"status":200,"body":"{\"id\":7,\"job_id\":\"abc\",\"title\":5}"})"),
+                   jsonObject(R"({"status":200,"body":"{\"id\":7,\"job_id\":\"abc\",\"title\":5}"})"),
                    {},
                    "Titre envoyé"},
-        AnswerCase{"IdAsString", object(R"({"status":200,"body":"{\"id\":\"7\",\"job_id\":\"abc\"}"})"),
-                   "Réponse inattendue du serveur"},
-        AnswerCase{"FractionalId", object(R"({"status":200,"body":"{\"id\":7.5,\"job_id\":\"abc\"}"})"),
-                   "Réponse inattendue du serveur"},
-        AnswerCase{"NumericJobId", object(R"({"status":200,"body":"{\"id\":7,\"job_id\":12}"})"),
-                   "Réponse inattendue du serveur"},
-        AnswerCase{"MissingJobId", object(R"({"status":200,"body":"{\"id\":7}"})"), "Réponse inattendue du serveur"},
-        AnswerCase{"Array", object(R"({"status":200,"body":"[{\"id\":7,\"job_id\":\"abc\"}]"})"),
-                   "Réponse inattendue du serveur"},
-        AnswerCase{"NotJson", object(R"({"status":200,"body":"OK"})"), "Réponse inattendue du serveur"},
-        AnswerCase{"ServerErrorEmpty", object(R"({"status":500,"body":""})"), "Erreur serveur 500"},
-        AnswerCase{"TooLarge", object(R"({"status":413,"body":"Fichier trop volumineux"})"),
-                   "Erreur serveur 413 : Fichier trop volumineux"},
-        AnswerCase{"Unauthorized", object(R"({"status":401,"body":"Unauthorized"})"),
-                   "Erreur serveur 401 : Unauthorized"},
-        AnswerCase{"NotUtf8", object(R"({"status":502,"body_hex":"ff fe 41"})"), "Erreur serveur 502"},
+        AnswerCase{"IdAsString", jsonObject(R"({"status":200,"body":"{\"id\":\"7\",\"job_id\":\"abc\"}"})"),
+                   kBadResponse},
+        AnswerCase{"FractionalId", jsonObject(R"({"status":200,"body":"{\"id\":7.5,\"job_id\":\"abc\"}"})"),
+                   kBadResponse},
+        AnswerCase{"NumericJobId", jsonObject(R"({"status":200,"body":"{\"id\":7,\"job_id\":12}"})"), kBadResponse},
+        AnswerCase{"Array", jsonObject(R"({"status":200,"body":"[{\"id\":7,\"job_id\":\"abc\"}]"})"), kBadResponse},
+        AnswerCase{"NotUtf8", jsonObject(R"({"status":502,"body_hex":"ff fe 41"})"), "Erreur serveur 502"},
         AnswerCase{
             "LongAccentedText",
             QJsonObject{{"status", 500}, {"body", repeated(QStringLiteral("e\u0301"), 150) + repeated("🇫🇷", 150)}},
@@ -347,40 +295,6 @@ INSTANTIATE_TEST_SUITE_P(
         AnswerCase{"Exactly200", QJsonObject{{"status", 400}, {"body", repeated(QStringLiteral("é"), 200)}},
                    "Erreur serveur 400 : " + repeated(QStringLiteral("é"), 200)}),
     [](const auto& info) { return std::string(info.param.label); });
-
-class UploadTransportTest : public UploadServiceTest, public ::testing::WithParamInterface<const char*> {};
-
-TEST_P(UploadTransportTest, BrokenAnswersAreTransportFailures) {
-    m_backend.control({{"fault", QJsonDocument::fromJson(GetParam()).object()}});
-    const QString path = writeRecording(QStringLiteral("r.m4a"), "data");
-    const auto outcome = runTask(UploadService::uploadAsync(path, "t", std::nullopt, "professional", "normal", {}));
-    EXPECT_FALSE(outcome.value);
-    const auto failure = outcome.errorAs<TransportFailure>();
-    ASSERT_TRUE(failure) << outcome.errorText().toStdString();
-    EXPECT_FALSE(failure->localizedDescription().isEmpty());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Faults, UploadTransportTest,
-    ::testing::Values(R"({"route":"upload","close":true})",
-                      R"({"route":"upload","truncate":true,"body":"{\"id\":7,\"job_id\":\"a\"}"})"));
-
-TEST_F(UploadServiceTest, NoServerIsATransportFailure) {
-    SettingsManager::shared().setBackendURL(QStringLiteral("http://127.0.0.1:1/backend"));
-    const QString path = writeRecording(QStringLiteral("r.m4a"), "data");
-    const auto outcome = runTask(UploadService::uploadAsync(path, "t", std::nullopt, "professional", "normal", {}));
-    EXPECT_TRUE(outcome.errorAs<TransportFailure>());
-    EXPECT_EQ(outcome.errorText(), "Connexion refusée par le serveur.");
-}
-
-TEST_F(UploadServiceTest, UnreadableFileFailsWithTheFileSystemsTextAndSendsNothing) {
-    const auto outcome = runTask(
-        UploadService::uploadAsync(m_files.filePath("absent.m4a"), "t", std::nullopt, "professional", "normal", {}));
-    EXPECT_FALSE(outcome.value);
-    EXPECT_FALSE(outcome.errorAs<UploadFailure>());
-    EXPECT_EQ(outcome.errorText(), "Le fichier « absent.m4a » est introuvable.");
-    EXPECT_TRUE(m_backend.requests().isEmpty());
-}
 
 // ----- job state --------------------------------------------------------------------------------------------
 
@@ -396,12 +310,11 @@ class PollTest : public UploadServiceTest, public ::testing::WithParamInterface<
 
 TEST_P(PollTest, StateIsReadAsSpecified) {
     const PollCase& c = GetParam();
-    m_backend.control(
-        {{"sequence", QJsonArray{QJsonDocument::fromJson(QByteArray("[") + c.step + "]").array().at(0)}}});
-    const QString path = writeRecording(QStringLiteral("r.m4a"), "data");
-    const auto upload = runTask(UploadService::uploadAsync(path, "t", std::nullopt, "professional", "normal", {}));
+    m_backend.control({{"sequence", QJsonDocument::fromJson(QByteArray("[") + c.step + "]").array()}});
+    const auto upload = send();
     ASSERT_TRUE(upload.value);
     const auto state = runTask(UploadService::pollJob(upload.value->jobId));
+    EXPECT_EQ(lastRequestPath(), "/backend/transcriptions/jobs/" + upload.value->jobId);
     if (!c.expectedFailure.isEmpty()) {
         EXPECT_EQ(state.errorText(), c.expectedFailure);
         return;
@@ -409,7 +322,6 @@ TEST_P(PollTest, StateIsReadAsSpecified) {
     ASSERT_TRUE(state.value) << state.errorText().toStdString();
     EXPECT_EQ(state.value->status, c.expectedStatus);
     EXPECT_EQ(state.value->error, c.expectedError);
-    EXPECT_EQ(lastRequestPath(), "/backend/transcriptions/jobs/" + upload.value->jobId);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -422,16 +334,9 @@ INSTANTIATE_TEST_SUITE_P(
         PollCase{"ErrorText", R"({"status":"error","error":"Audio illisible"})", "error",
                  QStringLiteral("Audio illisible")},
         PollCase{"NotAnObject", R"(["done"])", "unknown", std::nullopt},
+        PollCase{"GarbledBody", R"({"http":200,"body":"pas du json"})", "unknown", std::nullopt},
         PollCase{"ServerErrorDropsText", R"({"http":500,"body":"Panne"})", {}, std::nullopt, "Erreur serveur 500"},
         PollCase{"NotFound", R"({"http":404,"body":"{\"detail\":\"x\"}"})", {}, std::nullopt, "Erreur serveur 404"}),
     [](const auto& info) { return std::string(info.param.label); });
-
-TEST_F(UploadServiceTest, PollOfAGarbledBodyIsStillRunning) {
-    m_backend.control(object(R"({"fault": {"route": "job", "status": 200, "body": "pas du json"}})"));
-    const auto state = runTask(UploadService::pollJob(QStringLiteral("job-x")));
-    ASSERT_TRUE(state.value);
-    EXPECT_EQ(state.value->status, "unknown");
-    EXPECT_FALSE(state.value->error);
-}
 
 } // namespace
