@@ -2,6 +2,7 @@
 
 #include "CafWriter.h"
 #include "BackgroundTask.h"
+#include "OutputChain.h"
 #include "SampleHandOff.h"
 #include "TemporaryCaptureFile.h"
 #include "core/Level.h"
@@ -18,6 +19,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <ctime>
@@ -67,6 +69,16 @@ const pw_metadata_events kMetadataEvents = [] {
     events.version = PW_VERSION_METADATA_EVENTS;
     return events;
 }();
+
+const pw_node_events kNodeEvents = [] {
+    pw_node_events events{};
+    events.version = PW_VERSION_NODE_EVENTS;
+    return events;
+}();
+
+bool mayBeInAChain(const QString& mediaClass) {
+    return mediaClass == QLatin1String("Audio/Sink") || mediaClass == QLatin1String("Stream/Output/Audio");
+}
 
 const pw_stream_events kStreamEvents = [] {
     pw_stream_events events{};
@@ -157,10 +169,11 @@ void ProcessTapRecorder::startBlocking() {
         pw_registry_add_listener(reinterpret_cast<pw_registry*>(m_registry.get()), &m_registryListener,
                                  &registryEvents, this);
         roundTrip(); // every global, and the "default" metadata bound
-        roundTrip(); // the metadata's properties
+        roundTrip(); // the metadata's properties and the bound nodes' full properties
         if (m_defaultSink.isEmpty())
             fail();
-        m_targetSink = m_defaultSink;
+        m_targetSink = endOfDefaultChain();
+        m_announcedDefault = m_defaultSink;
         connectStream();
         if (!m_stream)
             fail();
@@ -196,6 +209,9 @@ void ProcessTapRecorder::startBlocking() {
         m_writing.store(true);
     }
     logLine(QStringLiteral("[ProcessTap] Capture démarrée → ") + QFileInfo(*m_outputURL).fileName());
+    const QString target = targetSink();
+    if (target != m_announcedDefault)
+        logLine(QStringLiteral("[ProcessTap] Sortie filtrée, capture du périphérique → ") + target);
 }
 
 void ProcessTapRecorder::connectStream() {
@@ -254,24 +270,60 @@ bool ProcessTapRecorder::linkedToTargetSink() const {
     return node != m_nodes.end() && node->second.mediaClass == QLatin1String("Audio/Sink");
 }
 
-void ProcessTapRecorder::retarget(const QString& sink) {
-    m_targetSink = sink;
+QString ProcessTapRecorder::endOfDefaultChain() const {
+    std::vector<OutputChainSink> sinks;
+    std::vector<OutputChainStream> streams;
+    for (const auto& [id, node] : m_nodes) {
+        if (node.mediaClass == QLatin1String("Audio/Sink")) {
+            sinks.push_back(OutputChainSink{id, node.name, node.masterDevice, node.linkGroup});
+        } else if (node.mediaClass == QLatin1String("Stream/Output/Audio") && !node.linkGroup.isEmpty()) {
+            for (const auto& [linkId, link] : m_links)
+                if (link.outputNode == id)
+                    streams.push_back(OutputChainStream{node.linkGroup, link.inputNode});
+        }
+    }
+    const auto chosen = std::find_if(sinks.begin(), sinks.end(),
+                                     [this](const OutputChainSink& sink) { return sink.name == m_defaultSink; });
+    if (chosen == sinks.end())
+        return m_defaultSink;
+    const OutputChainSink* end = endOfOutputChain(sinks, streams, chosen->id);
+    return end ? end->name : m_defaultSink;
+}
+
+void ProcessTapRecorder::followDefaultChain() {
+    if (!m_started || m_defaultSink.isEmpty())
+        return;
+    const QString target = endOfDefaultChain();
+    if (target == m_targetSink)
+        return;
+    m_targetSink = target;
     m_linkVerified.store(false);
     pw_stream_disconnect(m_stream.get());
     connectStream();
-    logLine(QStringLiteral("[ProcessTap] Sortie par défaut changée → ") + sink);
+    if (m_announcedDefault != m_defaultSink) {
+        m_announcedDefault = m_defaultSink;
+        logLine(QStringLiteral("[ProcessTap] Sortie par défaut changée → ") + m_defaultSink);
+    }
+    if (target != m_defaultSink)
+        logLine(QStringLiteral("[ProcessTap] Sortie filtrée, capture du périphérique → ") + target);
 }
 
 void ProcessTapRecorder::onGlobal(void* data, uint32_t id, uint32_t, const char* type, uint32_t,
                                   const spa_dict* props) {
     auto* self = static_cast<ProcessTapRecorder*>(data);
     if (std::strcmp(type, PW_TYPE_INTERFACE_Node) == 0) {
-        self->m_nodes[id] = NodeFacts{lookup(props, PW_KEY_NODE_NAME), lookup(props, PW_KEY_MEDIA_CLASS)};
+        NodeFacts& node = self->m_nodes[id];
+        node.name = lookup(props, PW_KEY_NODE_NAME);
+        node.mediaClass = lookup(props, PW_KEY_MEDIA_CLASS);
+        if (mayBeInAChain(node.mediaClass) && !self->m_boundNodes.contains(id))
+            self->bindNode(id);
+        self->followDefaultChain();
     } else if (std::strcmp(type, PW_TYPE_INTERFACE_Link) == 0) {
         self->m_links[id] = LinkFacts{lookup(props, PW_KEY_LINK_OUTPUT_NODE).toUInt(),
                                       lookup(props, PW_KEY_LINK_INPUT_NODE).toUInt()};
         if (self->m_started)
             self->m_linkVerified.store(self->linkedToTargetSink());
+        self->followDefaultChain();
     } else if (std::strcmp(type, PW_TYPE_INTERFACE_Metadata) == 0 && !self->m_metadata &&
                lookup(props, PW_KEY_METADATA_NAME) == QLatin1String("default")) {
         self->m_metadataId = id;
@@ -292,9 +344,52 @@ void ProcessTapRecorder::onGlobal(void* data, uint32_t id, uint32_t, const char*
 
 void ProcessTapRecorder::onGlobalRemove(void* data, uint32_t id) {
     auto* self = static_cast<ProcessTapRecorder*>(data);
-    self->m_nodes.erase(id);
-    if (self->m_links.erase(id) > 0 && self->m_started)
+    self->unbindNode(id);
+    const bool node = self->m_nodes.erase(id) > 0;
+    const bool link = self->m_links.erase(id) > 0;
+    if (link && self->m_started)
         self->m_linkVerified.store(self->linkedToTargetSink());
+    if (node || link)
+        self->followDefaultChain();
+    pw_thread_loop_signal(self->m_loop.get(), false);
+}
+
+void ProcessTapRecorder::bindNode(uint32_t id) {
+    auto bound = std::make_unique<BoundNode>();
+    bound->owner = this;
+    bound->id = id;
+    bound->proxy.reset(static_cast<pw_proxy*>(
+        pw_registry_bind(reinterpret_cast<pw_registry*>(m_registry.get()), id, PW_TYPE_INTERFACE_Node, PW_VERSION_NODE, 0)));
+    if (!bound->proxy)
+        return;
+    static pw_node_events events = [] {
+        pw_node_events e = kNodeEvents;
+        e.info = &ProcessTapRecorder::onNodeInfo;
+        return e;
+    }();
+    pw_node_add_listener(reinterpret_cast<pw_node*>(bound->proxy.get()), &bound->listener, &events, bound.get());
+    m_boundNodes[id] = std::move(bound);
+}
+
+void ProcessTapRecorder::unbindNode(uint32_t id) {
+    const auto found = m_boundNodes.find(id);
+    if (found == m_boundNodes.end())
+        return;
+    spa_hook_remove(&found->second->listener);
+    m_boundNodes.erase(found);
+}
+
+void ProcessTapRecorder::onNodeInfo(void* data, const pw_node_info* info) {
+    auto* bound = static_cast<BoundNode*>(data);
+    ProcessTapRecorder* self = bound->owner;
+    if (!info || !(info->change_mask & PW_NODE_CHANGE_MASK_PROPS))
+        return;
+    const auto node = self->m_nodes.find(bound->id);
+    if (node == self->m_nodes.end())
+        return;
+    node->second.masterDevice = lookup(info->props, "device.master_device");
+    node->second.linkGroup = lookup(info->props, "node.link-group");
+    self->followDefaultChain();
     pw_thread_loop_signal(self->m_loop.get(), false);
 }
 
@@ -304,8 +399,7 @@ int ProcessTapRecorder::onMetadataProperty(void* data, uint32_t subject, const c
     if (subject != PW_ID_CORE || !key || std::strcmp(key, "default.audio.sink") != 0)
         return 0;
     self->m_defaultSink = nameFromMetadataValue(value);
-    if (self->m_started && !self->m_defaultSink.isEmpty() && self->m_defaultSink != self->m_targetSink)
-        self->retarget(self->m_defaultSink);
+    self->followDefaultChain();
     pw_thread_loop_signal(self->m_loop.get(), false);
     return 0;
 }
@@ -406,6 +500,8 @@ void ProcessTapRecorder::releaseAll() {
         m_file->finish();
     m_handOff.reset();
     m_file.reset();
+    while (!m_boundNodes.empty())
+        unbindNode(m_boundNodes.begin()->first);
     if (m_metadata) {
         spa_hook_remove(&m_metadataListener);
         m_metadata.reset();

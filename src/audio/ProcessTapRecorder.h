@@ -24,7 +24,8 @@ class SampleHandOff;
 /// The whole output mix, captured through PipeWire without touching the routing: a native capture
 /// stream on the default output (`stream.capture.sink`), written as float PCM to "tavrel_tap_<T>.caf".
 ///
-/// The stream follows the default output when it changes, only ever writes while it is linked to an
+/// The stream follows the default output when it changes (a filter in front of a device, such as an echo
+/// canceller, is looked through: the device hears everything), only ever writes while it is linked to an
 /// output device (never to a microphone, which is where PipeWire falls back when a target vanishes), and
 /// keeps the track on real time through idle stretches (see CaptureTimeline).
 class ProcessTapRecorder : public SystemAudioSource {
@@ -58,6 +59,16 @@ private:
     struct NodeFacts {
         QString name;
         QString mediaClass;
+        QString masterDevice;
+        QString linkGroup;
+    };
+    /// Filters show how they are chained only in their full properties, which the registry leaves out:
+    /// sinks and playback streams are bound to read them.
+    struct BoundNode {
+        ProcessTapRecorder* owner = nullptr;
+        uint32_t id = 0;
+        PwProxyPtr proxy;
+        spa_hook listener{};
     };
     struct LinkFacts {
         uint32_t outputNode = 0;
@@ -69,13 +80,17 @@ private:
     void roundTrip();
     std::optional<uint32_t> linkedSourceNode() const;
     bool linkedToTargetSink() const;
-    void retarget(const QString& sink);
+    QString endOfDefaultChain() const;
+    void followDefaultChain();
     void releaseAll();
 
     // Callbacks on the loop thread.
     static void onGlobal(void* data, uint32_t id, uint32_t permissions, const char* type, uint32_t version,
                          const spa_dict* props);
     static void onGlobalRemove(void* data, uint32_t id);
+    static void onNodeInfo(void* data, const pw_node_info* info);
+    void bindNode(uint32_t id);
+    void unbindNode(uint32_t id);
     static int onMetadataProperty(void* data, uint32_t subject, const char* key, const char* type, const char* value);
     static void onCoreDone(void* data, uint32_t id, int seq);
     static void onCoreError(void* data, uint32_t id, int seq, int res, const char* message);
@@ -98,9 +113,11 @@ private:
     // Loop-thread state (read elsewhere only under the loop lock).
     std::map<uint32_t, NodeFacts> m_nodes;
     std::map<uint32_t, LinkFacts> m_links;
+    std::map<uint32_t, std::unique_ptr<BoundNode>> m_boundNodes;
     uint32_t m_metadataId = 0;
     QString m_defaultSink;
     QString m_targetSink;
+    QString m_announcedDefault; // the default output last written to the log
     int m_pendingSeq = -1;
     bool m_roundTripDone = false;
     pw_stream_state m_streamState = PW_STREAM_STATE_UNCONNECTED;

@@ -73,7 +73,7 @@ void PulseCapture::connect(const QString& source, ChunkHandler onChunk, EndedHan
     }
     if (!ready) {
         disconnect();
-        throw PulseError(settled ? QString::fromUtf8(pa_strerror(error)) : QStringLiteral("le serveur audio ne répond pas"),
+        throw PulseError(settled ? pulseErrorText(error) : QStringLiteral("le serveur audio ne répond pas"),
                          error);
     }
     m_connected.store(true);
@@ -156,7 +156,7 @@ void PulseCapture::onState(pa_stream* stream, void* userdata) {
     const pa_stream_state_t state = pa_stream_get_state(stream);
     if ((state == PA_STREAM_FAILED || state == PA_STREAM_TERMINATED) && !self->m_disconnecting &&
         self->m_connected.exchange(false)) {
-        const QString reason = QString::fromUtf8(pa_strerror(pa_context_errno(pa_stream_get_context(stream))));
+        const QString reason = pulseErrorText(pa_context_errno(pa_stream_get_context(stream)));
         if (self->m_onEnded)
             self->m_onEnded(reason);
     }

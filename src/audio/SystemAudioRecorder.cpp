@@ -1,6 +1,7 @@
 #include "SystemAudioRecorder.h"
 
 #include "BackgroundTask.h"
+#include "OutputChain.h"
 #include "PulseCapture.h"
 #include "SampleHandOff.h"
 #include "TemporaryCaptureFile.h"
@@ -31,19 +32,46 @@ int64_t monotonicNs() {
 }
 
 struct DefaultOutput {
-    QString sink;
-    QString monitor;
+    QString sink;    ///< the default output, as the user chose it
+    QString device;  ///< where its sound ends up: the sink itself, or the device behind a filter
+    QString monitor; ///< the device's monitor
 };
 
-/// The default output and its monitor; none when the server has no default output (or it has no monitor).
+/// The default output and the monitor to record for it; none when the server has no default output (or
+/// it has no monitor).
 std::optional<DefaultOutput> defaultOutput(PulseContext& pulse) {
     const PulseServerInfo info = pulse.serverInfo();
     if (info.defaultSinkName.isEmpty())
         return std::nullopt;
-    for (const PulseDeviceInfo& sink : pulse.sinks())
-        if (sink.name == info.defaultSinkName && !sink.monitorSourceName.isEmpty())
-            return DefaultOutput{sink.name, sink.monitorSourceName};
-    return std::nullopt;
+    const std::vector<PulseDeviceInfo> sinks = pulse.sinks();
+    const auto chosen = std::find_if(sinks.begin(), sinks.end(),
+                                     [&](const PulseDeviceInfo& sink) { return sink.name == info.defaultSinkName; });
+    if (chosen == sinks.end() || chosen->monitorSourceName.isEmpty())
+        return std::nullopt;
+    DefaultOutput output{chosen->name, chosen->name, chosen->monitorSourceName};
+    if (chosen->masterDevice.isEmpty() && chosen->linkGroup.isEmpty())
+        return output; // a device, not a filter
+
+    std::vector<OutputChainSink> chain;
+    for (const PulseDeviceInfo& sink : sinks)
+        chain.push_back(OutputChainSink{sink.index, sink.name, sink.masterDevice, sink.linkGroup});
+    std::vector<OutputChainStream> streams;
+    for (const PulseSinkInputInfo& input : pulse.sinkInputs())
+        if (!input.linkGroup.isEmpty())
+            streams.push_back(OutputChainStream{input.linkGroup, input.sink});
+    const OutputChainSink* end = endOfOutputChain(chain, streams, chosen->index);
+    const auto device = std::find_if(sinks.begin(), sinks.end(),
+                                     [&](const PulseDeviceInfo& sink) { return end && sink.index == end->id; });
+    if (device != sinks.end() && !device->monitorSourceName.isEmpty()) {
+        output.device = device->name;
+        output.monitor = device->monitorSourceName;
+    }
+    return output;
+}
+
+void logFilteredOutput(const DefaultOutput& output) {
+    if (output.device != output.sink)
+        logLine(QStringLiteral("[SystemAudio] Sortie filtrée, capture du périphérique → ") + output.device);
 }
 
 } // namespace
@@ -52,10 +80,7 @@ SystemAudioRecorder::SystemAudioRecorder() = default;
 
 SystemAudioRecorder::~SystemAudioRecorder() {
     m_isRecording.store(false);
-    if (m_follower.joinable()) {
-        m_follower.request_stop();
-        m_follower.join();
-    }
+    stopFollowing();
     if (m_capture)
         m_capture->disconnect();
     if (m_handOff)
@@ -103,6 +128,7 @@ void SystemAudioRecorder::startBlocking() {
         kThreadName);
     m_timeline.emplace(startNs, kSampleRateHz);
     m_expectedSource.store(std::make_shared<const QString>(output->monitor));
+    m_announcedDefault = output->sink;
     m_sourceVerified.store(true);
 
     m_capture = std::make_unique<PulseCapture>(m_pulse, QStringLiteral("TaVREL sortie système"), kSampleRateHz,
@@ -117,8 +143,24 @@ void SystemAudioRecorder::startBlocking() {
         m_isRecording.store(false);
         throw;
     }
+    try {
+        // Default-output changes, new and vanished outputs, filters rerouted: each may move the stream.
+        m_outputEvents = m_pulse->subscribe(
+            static_cast<pa_subscription_mask_t>(PA_SUBSCRIPTION_MASK_SERVER | PA_SUBSCRIPTION_MASK_SINK |
+                                                PA_SUBSCRIPTION_MASK_SINK_INPUT),
+            [this](pa_subscription_event_type_t, uint32_t) {
+                {
+                    std::lock_guard lock(m_followMutex);
+                    m_outputEventPending = true;
+                }
+                m_followWake.notify_one();
+            });
+    } catch (const PulseError&) {
+        // Without events the follower still checks now and then.
+    }
     m_follower = std::jthread([this](std::stop_token stop) { followDefaultOutput(stop); });
     logLine(QStringLiteral("[SystemAudio] Capture démarrée : ") + QFileInfo(path).fileName());
+    logFilteredOutput(*output);
 }
 
 float SystemAudioRecorder::smoothedLevel(float previous, const float* samples, int64_t count) {
@@ -164,7 +206,14 @@ void SystemAudioRecorder::onMoved(const QString& source) {
 
 void SystemAudioRecorder::followDefaultOutput(std::stop_token stop) {
     while (!stop.stop_requested()) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(kFollowIntervalMs));
+        {
+            std::unique_lock lock(m_followMutex);
+            m_followWake.wait_for(lock, stop, std::chrono::milliseconds(kFollowFallbackMs),
+                                  [this] { return m_outputEventPending; });
+            m_outputEventPending = false;
+        }
+        // A device change comes as a burst of events: let it settle, then look once.
+        std::this_thread::sleep_for(std::chrono::milliseconds(kFollowSettleMs));
         if (stop.stop_requested() || !m_isRecording.load())
             return;
         std::optional<DefaultOutput> output;
@@ -178,7 +227,11 @@ void SystemAudioRecorder::followDefaultOutput(std::stop_token stop) {
         const auto expected = m_expectedSource.load();
         if (!expected || *expected != output->monitor) {
             m_expectedSource.store(std::make_shared<const QString>(output->monitor));
-            logLine(QStringLiteral("[SystemAudio] Sortie par défaut changée → ") + output->sink);
+            if (output->sink != m_announcedDefault) {
+                m_announcedDefault = output->sink;
+                logLine(QStringLiteral("[SystemAudio] Sortie par défaut changée → ") + output->sink);
+            }
+            logFilteredOutput(*output);
         }
         const QString current = m_capture->sourceName();
         m_sourceVerified.store(current == output->monitor);
@@ -187,15 +240,20 @@ void SystemAudioRecorder::followDefaultOutput(std::stop_token stop) {
     }
 }
 
+void SystemAudioRecorder::stopFollowing() {
+    if (m_follower.joinable()) {
+        m_follower.request_stop();
+        m_follower.join();
+    }
+    m_outputEvents = PulseSubscription();
+}
+
 std::optional<QString> SystemAudioRecorder::stopBlocking() {
     if (!m_isRecording.load())
         return std::nullopt;
     std::this_thread::sleep_for(kTailWait);
     m_isRecording.store(false);
-    if (m_follower.joinable()) {
-        m_follower.request_stop();
-        m_follower.join();
-    }
+    stopFollowing();
     m_capture->disconnect();
     m_handOff->stop();
     try {

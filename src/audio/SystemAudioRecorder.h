@@ -2,10 +2,13 @@
 
 #include "CaptureTimeline.h"
 #include "SystemAudioSource.h"
+#include "pulse/PulseContext.h"
 
 #include <QString>
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -14,20 +17,22 @@ namespace tavrel {
 
 class M4aWriter;
 class PulseCapture;
-class PulseContext;
 class SampleHandOff;
 
 /// Everything the computer plays, taken from the default output's monitor through the audio server and
 /// encoded as it comes to "tavrel_sys_<T>.m4a" (44 100 Hz stereo AAC). Paused stretches are left out of
 /// the file; idle stretches (a suspended output sends nothing) are kept as silence so the track stays on
-/// real time; when the default output changes, the stream moves to the new output's monitor.
+/// real time; when the default output changes, the stream moves to the new output's monitor. An output that
+/// is a filter (echo canceller, remapping) is recorded at the device behind it, which hears everything.
 class SystemAudioRecorder : public SystemAudioSource {
 public:
     static constexpr const char* kThreadName = "fr.tavrel.recorder.sysaudio";
     static constexpr int kSampleRateHz = 44100;
     static constexpr int kChannels = 2;
-    /// How often the default output is checked while recording.
-    static constexpr int kFollowIntervalMs = 500;
+    /// The default output is checked when the server reports a change, and at least this often.
+    static constexpr int kFollowFallbackMs = 5000;
+    /// How long a burst of device events is left to settle before the output is looked at.
+    static constexpr int kFollowSettleMs = 100;
 
     SystemAudioRecorder();
     ~SystemAudioRecorder() override;
@@ -59,6 +64,7 @@ private:
     void onEnded(const QString& reason);
     void onMoved(const QString& source);
     void followDefaultOutput(std::stop_token stop);
+    void stopFollowing();
 
     std::shared_ptr<PulseContext> m_pulse;
     std::unique_ptr<M4aWriter> m_writer;
@@ -66,7 +72,12 @@ private:
     std::unique_ptr<PulseCapture> m_capture;
     std::optional<QString> m_outputURL;
     std::optional<CaptureTimeline> m_timeline; // mainloop thread only
+    // Declared before the follower and the subscription that use them, so that they outlive both.
+    std::mutex m_followMutex;
+    std::condition_variable_any m_followWake;
+    bool m_outputEventPending = false; // under m_followMutex
     std::jthread m_follower;
+    PulseSubscription m_outputEvents;
 
     std::atomic<bool> m_isRecording{false};
     std::atomic<bool> m_isPaused{false};
@@ -76,6 +87,7 @@ private:
     std::atomic<bool> m_ended{false};
     // Written by the follower thread, read on the mainloop thread when the stream moves.
     std::atomic<std::shared_ptr<const QString>> m_expectedSource;
+    QString m_announcedDefault; // the default output last written to the log; follower thread after start
 };
 
 } // namespace tavrel

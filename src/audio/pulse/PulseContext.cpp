@@ -12,6 +12,7 @@ void PaMainloopDeleter::operator()(pa_threaded_mainloop* loop) const {
 
 void PaContextDeleter::operator()(pa_context* context) const {
     pa_context_set_state_callback(context, nullptr, nullptr);
+    pa_context_set_subscribe_callback(context, nullptr, nullptr);
     pa_context_disconnect(context);
     pa_context_unref(context);
 }
@@ -93,13 +94,14 @@ void PulseContext::connect(const QString& serverAddress, std::chrono::millisecon
     if (!m_context)
         throw PulseError(QStringLiteral("Impossible de créer le contexte du serveur audio."));
     pa_context_set_state_callback(m_context.get(), &PulseContext::onStateChanged, this);
+    pa_context_set_subscribe_callback(m_context.get(), &PulseContext::onEvent, this);
 
     // A null server lets libpulse read PULSE_SERVER, client.conf and X11 properties, as every client does.
     const QByteArray server = serverAddress.toUtf8();
     if (pa_context_connect(m_context.get(), serverAddress.isEmpty() ? nullptr : server.constData(),
                            PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) {
         const int error = pa_context_errno(m_context.get());
-        throw PulseError(QStringLiteral("Aucun serveur audio ne répond : %1").arg(fromUtf8(pa_strerror(error))), error);
+        throw PulseError(QStringLiteral("Aucun serveur audio ne répond : %1").arg(pulseErrorText(error)), error);
     }
     if (pa_threaded_mainloop_start(m_mainloop.get()) < 0)
         throw PulseError(QStringLiteral("Impossible de démarrer la boucle du serveur audio."));
@@ -112,7 +114,7 @@ void PulseContext::connect(const QString& serverAddress, std::chrono::millisecon
         const int error = settled ? pa_context_errno(m_context.get()) : PA_ERR_TIMEOUT;
         throw PulseError(QStringLiteral("Aucun serveur audio ne répond (%1) : %2")
                              .arg(serverAddress.isEmpty() ? QStringLiteral("serveur par défaut") : serverAddress,
-                                  fromUtf8(pa_strerror(error))),
+                                  pulseErrorText(error)),
                          error);
     }
 }
@@ -140,7 +142,7 @@ bool PulseContext::isReady() const {
 }
 
 QString PulseContext::lastErrorText() const {
-    return fromUtf8(pa_strerror(lastError()));
+    return pulseErrorText(lastError());
 }
 
 int PulseContext::lastError() const {
@@ -188,7 +190,7 @@ void PulseContext::run(const std::function<pa_operation*(pa_context*, PulseQuery
     operation.reset();
     if (query.paError() != 0)
         throw PulseError(
-            QStringLiteral("Le serveur audio a refusé la requête : %1").arg(fromUtf8(pa_strerror(query.paError()))),
+            QStringLiteral("Le serveur audio a refusé la requête : %1").arg(pulseErrorText(query.paError())),
             query.paError());
 }
 
@@ -199,12 +201,11 @@ struct ServerInfoRequest {
     PulseServerInfo info;
 };
 
-struct DeviceListRequest {
-    PulseQuery* query = nullptr;
-    std::vector<PulseDeviceInfo> devices;
-};
+QString property(const pa_proplist* props, const char* key) {
+    return props ? fromUtf8(pa_proplist_gets(props, key)) : QString();
+}
 
-PulseDeviceInfo deviceFromSource(const pa_source_info* source) {
+PulseDeviceInfo toItem(const pa_source_info* source) {
     PulseDeviceInfo device;
     device.index = source->index;
     device.name = fromUtf8(source->name);
@@ -216,7 +217,7 @@ PulseDeviceInfo deviceFromSource(const pa_source_info* source) {
     return device;
 }
 
-PulseDeviceInfo deviceFromSink(const pa_sink_info* sink) {
+PulseDeviceInfo toItem(const pa_sink_info* sink) {
     PulseDeviceInfo device;
     device.index = sink->index;
     device.name = fromUtf8(sink->name);
@@ -225,7 +226,48 @@ PulseDeviceInfo deviceFromSink(const pa_sink_info* sink) {
     device.sampleRateHz = sink->sample_spec.rate;
     device.channels = sink->sample_spec.channels;
     device.monitorSourceName = fromUtf8(sink->monitor_source_name);
+    device.masterDevice = property(sink->proplist, PA_PROP_DEVICE_MASTER_DEVICE);
+    device.linkGroup = property(sink->proplist, "node.link-group");
     return device;
+}
+
+PulseSinkInputInfo toItem(const pa_sink_input_info* input) {
+    PulseSinkInputInfo stream;
+    stream.index = input->index;
+    stream.sink = input->sink;
+    stream.linkGroup = property(input->proplist, "node.link-group");
+    return stream;
+}
+
+/// The items of one libpulse list query (`issue` is e.g. pa_context_get_sink_info_list, with its extra
+/// arguments bound); libpulse calls back once per item, then once with eol set.
+template <typename Info>
+auto listQuery(PulseContext& pulse, std::chrono::milliseconds timeout,
+               const std::function<pa_operation*(pa_context*, void (*)(pa_context*, const Info*, int, void*), void*)>&
+                   issue) {
+    using Item = decltype(toItem(static_cast<const Info*>(nullptr)));
+    struct Request {
+        PulseQuery* query = nullptr;
+        std::vector<Item> items;
+    } request;
+    pulse.run(
+        [&](pa_context* context, PulseQuery& query) {
+            request.query = &query;
+            return issue(
+                context,
+                [](pa_context* c, const Info* info, int eol, void* userdata) {
+                    auto* req = static_cast<Request*>(userdata);
+                    if (eol < 0)
+                        req->query->fail(pa_context_errno(c));
+                    else if (eol > 0)
+                        req->query->finish();
+                    else if (info)
+                        req->items.push_back(toItem(info));
+                },
+                &request);
+        },
+        timeout);
+    return std::move(request.items);
 }
 
 } // namespace
@@ -254,72 +296,123 @@ PulseServerInfo PulseContext::serverInfo(std::chrono::milliseconds timeout) {
 }
 
 std::vector<PulseDeviceInfo> PulseContext::sources(std::chrono::milliseconds timeout) {
-    DeviceListRequest request;
-    run(
-        [&](pa_context* context, PulseQuery& query) {
-            request.query = &query;
-            return pa_context_get_source_info_list(
-                context,
-                [](pa_context* c, const pa_source_info* info, int eol, void* userdata) {
-                    auto* req = static_cast<DeviceListRequest*>(userdata);
-                    if (eol < 0)
-                        req->query->fail(pa_context_errno(c));
-                    else if (eol > 0)
-                        req->query->finish();
-                    else if (info)
-                        req->devices.push_back(deviceFromSource(info));
-                },
-                &request);
-        },
-        timeout);
-    return request.devices;
+    return listQuery<pa_source_info>(*this, timeout, &pa_context_get_source_info_list);
 }
 
 std::vector<PulseDeviceInfo> PulseContext::sinks(std::chrono::milliseconds timeout) {
-    DeviceListRequest request;
-    run(
-        [&](pa_context* context, PulseQuery& query) {
-            request.query = &query;
-            return pa_context_get_sink_info_list(
-                context,
-                [](pa_context* c, const pa_sink_info* info, int eol, void* userdata) {
-                    auto* req = static_cast<DeviceListRequest*>(userdata);
-                    if (eol < 0)
-                        req->query->fail(pa_context_errno(c));
-                    else if (eol > 0)
-                        req->query->finish();
-                    else if (info)
-                        req->devices.push_back(deviceFromSink(info));
-                },
-                &request);
-        },
-        timeout);
-    return request.devices;
+    return listQuery<pa_sink_info>(*this, timeout, &pa_context_get_sink_info_list);
+}
+
+std::vector<PulseSinkInputInfo> PulseContext::sinkInputs(std::chrono::milliseconds timeout) {
+    return listQuery<pa_sink_input_info>(*this, timeout, &pa_context_get_sink_input_info_list);
 }
 
 PulseDeviceInfo PulseContext::sourceInfo(const QString& name, std::chrono::milliseconds timeout) {
-    DeviceListRequest request;
     const QByteArray utf8 = name.toUtf8();
-    run(
-        [&](pa_context* context, PulseQuery& query) {
-            request.query = &query;
-            return pa_context_get_source_info_by_name(
-                context, utf8.constData(),
-                [](pa_context* c, const pa_source_info* info, int eol, void* userdata) {
-                    auto* req = static_cast<DeviceListRequest*>(userdata);
-                    if (eol < 0)
-                        req->query->fail(pa_context_errno(c));
-                    else if (eol > 0)
-                        req->query->finish();
-                    else if (info)
-                        req->devices.push_back(deviceFromSource(info));
-                },
-                &request);
-        },
-        timeout);
-    if (request.devices.empty())
+    const auto found = listQuery<pa_source_info>(*this, timeout, [&](pa_context* c, auto callback, void* userdata) {
+        return pa_context_get_source_info_by_name(c, utf8.constData(), callback, userdata);
+    });
+    if (found.empty())
         throw PulseError(QStringLiteral("Source audio introuvable : %1").arg(name), PA_ERR_NOENTITY);
-    return request.devices.front();
+    return found.front();
+}
+
+PulseSubscription PulseContext::subscribe(pa_subscription_mask_t mask, EventHandler handler) {
+    Lock lock(*this);
+    if (pa_context_get_state(m_context.get()) != PA_CONTEXT_READY)
+        throw PulseError(QStringLiteral("Connexion au serveur audio perdue : %1").arg(lastErrorText()), lastError());
+    const int id = m_nextSubscriberId++;
+    m_subscribers.push_back(Subscriber{id, mask, std::move(handler)});
+    updateSubscriptionMask();
+    return PulseSubscription(shared_from_this(), id);
+}
+
+void PulseContext::unsubscribe(int id) {
+    Lock lock(*this);
+    std::erase_if(m_subscribers, [id](const Subscriber& s) { return s.id == id; });
+    updateSubscriptionMask();
+}
+
+void PulseContext::updateSubscriptionMask() {
+    unsigned wanted = 0;
+    for (const Subscriber& subscriber : m_subscribers)
+        wanted |= subscriber.mask;
+    if (wanted == m_subscribedMask || pa_context_get_state(m_context.get()) != PA_CONTEXT_READY)
+        return;
+    m_subscribedMask = wanted;
+    // Nobody waits for the answer: events flow (or stop) once the server has it.
+    PaOperationPtr(pa_context_subscribe(m_context.get(), static_cast<pa_subscription_mask_t>(wanted), nullptr, nullptr));
+}
+
+void PulseContext::onEvent(pa_context*, pa_subscription_event_type_t event, uint32_t index, void* userdata) {
+    auto* self = static_cast<PulseContext*>(userdata);
+    const unsigned facilityBit = 1u << (event & PA_SUBSCRIPTION_EVENT_FACILITY_MASK);
+    for (const Subscriber& subscriber : self->m_subscribers)
+        if (subscriber.mask & facilityBit)
+            subscriber.handler(event, index);
+}
+
+PulseSubscription::~PulseSubscription() {
+    if (m_pulse)
+        m_pulse->unsubscribe(m_id);
+}
+
+PulseSubscription::PulseSubscription(PulseSubscription&& other) noexcept
+    : m_pulse(std::move(other.m_pulse)), m_id(other.m_id) {}
+
+PulseSubscription& PulseSubscription::operator=(PulseSubscription&& other) noexcept {
+    if (this != &other) {
+        if (m_pulse)
+            m_pulse->unsubscribe(m_id);
+        m_pulse = std::move(other.m_pulse);
+        m_id = other.m_id;
+    }
+    return *this;
+}
+
+QString pulseErrorText(int paError) {
+    switch (paError) {
+    case PA_OK:
+        return QStringLiteral("aucune erreur");
+    case PA_ERR_ACCESS:
+        return QStringLiteral("accès refusé par le serveur audio");
+    case PA_ERR_INVALID:
+        return QStringLiteral("paramètre refusé par le serveur audio");
+    case PA_ERR_EXIST:
+        return QStringLiteral("l'élément existe déjà");
+    case PA_ERR_NOENTITY:
+        return QStringLiteral("périphérique audio introuvable");
+    case PA_ERR_CONNECTIONREFUSED:
+        return QStringLiteral("connexion refusée par le serveur audio");
+    case PA_ERR_PROTOCOL:
+    case PA_ERR_VERSION:
+        return QStringLiteral("dialogue impossible avec le serveur audio");
+    case PA_ERR_TIMEOUT:
+        return QStringLiteral("le serveur audio ne répond pas");
+    case PA_ERR_AUTHKEY:
+        return QStringLiteral("clé d'authentification du serveur audio manquante");
+    case PA_ERR_CONNECTIONTERMINATED:
+        return QStringLiteral("connexion au serveur audio interrompue");
+    case PA_ERR_KILLED:
+        return QStringLiteral("flux audio arrêté par le serveur ou son périphérique retiré");
+    case PA_ERR_INVALIDSERVER:
+        return QStringLiteral("adresse du serveur audio invalide");
+    case PA_ERR_BADSTATE:
+        return QStringLiteral("opération impossible dans l'état actuel du serveur audio");
+    case PA_ERR_NODATA:
+        return QStringLiteral("aucune donnée audio");
+    case PA_ERR_NOTSUPPORTED:
+    case PA_ERR_NOTIMPLEMENTED:
+    case PA_ERR_NOEXTENSION:
+    case PA_ERR_OBSOLETE:
+        return QStringLiteral("opération non prise en charge par le serveur audio");
+    case PA_ERR_IO:
+        return QStringLiteral("erreur d'entrée-sortie audio");
+    case PA_ERR_BUSY:
+        return QStringLiteral("périphérique audio occupé");
+    default:
+        return QStringLiteral("erreur du serveur audio (%1)").arg(paError);
+    }
 }
 
 } // namespace tavrel

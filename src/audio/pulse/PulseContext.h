@@ -6,6 +6,10 @@
 //   PulseServerInfo info = pulse->serverInfo();     // default sink/source names
 //   auto sources = pulse->sources();                // every source, monitors included
 //   auto sinks = pulse->sinks();
+//   auto playing = pulse->sinkInputs();            // every playback stream and the sink it plays into
+//
+//   // Server events, on the mainloop thread, for as long as the subscription lives:
+//   PulseSubscription sub = pulse->subscribe(PA_SUBSCRIPTION_MASK_SERVER, [](auto event, uint32_t index) { ... });
 //
 //   // Any other query, synchronously, from a thread that is not the mainloop's:
 //   pulse->run([&](pa_context* c, PulseQuery& q) {
@@ -100,11 +104,47 @@ struct PulseDeviceInfo {
     uint32_t monitorOfSink = PA_INVALID_INDEX;
     /// Sinks: name of the sink's monitor source.
     QString monitorSourceName;
+    /// Sinks made by a filter (echo cancelling, remapping...): the sink they play into, by name, when the
+    /// server says so ("device.master_device").
+    QString masterDevice;
+    /// PipeWire's "node.link-group": a filter's sink and the playback stream that carries its output share it.
+    QString linkGroup;
     bool isMonitor() const { return monitorOfSink != PA_INVALID_INDEX; }
 };
 
-class PulseContext {
+/// A playback stream ("sink input") and where it plays.
+struct PulseSinkInputInfo {
+    uint32_t index = PA_INVALID_INDEX;
+    uint32_t sink = PA_INVALID_INDEX;
+    QString linkGroup; ///< see PulseDeviceInfo::linkGroup
+};
+
+/// The libpulse error code as a sentence for the user and the logs (libpulse's own text is English).
+QString pulseErrorText(int paError);
+
+class PulseContext;
+
+/// Keeps an event handler registered with a `PulseContext`; dropping it unregisters the handler. Not to be
+/// dropped on the mainloop thread.
+class PulseSubscription {
 public:
+    PulseSubscription() = default;
+    PulseSubscription(std::shared_ptr<PulseContext> pulse, int id) : m_pulse(std::move(pulse)), m_id(id) {}
+    ~PulseSubscription();
+    PulseSubscription(PulseSubscription&& other) noexcept;
+    PulseSubscription& operator=(PulseSubscription&& other) noexcept;
+    PulseSubscription(const PulseSubscription&) = delete;
+    PulseSubscription& operator=(const PulseSubscription&) = delete;
+
+private:
+    std::shared_ptr<PulseContext> m_pulse;
+    int m_id = 0;
+};
+
+class PulseContext : public std::enable_shared_from_this<PulseContext> {
+public:
+    using EventHandler = std::function<void(pa_subscription_event_type_t event, uint32_t index)>;
+
     static constexpr std::chrono::milliseconds kDefaultTimeout{3000};
 
     /// The connected context of this process, made on first use. Throws `PulseError` when no server answers.
@@ -152,8 +192,14 @@ public:
     PulseServerInfo serverInfo(std::chrono::milliseconds timeout = kDefaultTimeout);
     std::vector<PulseDeviceInfo> sources(std::chrono::milliseconds timeout = kDefaultTimeout);
     std::vector<PulseDeviceInfo> sinks(std::chrono::milliseconds timeout = kDefaultTimeout);
+    std::vector<PulseSinkInputInfo> sinkInputs(std::chrono::milliseconds timeout = kDefaultTimeout);
     /// One source by name ("@DEFAULT_SOURCE@" works); throws `PulseError` with the server's error code.
     PulseDeviceInfo sourceInfo(const QString& name, std::chrono::milliseconds timeout = kDefaultTimeout);
+
+    /// Calls `handler` on the mainloop thread for each server event of the facilities in `mask`, until the
+    /// returned subscription is dropped. The handler runs with the lock held: it must only take note and
+    /// return (no synchronous query). Throws `PulseError` when the server is gone.
+    [[nodiscard]] PulseSubscription subscribe(pa_subscription_mask_t mask, EventHandler handler);
 
     /// The last error of the context as text.
     QString lastErrorText() const;
@@ -162,10 +208,23 @@ public:
 private:
     void connect(const QString& serverAddress, std::chrono::milliseconds timeout);
     static void onStateChanged(pa_context* context, void* userdata);
+    static void onEvent(pa_context* context, pa_subscription_event_type_t event, uint32_t index, void* userdata);
+    friend class PulseSubscription;
+    void unsubscribe(int id);
+    void updateSubscriptionMask(); // with the lock held
+
+    struct Subscriber {
+        int id;
+        pa_subscription_mask_t mask;
+        EventHandler handler;
+    };
 
     PaMainloopPtr m_mainloop; // destroyed last
     PaContextPtr m_context;
     QString m_serverAddress;
+    std::vector<Subscriber> m_subscribers; // under the mainloop lock
+    int m_nextSubscriberId = 1;
+    unsigned m_subscribedMask = 0;
 };
 
 } // namespace tavrel

@@ -2,6 +2,7 @@
 // at its time, and nothing else.
 
 #include "TestSupport.h"
+#include "Wait.h"
 
 #include "audio/AudioRouting.h"
 #include "audio/BlackHoleRecorder.h"
@@ -414,6 +415,110 @@ TEST_F(PulseCaptureTest, routingFindsDevicesByIdentifierAndDestroysTheirModule) 
     EXPECT_FALSE(m_server.sinkNames().contains("fr.tavrel.recorder.autoroute"));
     EXPECT_TRUE(AudioRouting::device(m_server.speakerSink())) << "only the leftover goes";
 }
+
+// ---- A filter as the default output ---------------------------------------------------------------
+
+// With an echo canceller's sink as the default output, a conferencing app that picked the speakers
+// directly is only heard on the speakers' monitor: the capture must take the device behind the filter,
+// and still hear what goes through the filter.
+enum class FilterCase { monitorOnPulseAudio, monitorOnPipeWire, tapOnPipeWire };
+
+class FilterOutputTest : public CaptureFixture, public ::testing::WithParamInterface<FilterCase> {
+protected:
+    void SetUp() override {
+        if (GetParam() != FilterCase::monitorOnPulseAudio) {
+            QString missing;
+            if (!PipeWireFixture::isAvailable(&missing))
+                GTEST_SKIP() << "PipeWire missing: " << missing.toStdString();
+            m_server = std::make_unique<PipeWireFixture>();
+        } else {
+            m_server = std::make_unique<PulseAudioFixture>();
+        }
+        CaptureFixture::SetUp();
+        ASSERT_TRUE(m_server->start());
+        ASSERT_TRUE(m_server->warmUp());
+        ASSERT_TRUE(m_server->loadModule("module-echo-cancel",
+                                         "aec_method=webrtc sink_name=tavrel_ec_sink source_name=tavrel_ec_source "
+                                         "sink_master=" + m_server->speakerSink() +
+                                             " source_master=" + m_server->micSource()))
+            << m_server->logs().toStdString();
+        ASSERT_TRUE(m_server->setDefaultSink("tavrel_ec_sink"));
+        // PipeWire links the filter's playback stream to its device a moment after the module is loaded.
+        const bool linked = waitUntil(
+            [this] {
+                if (m_server->kind() == AudioServerKind::PulseAudio)
+                    return true;
+                int speakerIndex = -1;
+                for (const auto& sink : m_server->list("sinks"))
+                    if (sink.toObject().value("name").toString() == m_server->speakerSink())
+                        speakerIndex = sink.toObject().value("index").toInt();
+                for (const auto& input : m_server->list("sink-inputs"))
+                    if (input.toObject().value("properties").toObject().contains("node.link-group") &&
+                        input.toObject().value("sink").toInt() == speakerIndex)
+                        return true;
+                return false;
+            },
+            5s, 50ms);
+        ASSERT_TRUE(linked) << m_server->logs().toStdString();
+    }
+    std::unique_ptr<AudioServerFixture> m_server;
+};
+
+TEST_P(FilterOutputTest, recordsTheDeviceBehindTheFilter) {
+    LogLines log;
+    std::unique_ptr<SystemAudioSource> source;
+    QString target;
+    std::function<std::optional<QString>()> stop;
+    const Clock::time_point start = Clock::now();
+    if (GetParam() == FilterCase::tapOnPipeWire) {
+        auto tap = std::make_unique<ProcessTapRecorder>();
+        ASSERT_NO_THROW(tap->startBlocking());
+        target = tap->targetSink();
+        stop = [raw = tap.get()] { return raw->stopBlocking(); };
+        source = std::move(tap);
+    } else {
+        auto monitor = std::make_unique<SystemAudioRecorder>();
+        ASSERT_NO_THROW(monitor->startBlocking());
+        target = monitor->expectedSource();
+        stop = [raw = monitor.get()] { return raw->stopBlocking(); };
+        source = std::move(monitor);
+    }
+    const QString speaker = m_server->speakerSink();
+    EXPECT_TRUE(target == speaker || target == AudioServerFixture::monitorOf(speaker)) << target.toStdString();
+
+    std::this_thread::sleep_for(1s);
+    const double direct = play(*m_server, speaker, m_tone, start);
+    std::this_thread::sleep_for(1500ms);
+    const double throughFilter = play(*m_server, "tavrel_ec_sink", m_low, start);
+    std::this_thread::sleep_for(1500ms);
+    const auto file = stop();
+    ASSERT_TRUE(file);
+
+    const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
+    const double directOnset = onsetAfter(samples, 0.0);
+    EXPECT_NEAR(directOnset, direct, 0.15) << "the speakers' own stream";
+    // The canceller adds its own processing delay to what goes through it.
+    EXPECT_NEAR(onsetAfter(samples, directOnset + 1.0), throughFilter, 0.3) << "the stream through the filter";
+    const QString prefix = GetParam() == FilterCase::tapOnPipeWire ? QStringLiteral("[ProcessTap]")
+                                                                    : QStringLiteral("[SystemAudio]");
+    EXPECT_TRUE(log.lines().contains(prefix + QStringLiteral(" Sortie filtrée, capture du périphérique → ") + speaker))
+        << log.lines().join('\n').toStdString();
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, FilterOutputTest,
+                         ::testing::Values(FilterCase::monitorOnPulseAudio, FilterCase::monitorOnPipeWire,
+                                           FilterCase::tapOnPipeWire),
+                         [](const ::testing::TestParamInfo<FilterCase>& info) {
+                             switch (info.param) {
+                             case FilterCase::monitorOnPulseAudio:
+                                 return std::string("monitorOnPulseAudio");
+                             case FilterCase::monitorOnPipeWire:
+                                 return std::string("monitorOnPipeWire");
+                             case FilterCase::tapOnPipeWire:
+                                 return std::string("tapOnPipeWire");
+                             }
+                             return std::string();
+                         });
 
 } // namespace
 } // namespace tavrel::test
