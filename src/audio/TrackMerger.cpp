@@ -3,15 +3,11 @@
 #include "BackgroundTask.h"
 #include "SystemAudioSource.h"
 #include "TemporaryCaptureFile.h"
+#include "ffmpeg/AacEncoder.h"
 #include "ffmpeg/FfmpegHandles.h"
-
-extern "C" {
-#include <libavutil/opt.h>
-}
 
 #include <QDateTime>
 #include <QDir>
-
 #include <algorithm>
 #include <condition_variable>
 #include <deque>
@@ -22,7 +18,8 @@ extern "C" {
 #include <vector>
 
 // The mix is mono: the tracks are speech for a transcription service, the microphone is already mono, and
-// one channel halves the AAC encoding, which is most of the time the user waits for. A stereo input is
+// one channel halves the AAC encoding, which is most of the time the user waits for; that encoding is
+// spread over the processor's threads by cutting the timeline into segments (ParallelM4aWriter). A stereo input is
 // folded with 1/2 + 1/2 (a centred voice keeps its level) rather than swresample's default downmix, which
 // adds the channels up; the tracks themselves are then summed at unit gain.
 
@@ -30,9 +27,8 @@ namespace tavrel {
 
 namespace {
 
-constexpr int kChunkFrames = 16384;  // hand-over unit between a decoder thread and the mixer
-constexpr size_t kQueueDepth = 6;    // chunks buffered per input: bounded memory, some slack for jitter
-constexpr int kMergedBitRate = 96000; // mono speech; transparent enough for a transcription service
+constexpr int kChunkFrames = 16384; // hand-over unit between a decoder thread and the mixer
+constexpr size_t kQueueDepth = 6;   // chunks buffered per input: bounded memory, some slack for jitter
 // Timestamps that jump by less than this are decoder rounding, not a hole in the recording.
 constexpr int64_t kGapToleranceFrames = 64;
 
@@ -120,9 +116,9 @@ private:
         AVChannelLayout outLayout{};
         av_channel_layout_default(&outLayout, kMergedChannels);
         SwrContext* raw = nullptr;
-        const int allocated = swr_alloc_set_opts2(&raw, &outLayout, AV_SAMPLE_FMT_FLT, kMergedSampleRateHz,
-                                                  &inLayout, static_cast<AVSampleFormat>(frame->format),
-                                                  frame->sample_rate, 0, nullptr);
+        const int allocated =
+            swr_alloc_set_opts2(&raw, &outLayout, AV_SAMPLE_FMT_FLT, kMergedSampleRateHz, &inLayout,
+                                static_cast<AVSampleFormat>(frame->format), frame->sample_rate, 0, nullptr);
         m_resampler.reset(raw);
         const int inChannels = inLayout.nb_channels;
         av_channel_layout_uninit(&inLayout);
@@ -252,95 +248,6 @@ private:
     std::thread m_thread; // last: starts once everything above exists
 };
 
-/// AAC into an ordinary .m4a, fed with mono float samples in any amounts.
-class MixEncoder {
-public:
-    explicit MixEncoder(const QString& path) : m_output(makeOutput(path, "ipod")) {
-        const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_AAC);
-        if (!codec)
-            throw FfmpegError(QStringLiteral("Encodeur AAC introuvable"));
-        m_encoder.reset(avcodec_alloc_context3(codec));
-        if (!m_encoder)
-            throw FfmpegError(QStringLiteral("Mémoire insuffisante pour l'audio"));
-        m_encoder->sample_fmt = AV_SAMPLE_FMT_FLTP;
-        m_encoder->sample_rate = kMergedSampleRateHz;
-        av_channel_layout_default(&m_encoder->ch_layout, kMergedChannels);
-        m_encoder->bit_rate = kMergedBitRate;
-        m_encoder->time_base = AVRational{1, kMergedSampleRateHz};
-        if (m_output->oformat->flags & AVFMT_GLOBALHEADER)
-            m_encoder->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-        // The "fast" coder encodes several times faster than the default two-loop search, with no
-        // difference that matters for speech going to transcription.
-        av_opt_set(m_encoder->priv_data, "aac_coder", "fast", 0);
-        ffCheck(avcodec_open2(m_encoder.get(), codec, nullptr), "Ouverture de l'encodeur AAC");
-        m_stream = avformat_new_stream(m_output.get(), nullptr);
-        if (!m_stream)
-            throw FfmpegError(QStringLiteral("Mémoire insuffisante pour l'audio"));
-        ffCheck(avcodec_parameters_from_context(m_stream->codecpar, m_encoder.get()), "Préparation du fichier audio");
-        m_stream->time_base = m_encoder->time_base;
-        ffCheck(avformat_write_header(m_output.get(), nullptr), "Écriture de l'en-tête audio");
-        m_frameSize = m_encoder->frame_size > 0 ? m_encoder->frame_size : 1024;
-        m_frame = makeFrame();
-        m_packet = makePacket();
-        m_pending.reserve(static_cast<size_t>(kChunkFrames + m_frameSize));
-    }
-
-    void write(const float* samples, size_t count) {
-        m_pending.insert(m_pending.end(), samples, samples + count);
-        size_t offset = 0;
-        while (m_pending.size() - offset >= static_cast<size_t>(m_frameSize)) {
-            encode(m_pending.data() + offset, m_frameSize);
-            offset += static_cast<size_t>(m_frameSize);
-        }
-        m_pending.erase(m_pending.begin(), m_pending.begin() + static_cast<std::ptrdiff_t>(offset));
-    }
-
-    void finish() {
-        if (!m_pending.empty())
-            encode(m_pending.data(), static_cast<int>(m_pending.size()));
-        m_pending.clear();
-        ffCheck(avcodec_send_frame(m_encoder.get(), nullptr), "Encodage AAC");
-        drain();
-        ffCheck(av_write_trailer(m_output.get()), "Finalisation du fichier audio");
-    }
-
-private:
-    void encode(const float* samples, int frames) {
-        av_frame_unref(m_frame.get());
-        m_frame->nb_samples = frames;
-        m_frame->format = AV_SAMPLE_FMT_FLTP;
-        m_frame->sample_rate = kMergedSampleRateHz;
-        ffCheck(av_channel_layout_copy(&m_frame->ch_layout, &m_encoder->ch_layout), "Encodage AAC");
-        ffCheck(av_frame_get_buffer(m_frame.get(), 0), "Encodage AAC");
-        std::copy_n(samples, frames, reinterpret_cast<float*>(m_frame->data[0]));
-        m_frame->pts = m_nextPts;
-        m_nextPts += frames;
-        ffCheck(avcodec_send_frame(m_encoder.get(), m_frame.get()), "Encodage AAC");
-        drain();
-    }
-
-    void drain() {
-        for (;;) {
-            const int received = avcodec_receive_packet(m_encoder.get(), m_packet.get());
-            if (received == AVERROR(EAGAIN) || received == AVERROR_EOF)
-                return;
-            ffCheck(received, "Encodage AAC");
-            av_packet_rescale_ts(m_packet.get(), m_encoder->time_base, m_stream->time_base);
-            m_packet->stream_index = m_stream->index;
-            ffCheck(av_write_frame(m_output.get(), m_packet.get()), "Écriture du fichier audio");
-        }
-    }
-
-    AVFormatOutputPtr m_output;
-    AVCodecContextPtr m_encoder;
-    AVStream* m_stream = nullptr;
-    AVFramePtr m_frame;
-    AVPacketPtr m_packet;
-    int m_frameSize = 1024;
-    int64_t m_nextPts = 0;
-    std::vector<float> m_pending;
-};
-
 /// A system file that cannot be opened or has no audio is left out of the mix.
 std::unique_ptr<TrackDecoder> openSystemTrack(const QString& path) {
     try {
@@ -354,7 +261,8 @@ std::unique_ptr<TrackDecoder> openSystemTrack(const QString& path) {
 
 } // namespace
 
-void mergeAudioFilesInto(const QString& mic, const QStringList& systems, const QString& outputPath) {
+void mergeAudioFilesInto(const QString& mic, const QStringList& systems, const QString& outputPath,
+                         const ParallelM4aWriter::Tuning& encoding) {
     std::vector<std::unique_ptr<TrackDecoder>> decoders;
     auto micDecoder = std::make_unique<TrackDecoder>(mic); // unreadable: FfmpegError goes to the caller
     if (!micDecoder->hasAudio())
@@ -364,7 +272,7 @@ void mergeAudioFilesInto(const QString& mic, const QStringList& systems, const Q
         if (auto decoder = openSystemTrack(system))
             decoders.push_back(std::move(decoder));
 
-    MixEncoder encoder(outputPath);
+    ParallelM4aWriter encoder(outputPath, kMergedSampleRateHz, aacBitRateFor(kMergedChannels), encoding);
     std::vector<std::unique_ptr<DecoderPipe>> pipes;
     for (auto& decoder : decoders)
         pipes.push_back(std::make_unique<DecoderPipe>(std::move(decoder)));
@@ -380,7 +288,7 @@ void mergeAudioFilesInto(const QString& mic, const QStringList& systems, const Q
             mixFrames = std::max(mixFrames, chunk.size());
             it = chunk.size() < static_cast<size_t>(kChunkFrames) ? pipes.erase(it) : it + 1;
         }
-        encoder.write(mix.data(), mixFrames);
+        encoder.write(mix.data(), static_cast<int64_t>(mixFrames));
     }
     encoder.finish();
 }

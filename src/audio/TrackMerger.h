@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ffmpeg/ParallelM4aWriter.h"
+
 #include <QCoro/QCoroTask>
 #include <QString>
 #include <QStringList>
@@ -15,8 +17,10 @@ namespace tavrel {
 /// file that cannot be read or holds no audio is left out.
 QCoro::Task<QString> mergeAudioFiles(QString mic, QStringList systems);
 
-/// The blocking body of `mergeAudioFiles`, writing to `outputPath` (for tests and benchmarks).
-void mergeAudioFilesInto(const QString& mic, const QStringList& systems, const QString& outputPath);
+/// The blocking body of `mergeAudioFiles`, writing to `outputPath` (for tests and benchmarks, which may also
+/// choose how the encoding is cut into segments).
+void mergeAudioFilesInto(const QString& mic, const QStringList& systems, const QString& outputPath,
+                         const ParallelM4aWriter::Tuning& encoding = {});
 
 /// The format of the mix: speech for transcription, so one channel; see TrackMerger.cpp.
 inline constexpr int kMergedSampleRateHz = 44100;

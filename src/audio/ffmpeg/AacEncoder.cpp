@@ -6,6 +6,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <mutex>
 
 namespace tavrel {
 
@@ -13,7 +14,16 @@ int aacBitRateFor(int channels) {
     return channels == 1 ? 96000 : 64000 * std::clamp(channels, 1, 3);
 }
 
+void quietFfmpegLog() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        if (av_log_get_level() > AV_LOG_WARNING)
+            av_log_set_level(AV_LOG_WARNING);
+    });
+}
+
 AVCodecContextPtr openAacEncoder(int sampleRateHz, int channels, int bitRate, bool globalHeader) {
+    quietFfmpegLog();
     const AVCodec* codec = avcodec_find_encoder_by_name("aac");
     if (!codec)
         throw FfmpegError(QStringLiteral("Encodeur AAC introuvable"));

@@ -16,6 +16,9 @@ namespace tavrel {
 /// channel beyond (at most three channels' worth).
 int aacBitRateFor(int channels);
 
+/// Keeps FFmpeg's informational chatter (encoder statistics, muxer passes) out of our log; warnings stay.
+void quietFfmpegLog();
+
 /// Opens FFmpeg's native AAC encoder for float planar input at `sampleRateHz` with `channels` channels (default
 /// layout). `globalHeader` puts the decoder configuration in extradata, as MP4 needs. Throws FfmpegError.
 AVCodecContextPtr openAacEncoder(int sampleRateHz, int channels, int bitRate, bool globalHeader);

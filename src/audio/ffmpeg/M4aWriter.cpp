@@ -33,15 +33,6 @@ constexpr const char* kFragmentedMovFlags = "empty_moov+default_base_moof+frag_c
 
 } // namespace
 
-static void quietFfmpegLog() {
-    // FFmpeg's informational chatter (encoder statistics, muxer passes) would drown our own log lines.
-    static std::once_flag once;
-    std::call_once(once, [] {
-        if (av_log_get_level() > AV_LOG_WARNING)
-            av_log_set_level(AV_LOG_WARNING);
-    });
-}
-
 M4aWriter::M4aWriter(const QString& path, int sampleRateHz, int channels)
     : m_path(path), m_sampleRateHz(sampleRateHz), m_channels(channels) {
     quietFfmpegLog();

@@ -1,12 +1,10 @@
-#include "SignalTools.h"
+#include "audio/TrackMerger.h"
 
 #include "Media.h"
-
 #include "ScopedEnvironment.h"
+#include "SignalTools.h"
 #include "TempDir.h"
-
 #include "audio/SystemAudioSource.h"
-#include "audio/TrackMerger.h"
 #include "audio/ffmpeg/FfmpegHandles.h"
 
 #include <QCoro/QCoroTask>
@@ -15,7 +13,6 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
-
 #include <gtest/gtest.h>
 
 namespace tavrel::test {
@@ -212,6 +209,94 @@ INSTANTIATE_TEST_SUITE_P(Damages, MicFailureTest,
                                            SkipCase{"noAudioStream", Damage::noAudioStream}),
                          [](const auto& info) { return std::string(info.param.name); });
 
+struct SeamCase {
+    const char* name;
+    bool speech;             // espeak-ng speech on the microphone (else the microphone is silent)
+    const char* systemSound; // ffmpeg expression for the system track
+};
+
+class SegmentSeamTest : public TrackMergerTest, public ::testing::WithParamInterface<SeamCase> {};
+
+double energy(const std::vector<float>& samples, size_t from, size_t to) {
+    double sum = 0.0;
+    for (size_t i = from; i < std::min(to, samples.size()); ++i)
+        sum += double(samples[i]) * samples[i];
+    return sum;
+}
+
+// The mix encoded in short segments on two threads decodes to the same audio as the mix encoded in one go:
+// the same length to the sample, the same overall error against the exact sum of the inputs, and no click
+// where one segment's encoder hands over to the next (the error around each hand-over is no larger than
+// the single encoder's error at the same place).
+TEST_P(SegmentSeamTest, segmentedEncodingIsSeamless) {
+    const SeamCase& seamCase = GetParam();
+    const double seconds = 6.0;
+    const TrackKind exactMono{"mic", "caf", kRate, 1, {"-c:a", "pcm_f32le"}};
+    QString mic = make(exactMono, QStringLiteral("0"), seconds);
+    if (seamCase.speech) {
+        SpeechOptions speech;
+        speech.leadingSilenceMs = 200;
+        const QString spoken =
+            speechFile(QStringLiteral("Bonjour, nous reprenons la réunion. Le budget du deuxième trimestre est validé, "
+                                      "passons aux questions diverses."),
+                       speech);
+        ASSERT_FALSE(spoken.isEmpty());
+        mic = spoken;
+    }
+    const TrackKind exactSystem{"sys", "caf", kRate, 2, {"-c:a", "pcm_f32le"}};
+    const QString system = make(exactSystem, QString::fromLatin1(seamCase.systemSound), seconds);
+
+    constexpr int64_t kSegmentFrames = 1024 * 24; // about half a second: many hand-overs in a short signal
+    const QString segmentedPath = m_dir.filePath(QStringLiteral("segmented.m4a"));
+    const QString wholePath = m_dir.filePath(QStringLiteral("whole.m4a"));
+    mergeAudioFilesInto(mic, {system}, segmentedPath, {kSegmentFrames, 2});
+    mergeAudioFilesInto(mic, {system}, wholePath, {int64_t{1} << 40, 1});
+
+    std::vector<float> exact = decodeToMonoFloat(system, kRate);
+    const std::vector<float> micSamples = decodeToMonoFloat(mic, kRate);
+    exact.resize(std::max(exact.size(), micSamples.size()), 0.0f);
+    for (size_t i = 0; i < micSamples.size(); ++i)
+        exact[i] += micSamples[i];
+    std::vector<float> segmented = decodeToMonoFloat(segmentedPath, kRate);
+    std::vector<float> whole = decodeToMonoFloat(wholePath, kRate);
+    // ffmpeg's decoder hands out the last frame whole; the file's own duration is what must be exact.
+    ASSERT_GE(segmented.size(), exact.size());
+    ASSERT_GE(whole.size(), exact.size());
+    segmented.resize(exact.size());
+    whole.resize(exact.size());
+    const MediaInfo facts = probe(segmentedPath);
+    EXPECT_EQ(std::llround(facts.streamDurationS * kRate), static_cast<long long>(exact.size()));
+
+    std::vector<float> segmentedError(exact.size());
+    std::vector<float> wholeError(exact.size());
+    for (size_t i = 0; i < exact.size(); ++i) {
+        segmentedError[i] = segmented[i] - exact[i];
+        wholeError[i] = whole[i] - exact[i];
+    }
+    const double signal = energy(exact, 0, exact.size());
+    const double wholeSnrDb = 10.0 * std::log10(signal / energy(wholeError, 0, exact.size()));
+    const double segmentedSnrDb = 10.0 * std::log10(signal / energy(segmentedError, 0, exact.size()));
+    EXPECT_GT(wholeSnrDb, 10.0);
+    EXPECT_NEAR(segmentedSnrDb, wholeSnrDb, 1.0);
+
+    // A hand-over lands within a few frames after each segment boundary; a click there would be the
+    // aliasing of a mismatched window, about as loud as the signal itself.
+    const size_t before = 2048;
+    const size_t after = 8 * 1024 + 2048;
+    for (size_t boundary = kSegmentFrames; boundary + after < exact.size(); boundary += kSegmentFrames) {
+        const double seam = energy(segmentedError, boundary - before, boundary + after);
+        const double reference = energy(wholeError, boundary - before, boundary + after);
+        const double local = energy(exact, boundary - before, boundary + after);
+        EXPECT_LT(seam, 2.0 * reference + 1e-6 * local) << "around frame " << boundary;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, SegmentSeamTest,
+                         ::testing::Values(SeamCase{"chirp", false, "0.3*sin(2*PI*(100*t+400*t*t))"},
+                                           SeamCase{"attacks", false, "0.5*sin(2*PI*800*t)*exp(-40*mod(t\\,0.1))"},
+                                           SeamCase{"speechOverChirp", true, "0.1*sin(2*PI*(100*t+400*t*t))"}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
 // The asynchronous form names its file in the temporary directory and leaves the inputs alone.
 TEST_F(TrackMergerTest, asynchronousMergeWritesTheNamedFileInTheTemporaryDirectory) {
     const QString mic = make(kMicTrack, toneBetween(440, 0.2, 0.2, 0.6), 1.0);
@@ -232,7 +317,8 @@ TEST_F(TrackMergerTest, asynchronousMergeWritesTheNamedFileInTheTemporaryDirecto
     EXPECT_TRUE(QFile::exists(mic));
     EXPECT_TRUE(QFile::exists(system));
 
-    const std::exception_ptr failure = QCoro::waitFor(failureOf(mergeAudioFiles(m_dir.filePath("nothing.m4a"), {system}))).error;
+    const std::exception_ptr failure =
+        QCoro::waitFor(failureOf(mergeAudioFiles(m_dir.filePath("nothing.m4a"), {system}))).error;
     ASSERT_TRUE(failure);
     EXPECT_THROW(std::rethrow_exception(failure), FfmpegError);
 }
