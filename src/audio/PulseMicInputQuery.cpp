@@ -14,11 +14,6 @@ namespace {
 // Level meters read a source at a few dozen frames a second; no voice call runs below 8 kHz.
 constexpr uint32_t kMeterRateCeilingHz = 1000;
 
-QString property(const pa_proplist* props, const char* key) {
-    const char* value = props ? pa_proplist_gets(props, key) : nullptr;
-    return value ? QString::fromUtf8(value) : QString();
-}
-
 bool isMixerApplication(const QString& applicationId) {
     static const QStringList kMixers{
         QStringLiteral("org.PulseAudio.pavucontrol"), QStringLiteral("org.gnome.VolumeControl"),
@@ -46,8 +41,33 @@ struct OutputFacts {
     PulseMicInputQuery::StreamFacts stream;
 };
 
+std::pair<uint32_t, ClientFacts> toClient(const pa_client_info* info) {
+    return {info->index, ClientFacts{pulseProperty(info->proplist, PA_PROP_APPLICATION_ID),
+                                     pulseProperty(info->proplist, "pipewire.access.portal.app_id"),
+                                     pulseProperty(info->proplist, PA_PROP_APPLICATION_PROCESS_ID),
+                                     pulseProperty(info->proplist, PA_PROP_APPLICATION_PROCESS_BINARY),
+                                     pulseProperty(info->proplist, PA_PROP_APPLICATION_NAME)}};
+}
+
+OutputFacts toOutput(const pa_source_output_info* info) {
+    OutputFacts output;
+    output.source = info->source;
+    output.client = info->client;
+    PulseMicInputQuery::StreamFacts& facts = output.stream;
+    facts.corked = info->corked != 0;
+    facts.sampleRateHz = info->sample_spec.rate;
+    facts.capturesOutput = pulseProperty(info->proplist, "stream.capture.sink") == QLatin1String("true");
+    facts.mediaRole = pulseProperty(info->proplist, PA_PROP_MEDIA_ROLE);
+    facts.mediaName = pulseProperty(info->proplist, PA_PROP_MEDIA_NAME);
+    facts.applicationId = pulseProperty(info->proplist, PA_PROP_APPLICATION_ID);
+    facts.flatpakId = pulseProperty(info->proplist, "pipewire.access.portal.app_id");
+    facts.processId = pulseProperty(info->proplist, PA_PROP_APPLICATION_PROCESS_ID);
+    facts.processBinary = pulseProperty(info->proplist, PA_PROP_APPLICATION_PROCESS_BINARY);
+    facts.applicationName = pulseProperty(info->proplist, PA_PROP_APPLICATION_NAME);
+    return output;
+}
+
 struct Snapshot {
-    PulseQuery* query = nullptr;
     QHash<uint32_t, bool> sourceIsMonitor;
     QHash<uint32_t, ClientFacts> clients;
     std::vector<OutputFacts> outputs;
@@ -156,61 +176,11 @@ QStringList PulseMicInputQuery::inputApplications() {
         const std::shared_ptr<PulseContext> pulse = PulseContext::instance(kQueryTimeoutMs);
         for (const PulseDeviceInfo& source : pulse->sources(kQueryTimeoutMs))
             snapshot.sourceIsMonitor.insert(source.index, source.isMonitor());
-        pulse->run(
-            [&](pa_context* context, PulseQuery& query) {
-                snapshot.query = &query;
-                return pa_context_get_client_info_list(
-                    context,
-                    [](pa_context* c, const pa_client_info* info, int eol, void* userdata) {
-                        auto* shot = static_cast<Snapshot*>(userdata);
-                        if (eol < 0)
-                            shot->query->fail(pa_context_errno(c));
-                        else if (eol > 0)
-                            shot->query->finish();
-                        else if (info)
-                            shot->clients.insert(
-                                info->index, ClientFacts{property(info->proplist, PA_PROP_APPLICATION_ID),
-                                                         property(info->proplist, "pipewire.access.portal.app_id"),
-                                                         property(info->proplist, PA_PROP_APPLICATION_PROCESS_ID),
-                                                         property(info->proplist, PA_PROP_APPLICATION_PROCESS_BINARY),
-                                                         property(info->proplist, PA_PROP_APPLICATION_NAME)});
-                    },
-                    &snapshot);
-            },
-            kQueryTimeoutMs);
-        pulse->run(
-            [&](pa_context* context, PulseQuery& query) {
-                snapshot.query = &query;
-                return pa_context_get_source_output_info_list(
-                    context,
-                    [](pa_context* c, const pa_source_output_info* info, int eol, void* userdata) {
-                        auto* shot = static_cast<Snapshot*>(userdata);
-                        if (eol < 0) {
-                            shot->query->fail(pa_context_errno(c));
-                        } else if (eol > 0) {
-                            shot->query->finish();
-                        } else if (info) {
-                            OutputFacts output;
-                            output.source = info->source;
-                            output.client = info->client;
-                            StreamFacts& facts = output.stream;
-                            facts.corked = info->corked != 0;
-                            facts.sampleRateHz = info->sample_spec.rate;
-                            facts.capturesOutput =
-                                property(info->proplist, "stream.capture.sink") == QLatin1String("true");
-                            facts.mediaRole = property(info->proplist, PA_PROP_MEDIA_ROLE);
-                            facts.mediaName = property(info->proplist, PA_PROP_MEDIA_NAME);
-                            facts.applicationId = property(info->proplist, PA_PROP_APPLICATION_ID);
-                            facts.flatpakId = property(info->proplist, "pipewire.access.portal.app_id");
-                            facts.processId = property(info->proplist, PA_PROP_APPLICATION_PROCESS_ID);
-                            facts.processBinary = property(info->proplist, PA_PROP_APPLICATION_PROCESS_BINARY);
-                            facts.applicationName = property(info->proplist, PA_PROP_APPLICATION_NAME);
-                            shot->outputs.push_back(std::move(output));
-                        }
-                    },
-                    &snapshot);
-            },
-            kQueryTimeoutMs);
+        for (const auto& [index, client] :
+             pulse->list<pa_client_info>(&pa_context_get_client_info_list, &toClient, kQueryTimeoutMs))
+            snapshot.clients.insert(index, client);
+        snapshot.outputs =
+            pulse->list<pa_source_output_info>(&pa_context_get_source_output_info_list, &toOutput, kQueryTimeoutMs);
     } catch (const Error&) {
         // No server, a lost connection or a slow answer: nobody is seen capturing until the next poll.
         return {};

@@ -201,10 +201,6 @@ struct ServerInfoRequest {
     PulseServerInfo info;
 };
 
-QString property(const pa_proplist* props, const char* key) {
-    return props ? fromUtf8(pa_proplist_gets(props, key)) : QString();
-}
-
 PulseDeviceInfo toItem(const pa_source_info* source) {
     PulseDeviceInfo device;
     device.index = source->index;
@@ -226,8 +222,8 @@ PulseDeviceInfo toItem(const pa_sink_info* sink) {
     device.sampleRateHz = sink->sample_spec.rate;
     device.channels = sink->sample_spec.channels;
     device.monitorSourceName = fromUtf8(sink->monitor_source_name);
-    device.masterDevice = property(sink->proplist, PA_PROP_DEVICE_MASTER_DEVICE);
-    device.linkGroup = property(sink->proplist, "node.link-group");
+    device.masterDevice = pulseProperty(sink->proplist, PA_PROP_DEVICE_MASTER_DEVICE);
+    device.linkGroup = pulseProperty(sink->proplist, "node.link-group");
     return device;
 }
 
@@ -235,39 +231,8 @@ PulseSinkInputInfo toItem(const pa_sink_input_info* input) {
     PulseSinkInputInfo stream;
     stream.index = input->index;
     stream.sink = input->sink;
-    stream.linkGroup = property(input->proplist, "node.link-group");
+    stream.linkGroup = pulseProperty(input->proplist, "node.link-group");
     return stream;
-}
-
-/// The items of one libpulse list query (`issue` is e.g. pa_context_get_sink_info_list, with its extra
-/// arguments bound); libpulse calls back once per item, then once with eol set.
-template <typename Info>
-auto listQuery(PulseContext& pulse, std::chrono::milliseconds timeout,
-               const std::function<pa_operation*(pa_context*, void (*)(pa_context*, const Info*, int, void*), void*)>&
-                   issue) {
-    using Item = decltype(toItem(static_cast<const Info*>(nullptr)));
-    struct Request {
-        PulseQuery* query = nullptr;
-        std::vector<Item> items;
-    } request;
-    pulse.run(
-        [&](pa_context* context, PulseQuery& query) {
-            request.query = &query;
-            return issue(
-                context,
-                [](pa_context* c, const Info* info, int eol, void* userdata) {
-                    auto* req = static_cast<Request*>(userdata);
-                    if (eol < 0)
-                        req->query->fail(pa_context_errno(c));
-                    else if (eol > 0)
-                        req->query->finish();
-                    else if (info)
-                        req->items.push_back(toItem(info));
-                },
-                &request);
-        },
-        timeout);
-    return std::move(request.items);
 }
 
 } // namespace
@@ -296,22 +261,24 @@ PulseServerInfo PulseContext::serverInfo(std::chrono::milliseconds timeout) {
 }
 
 std::vector<PulseDeviceInfo> PulseContext::sources(std::chrono::milliseconds timeout) {
-    return listQuery<pa_source_info>(*this, timeout, &pa_context_get_source_info_list);
+    return list<pa_source_info>(&pa_context_get_source_info_list, &toItem, timeout);
 }
 
 std::vector<PulseDeviceInfo> PulseContext::sinks(std::chrono::milliseconds timeout) {
-    return listQuery<pa_sink_info>(*this, timeout, &pa_context_get_sink_info_list);
+    return list<pa_sink_info>(&pa_context_get_sink_info_list, &toItem, timeout);
 }
 
 std::vector<PulseSinkInputInfo> PulseContext::sinkInputs(std::chrono::milliseconds timeout) {
-    return listQuery<pa_sink_input_info>(*this, timeout, &pa_context_get_sink_input_info_list);
+    return list<pa_sink_input_info>(&pa_context_get_sink_input_info_list, &toItem, timeout);
 }
 
 PulseDeviceInfo PulseContext::sourceInfo(const QString& name, std::chrono::milliseconds timeout) {
     const QByteArray utf8 = name.toUtf8();
-    const auto found = listQuery<pa_source_info>(*this, timeout, [&](pa_context* c, auto callback, void* userdata) {
-        return pa_context_get_source_info_by_name(c, utf8.constData(), callback, userdata);
-    });
+    const auto found = list<pa_source_info>(
+        [&](pa_context* c, auto callback, void* userdata) {
+            return pa_context_get_source_info_by_name(c, utf8.constData(), callback, userdata);
+        },
+        &toItem, timeout);
     if (found.empty())
         throw PulseError(QStringLiteral("Source audio introuvable : %1").arg(name), PA_ERR_NOENTITY);
     return found.front();
@@ -368,6 +335,10 @@ PulseSubscription& PulseSubscription::operator=(PulseSubscription&& other) noexc
         m_id = other.m_id;
     }
     return *this;
+}
+
+QString pulseProperty(const pa_proplist* props, const char* key) {
+    return props ? fromUtf8(pa_proplist_gets(props, key)) : QString();
 }
 
 QString pulseErrorText(int paError) {

@@ -119,6 +119,9 @@ struct PulseSinkInputInfo {
     QString linkGroup; ///< see PulseDeviceInfo::linkGroup
 };
 
+/// A property of a libpulse property list, empty when absent.
+QString pulseProperty(const pa_proplist* props, const char* key);
+
 /// The libpulse error code as a sentence for the user and the logs (libpulse's own text is English).
 QString pulseErrorText(int paError);
 
@@ -193,6 +196,37 @@ public:
     std::vector<PulseDeviceInfo> sources(std::chrono::milliseconds timeout = kDefaultTimeout);
     std::vector<PulseDeviceInfo> sinks(std::chrono::milliseconds timeout = kDefaultTimeout);
     std::vector<PulseSinkInputInfo> sinkInputs(std::chrono::milliseconds timeout = kDefaultTimeout);
+    /// Every item of one libpulse list query: `issue` is e.g. pa_context_get_client_info_list (or a lambda that
+    /// binds further arguments), `convert` copies what is needed out of each item on the mainloop thread.
+    template <typename Info, typename Item>
+    std::vector<Item> list(
+        const std::function<pa_operation*(pa_context*, void (*)(pa_context*, const Info*, int, void*), void*)>& issue,
+        Item (*convert)(const Info*), std::chrono::milliseconds timeout = kDefaultTimeout) {
+        struct Request {
+            PulseQuery* query = nullptr;
+            Item (*convert)(const Info*);
+            std::vector<Item> items;
+        } request{nullptr, convert, {}};
+        run(
+            [&](pa_context* context, PulseQuery& query) {
+                request.query = &query;
+                return issue(
+                    context,
+                    [](pa_context* c, const Info* info, int eol, void* userdata) {
+                        auto* req = static_cast<Request*>(userdata);
+                        if (eol < 0)
+                            req->query->fail(pa_context_errno(c));
+                        else if (eol > 0)
+                            req->query->finish();
+                        else if (info)
+                            req->items.push_back(req->convert(info));
+                    },
+                    &request);
+            },
+            timeout);
+        return std::move(request.items);
+    }
+
     /// One source by name ("@DEFAULT_SOURCE@" works); throws `PulseError` with the server's error code.
     PulseDeviceInfo sourceInfo(const QString& name, std::chrono::milliseconds timeout = kDefaultTimeout);
 
