@@ -105,6 +105,10 @@ public:
     ManagedProcess playIntoSink(const QString& sinkName, const QString& audioFile);
     /// A record stream on `source` posing as a conferencing app; stop() it to close the stream.
     ManagedProcess startRecordingClient(const RecordingClientOptions& options = {});
+    /// Any client of the server (pactl, parec...) with this fixture's environment and `extra` laid over it;
+    /// its standard output goes to `stdoutPath` (or its log).
+    ManagedProcess spawnClient(const QString& program, const QStringList& arguments,
+                               const QProcessEnvironment& extra = {}, const QString& stdoutPath = {});
 
     /// A PulseAudio null sink renders in blocks of up to 2 s while no low-latency stream is on it, so
     /// every new reader waits 1-2 s for its first bytes (and misses what is played meanwhile). warmUp()
@@ -136,9 +140,6 @@ protected:
     ::testing::AssertionResult waitUntilReady(bool withDevices);
     /// On success: running, and warmed up when asked. On failure: everything stopped.
     ::testing::AssertionResult finishStart(::testing::AssertionResult started);
-    ManagedProcess spawnClient(const QString& program, const QStringList& arguments,
-                               const QProcessEnvironment& extra = {}, const QString& stdoutPath = {});
-
     Options m_options;
     TempDir m_dir;
     std::vector<ManagedProcess> m_daemons;

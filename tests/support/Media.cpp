@@ -175,18 +175,14 @@ MediaInfo probe(const QString& path) {
     const QJsonObject format = root.value(QStringLiteral("format")).toObject();
     info.formatName = format.value(QStringLiteral("format_name")).toString();
     info.formatDurationS = format.value(QStringLiteral("duration")).toString().toDouble();
-    info.bitRate = format.value(QStringLiteral("bit_rate")).toString().toLongLong();
     for (const auto& value : root.value(QStringLiteral("streams")).toArray()) {
         const QJsonObject stream = value.toObject();
         if (stream.value(QStringLiteral("codec_type")).toString() != QStringLiteral("audio"))
             continue;
         info.codecName = stream.value(QStringLiteral("codec_name")).toString();
-        info.sampleFormat = stream.value(QStringLiteral("sample_fmt")).toString();
         info.sampleRateHz = stream.value(QStringLiteral("sample_rate")).toString().toInt();
         info.channels = stream.value(QStringLiteral("channels")).toInt();
         info.streamDurationS = stream.value(QStringLiteral("duration")).toString().toDouble();
-        if (stream.contains(QStringLiteral("bit_rate")))
-            info.bitRate = stream.value(QStringLiteral("bit_rate")).toString().toLongLong();
         info.valid = true;
         break;
     }

@@ -41,12 +41,10 @@ struct MediaInfo {
     QString error;      ///< ffprobe's complaint when not valid
     QString formatName; ///< e.g. "mov,mp4,m4a,3gp,3g2,mj2"
     QString codecName;  ///< e.g. "aac"
-    QString sampleFormat;
     int sampleRateHz = 0;
     int channels = 0;
     double streamDurationS = 0; ///< 0 when the stream does not state it
     double formatDurationS = 0;
-    qint64 bitRate = 0;
     QStringList topLevelBoxes; ///< MP4 box types in file order ("ftyp", "moov", "mdat"...)
     bool moovBeforeMdat = false;
 };

@@ -23,11 +23,6 @@ void ScopedEnvironment::set(const QByteArray& name, const QByteArray& value) {
     qputenv(name.constData(), value);
 }
 
-void ScopedEnvironment::unset(const QByteArray& name) {
-    remember(name);
-    qunsetenv(name.constData());
-}
-
 void ScopedEnvironment::apply(const QProcessEnvironment& variables) {
     for (const QString& key : variables.keys())
         set(key.toLocal8Bit(), variables.value(key).toLocal8Bit());

@@ -19,7 +19,6 @@ public:
     ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
 
     void set(const QByteArray& name, const QByteArray& value);
-    void unset(const QByteArray& name);
     /// Sets every variable of `variables`.
     void apply(const QProcessEnvironment& variables);
     /// Restores now instead of at destruction.

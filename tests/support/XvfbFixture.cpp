@@ -1,10 +1,6 @@
 #include "XvfbFixture.h"
 
-#include "Command.h"
-
 namespace tavrel::test {
-
-using namespace std::chrono_literals;
 
 XvfbFixture::XvfbFixture(Options options) : m_options(options), m_dir(QStringLiteral("tavrel-x")) {}
 
@@ -61,14 +57,6 @@ QProcessEnvironment XvfbFixture::environment() const {
     env.insert(variables());
     env.remove(QStringLiteral("XAUTHORITY"));
     return env;
-}
-
-::testing::AssertionResult XvfbFixture::screenshot(const QString& path, const QString& windowId) {
-    const CommandResult result =
-        runCommand(QStringLiteral("import"), {QStringLiteral("-window"), windowId, path}, environment(), 30s);
-    if (!result.ok())
-        return ::testing::AssertionFailure() << result.describe().toStdString();
-    return ::testing::AssertionSuccess();
 }
 
 QString XvfbFixture::logs() const {

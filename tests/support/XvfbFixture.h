@@ -38,8 +38,6 @@ public:
     QProcessEnvironment variables() const;
     QProcessEnvironment environment() const;
 
-    /// PNG (or any format ImageMagick infers from the name) of the root window, or of one window id.
-    ::testing::AssertionResult screenshot(const QString& path, const QString& windowId = QStringLiteral("root"));
     QString logs() const;
 
 private:
