@@ -40,18 +40,8 @@ protected:
     }
 
     // A raw record stream of our own making, for shapes the fixture's client does not cover.
-    ManagedProcess startParec(const QStringList& arguments, const QProcessEnvironment& extra = {}) {
-        ManagedProcess process;
-        ManagedProcess::Options options;
-        options.program = QStringLiteral("parec");
-        options.arguments = arguments;
-        QProcessEnvironment env = m_server->environment();
-        env.insert(extra);
-        options.environment = env;
-        options.stdoutPath = QStringLiteral("/dev/null");
-        options.logPath = m_server->tempPath() + QStringLiteral("/parec-%1.log").arg(++m_parecCount);
-        EXPECT_TRUE(process.start(options)) << process.errorString().toStdString();
-        return process;
+    ManagedProcess startParec(const QStringList& arguments, const QProcessEnvironment& extra) {
+        return m_server->spawnClient(QStringLiteral("parec"), arguments, extra, QStringLiteral("/dev/null"));
     }
 
     // Source-outputs the server lists (whatever we make of them), so that exclusions cannot pass vacuously.
@@ -59,7 +49,6 @@ protected:
 
     std::unique_ptr<AudioServerFixture> m_server;
     PulseMicInputQuery m_query;
-    int m_parecCount = 0;
 };
 
 TEST_P(MicInputOnServer, nobodyCapturingGivesNothingDespiteTheVirtualSourceFilterNorWithoutAServer) {
