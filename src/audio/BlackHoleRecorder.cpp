@@ -1,6 +1,5 @@
 #include "BlackHoleRecorder.h"
 
-#include "BackgroundTask.h"
 #include "PulseCapture.h"
 #include "SampleHandOff.h"
 #include "TemporaryCaptureFile.h"
@@ -52,12 +51,6 @@ using namespace std::chrono_literals;
 
 constexpr int64_t kHandOffSeconds = 10;
 constexpr auto kTailWait = std::chrono::milliseconds(3 * PulseCapture::kFragmentMs);
-
-int64_t monotonicNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
 
 class M4aFile : public PcmFileWriter {
 public:
@@ -188,16 +181,8 @@ float BlackHoleRecorder::chunkLevel(const float* interleaved, int64_t frames, in
     return levelFromDecibels(db);
 }
 
-QCoro::Task<> BlackHoleRecorder::start() {
-    co_await runInBackground([this] { startBlocking(); });
-}
-
-QCoro::Task<std::optional<QString>> BlackHoleRecorder::stop() {
-    co_return co_await runInBackground([this] { return stopBlocking(); });
-}
-
 void BlackHoleRecorder::startBlocking() {
-    const int64_t startNs = m_originNs > 0 ? m_originNs : monotonicNs();
+    const int64_t startNs = timelineStartNs();
     try {
         m_pulse = PulseContext::instance();
         m_pulse->sourceInfo(m_device.name);

@@ -2,7 +2,7 @@
 
 #include "CaptureTimeline.h"
 #include "SystemAudioBackends.h"
-#include "SystemAudioSource.h"
+#include "CaptureSourceBase.h"
 #include "core/Error.h"
 
 #include <QString>
@@ -29,7 +29,7 @@ using BlackHoleFailure = CodedError<BlackHoleError>;
 /// Records the "BlackHole" virtual device (an audio-server source whose name says so: the loopback that
 /// telephone relays are routed through) into "tavrel_bh_<T>.m4a", or ".aiff" where this FFmpeg cannot
 /// write AAC. Pausing only silences the level: the file keeps running, paused stretch included.
-class BlackHoleRecorder : public SystemAudioSource {
+class BlackHoleRecorder : public CaptureSourceBase {
 public:
     static constexpr int kSampleRateHz = 44100;
     static constexpr int kChannels = 2;
@@ -51,17 +51,10 @@ public:
     /// Whether this FFmpeg can write AAC into .m4a (otherwise the file is AIFF).
     static bool canWriteM4a();
 
-    std::optional<QString> outputURL() const override { return m_outputURL; }
     /// Throws `BlackHoleFailure(sessionFailed)` when the device cannot be opened or recorded.
-    QCoro::Task<> start() override;
-    QCoro::Task<std::optional<QString>> stop() override;
-    void pause() override { m_isPaused.store(true); }
-    void resume() override { m_isPaused.store(false); }
+    void startBlocking() override;
+    std::optional<QString> stopBlocking() override;
     float currentLevel() const override;
-    void setTimelineOrigin(int64_t monotonicNs) override { m_originNs = monotonicNs; }
-
-    void startBlocking();
-    std::optional<QString> stopBlocking();
     bool isRunning() const { return m_running.load(); }
 
     /// Unsmoothed level of one chunk: average power of the first channel, mapped from -50...0 dB.
@@ -77,15 +70,11 @@ private:
     std::unique_ptr<PcmFileWriter> m_writer;
     std::unique_ptr<SampleHandOff> m_handOff;
     std::unique_ptr<PulseCapture> m_capture;
-    std::optional<QString> m_outputURL;
     std::optional<CaptureTimeline> m_timeline;
     QString m_endedReason;
 
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_ended{false};
-    std::atomic<bool> m_isPaused{false};
-    std::atomic<float> m_level{0.0f};
-    int64_t m_originNs = 0; // the recording's time zero, when the orchestrator gives one
 };
 
 } // namespace tavrel

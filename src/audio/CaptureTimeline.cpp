@@ -1,8 +1,15 @@
 #include "CaptureTimeline.h"
 
 #include <algorithm>
+#include <time.h>
 
 namespace tavrel {
+
+int64_t monotonicNowNs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+}
 
 int64_t CaptureTimeline::framesAt(int64_t ns) const {
     const int64_t elapsed = ns - m_startNs;

@@ -5,6 +5,9 @@
 
 namespace tavrel {
 
+/// The monotonic clock in ns, the clock every capture time is given in.
+int64_t monotonicNowNs();
+
 /// Places captured chunks on a recording's timeline, in frames since the source started.
 ///
 /// Linux audio servers deliver nothing while an output is idle or suspended, and a device clock drifts

@@ -1,7 +1,6 @@
 #include "ProcessTapRecorder.h"
 
 #include "CafWriter.h"
-#include "BackgroundTask.h"
 #include "OutputChain.h"
 #include "SampleHandOff.h"
 #include "TemporaryCaptureFile.h"
@@ -33,12 +32,6 @@ using namespace std::chrono_literals;
 constexpr auto kConnectTimeout = 3000ms;
 constexpr auto kLinkTimeout = 3000ms;
 constexpr int64_t kHandOffSeconds = 10;
-
-int64_t monotonicNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
 
 QString lookup(const spa_dict* props, const char* key) {
     const char* value = props ? spa_dict_lookup(props, key) : nullptr;
@@ -96,8 +89,6 @@ ProcessTapRecorder::~ProcessTapRecorder() {
         stopBlocking();
 }
 
-std::optional<QString> ProcessTapRecorder::outputURL() const { return m_outputURL; }
-
 float ProcessTapRecorder::currentLevel() const { return m_isPaused.load() ? 0.0f : m_level.load(); }
 
 QString ProcessTapRecorder::targetSink() const {
@@ -105,14 +96,6 @@ QString ProcessTapRecorder::targetSink() const {
         return m_targetSink;
     PwLoopLock lock(m_loop.get());
     return m_targetSink;
-}
-
-QCoro::Task<> ProcessTapRecorder::start() {
-    co_await runInBackground([this] { startBlocking(); });
-}
-
-QCoro::Task<std::optional<QString>> ProcessTapRecorder::stop() {
-    co_return co_await runInBackground([this] { return stopBlocking(); });
 }
 
 bool ProcessTapRecorder::waitLocked(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
@@ -137,7 +120,7 @@ void ProcessTapRecorder::startBlocking() {
         throw SystemAudioFailure(SystemAudioError::tapFailed);
     };
     ensurePipeWireInitialised();
-    m_startNs = m_originNs > 0 ? m_originNs : monotonicNs();
+    m_startNs = timelineStartNs();
     m_loop.reset(pw_thread_loop_new(kThreadName, nullptr));
     if (!m_loop)
         fail();
@@ -454,7 +437,7 @@ void ProcessTapRecorder::onProcess(void* data) {
         if (pw_stream_get_time_n(self->m_stream.get(), &time, sizeof time) == 0)
             cycleNs = time.now;
         if (cycleNs <= 0)
-            cycleNs = monotonicNs();
+            cycleNs = monotonicNowNs();
         // The buffer holds the cycle that just ended.
         const int64_t captureNs = cycleNs - frames * 1'000'000'000 / kSampleRateHz;
         const int64_t streamFrame = self->m_timeline->place(captureNs, frames);

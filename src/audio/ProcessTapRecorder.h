@@ -2,7 +2,7 @@
 
 #include "CaptureTimeline.h"
 #include "PipeWireHandles.h"
-#include "SystemAudioSource.h"
+#include "CaptureSourceBase.h"
 
 #include <QString>
 
@@ -28,7 +28,7 @@ class SampleHandOff;
 /// canceller, is looked through: the device hears everything), only ever writes while it is linked to an
 /// output device (never to a microphone, which is where PipeWire falls back when a target vanishes), and
 /// keeps the track on real time through idle stretches (see CaptureTimeline).
-class ProcessTapRecorder : public SystemAudioSource {
+class ProcessTapRecorder : public CaptureSourceBase {
 public:
     static constexpr const char* kThreadName = "fr.tavrel.recorder.tap";
     static constexpr int kSampleRateHz = 48000;
@@ -39,18 +39,10 @@ public:
     ProcessTapRecorder(const ProcessTapRecorder&) = delete;
     ProcessTapRecorder& operator=(const ProcessTapRecorder&) = delete;
 
-    std::optional<QString> outputURL() const override;
     /// Throws `SystemAudioFailure(tapFailed)` on any failure, after releasing what it made.
-    QCoro::Task<> start() override;
-    QCoro::Task<std::optional<QString>> stop() override;
-    void pause() override { m_isPaused.store(true); }
-    void resume() override { m_isPaused.store(false); }
+    void startBlocking() override;
+    std::optional<QString> stopBlocking() override;
     float currentLevel() const override;
-    void setTimelineOrigin(int64_t monotonicNs) override { m_originNs = monotonicNs; }
-
-    /// The blocking bodies of start()/stop(), for callers already off the main thread.
-    void startBlocking();
-    std::optional<QString> stopBlocking();
 
     /// The sink the stream is currently meant to capture (empty before start).
     QString targetSink() const;
@@ -127,14 +119,10 @@ private:
 
     std::unique_ptr<CafWriter> m_file;
     std::unique_ptr<SampleHandOff> m_handOff;
-    std::optional<QString> m_outputURL;
     int64_t m_startNs = 0;
 
     std::atomic<bool> m_writing{false};
     std::atomic<bool> m_linkVerified{false};
-    std::atomic<bool> m_isPaused{false};
-    std::atomic<float> m_level{0.0f};
-    int64_t m_originNs = 0; // the recording's time zero, when the orchestrator gives one
 };
 
 } // namespace tavrel

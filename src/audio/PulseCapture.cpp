@@ -1,20 +1,10 @@
 #include "PulseCapture.h"
 
-#include <time.h>
+#include "CaptureTimeline.h"
 
 namespace tavrel {
 
-namespace {
-
 using namespace std::chrono_literals;
-
-int64_t monotonicNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
-
-} // namespace
 
 PulseCapture::PulseCapture(std::shared_ptr<PulseContext> pulse, QString streamName, int sampleRateHz, int channels)
     : m_pulse(std::move(pulse)), m_streamName(std::move(streamName)), m_sampleRateHz(sampleRateHz),
@@ -144,7 +134,7 @@ void PulseCapture::onRead(pa_stream* stream, size_t, void* userdata) {
         if (pa_stream_get_latency(stream, &latencyUs, &negative) < 0 || negative)
             latencyUs = 0;
         // The oldest unread frame was captured `latency` ago; a hole (data == nullptr) is silence.
-        const int64_t captureNs = monotonicNs() - static_cast<int64_t>(latencyUs) * 1000;
+        const int64_t captureNs = monotonicNowNs() - static_cast<int64_t>(latencyUs) * 1000;
         if (data)
             self->m_onChunk(static_cast<const float*>(data), frames, captureNs);
         pa_stream_drop(stream);

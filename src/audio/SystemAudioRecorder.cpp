@@ -1,6 +1,5 @@
 #include "SystemAudioRecorder.h"
 
-#include "BackgroundTask.h"
 #include "OutputChain.h"
 #include "PulseCapture.h"
 #include "SampleHandOff.h"
@@ -24,12 +23,6 @@ using namespace std::chrono_literals;
 constexpr int64_t kHandOffSeconds = 10;
 // Samples played up to the moment of stop still reach us one or two fragments later.
 constexpr auto kTailWait = std::chrono::milliseconds(3 * PulseCapture::kFragmentMs);
-
-int64_t monotonicNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
 
 struct DefaultOutput {
     QString sink;    ///< the default output, as the user chose it
@@ -98,16 +91,8 @@ QString SystemAudioRecorder::expectedSource() const {
     return expected ? *expected : QString();
 }
 
-QCoro::Task<> SystemAudioRecorder::start() {
-    co_await runInBackground([this] { startBlocking(); });
-}
-
-QCoro::Task<std::optional<QString>> SystemAudioRecorder::stop() {
-    co_return co_await runInBackground([this] { return stopBlocking(); });
-}
-
 void SystemAudioRecorder::startBlocking() {
-    const int64_t startNs = m_originNs > 0 ? m_originNs : monotonicNs();
+    const int64_t startNs = timelineStartNs();
     std::optional<DefaultOutput> output;
     try {
         m_pulse = PulseContext::instance();

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "CaptureTimeline.h"
-#include "SystemAudioSource.h"
+#include "CaptureSourceBase.h"
 #include "pulse/PulseContext.h"
 
 #include <QString>
@@ -24,7 +24,7 @@ class SampleHandOff;
 /// the file; idle stretches (a suspended output sends nothing) are kept as silence so the track stays on
 /// real time; when the default output changes, the stream moves to the new output's monitor. An output that
 /// is a filter (echo canceller, remapping) is recorded at the device behind it, which hears everything.
-class SystemAudioRecorder : public SystemAudioSource {
+class SystemAudioRecorder : public CaptureSourceBase {
 public:
     static constexpr const char* kThreadName = "fr.tavrel.recorder.sysaudio";
     static constexpr int kSampleRateHz = 44100;
@@ -39,18 +39,11 @@ public:
     SystemAudioRecorder(const SystemAudioRecorder&) = delete;
     SystemAudioRecorder& operator=(const SystemAudioRecorder&) = delete;
 
-    std::optional<QString> outputURL() const override { return m_outputURL; }
     /// Throws `SystemAudioFailure(permissionDenied)` when the server cannot be queried,
     /// `SystemAudioFailure(noDisplay)` when there is no default output, or the writer's or stream's error.
-    QCoro::Task<> start() override;
-    QCoro::Task<std::optional<QString>> stop() override;
-    void pause() override { m_isPaused.store(true); }
-    void resume() override { m_isPaused.store(false); }
+    void startBlocking() override;
+    std::optional<QString> stopBlocking() override;
     float currentLevel() const override;
-    void setTimelineOrigin(int64_t monotonicNs) override { m_originNs = monotonicNs; }
-
-    void startBlocking();
-    std::optional<QString> stopBlocking();
 
     bool isRecording() const { return m_isRecording.load(); }
     /// The monitor the stream is meant to read (the default output's).
@@ -70,7 +63,6 @@ private:
     std::unique_ptr<M4aWriter> m_writer;
     std::unique_ptr<SampleHandOff> m_handOff;
     std::unique_ptr<PulseCapture> m_capture;
-    std::optional<QString> m_outputURL;
     std::optional<CaptureTimeline> m_timeline; // mainloop thread only
     // Declared before the follower and the subscription that use them, so that they outlive both.
     std::mutex m_followMutex;
@@ -80,10 +72,7 @@ private:
     PulseSubscription m_outputEvents;
 
     std::atomic<bool> m_isRecording{false};
-    std::atomic<bool> m_isPaused{false};
     std::atomic<bool> m_sourceVerified{false};
-    std::atomic<float> m_level{0.0f};
-    int64_t m_originNs = 0; // the recording's time zero, when the orchestrator gives one
     std::atomic<bool> m_ended{false};
     // Written by the follower thread, read on the mainloop thread when the stream moves.
     std::atomic<std::shared_ptr<const QString>> m_expectedSource;
