@@ -11,68 +11,46 @@ using tavrel::MainPopoverController;
 
 namespace {
 
-const QColor kSystemRed = QColor::fromRgbF(1.0f, 0.231f, 0.188f);
-const QColor kDarkerRed = QColor::fromRgbF(0.75f, 0.12f, 0.12f);
+TEST(MainPopover, ShowsEachStateAfterTheQueuedUpdate) {
+    const QColor systemRed = QColor::fromRgbF(1.0f, 0.231f, 0.188f);
+    const QColor darkerRed = QColor::fromRgbF(0.75f, 0.12f, 0.12f);
+    const struct {
+        bool recording;
+        bool paused;
+        const char* caption;
+        QColor disc;
+        const char* discSymbol;
+        const char* pauseTitle;
+        const char* pauseSymbol;
+        double pauseOpacity;
+    } states[] = {
+        {false, false, "Démarrer l'enregistrement", systemRed, "record.circle.fill", " Pause", "pause.fill", 0.4},
+        {true, false, "Arrêter l'enregistrement", darkerRed, "stop.fill", " Pause", "pause.fill", 1.0},
+        {true, true, "Arrêter l'enregistrement", darkerRed, "stop.fill", " Reprendre", "play.fill", 1.0}};
+    for (const auto& state : states) {
+        SCOPED_TRACE(testing::Message() << state.recording << state.paused);
+        MainPopoverController popover(QStringLiteral("1.2.0"));
+        popover.setIsRecording(state.recording);
+        popover.setIsPaused(state.paused);
+        EXPECT_EQ(popover.actionLabel()->text(), QStringLiteral("Démarrer l'enregistrement")) << "not yet updated";
+        QCoreApplication::processEvents();
 
-struct PopoverState {
-    const char* name;
-    bool recording;
-    bool paused;
-    const char* caption;
-    QColor disc;
-    const char* discSymbol;
-    const char* pauseTitle;
-    const char* pauseSymbol;
-    double pauseOpacity;
-};
+        EXPECT_EQ(popover.actionLabel()->text(), QString::fromUtf8(state.caption));
+        EXPECT_EQ(popover.circleButton()->color(), state.disc);
+        EXPECT_EQ(popover.circleButton()->symbol(), QString::fromUtf8(state.discSymbol));
+        EXPECT_FALSE(popover.circleButton()->iconPixmap().isNull());
+        EXPECT_EQ(popover.pauseButton()->text(), QString::fromUtf8(state.pauseTitle));
+        EXPECT_EQ(popover.pauseSymbol(), QString::fromUtf8(state.pauseSymbol));
+        EXPECT_DOUBLE_EQ(popover.pauseContainerOpacity(), state.pauseOpacity);
+        EXPECT_EQ(popover.pauseButton()->isEnabled(), state.recording);
+        EXPECT_TRUE(popover.pauseContainer()->isVisibleTo(&popover));
 
-class PopoverStateTest : public ::testing::TestWithParam<PopoverState> {};
-
-TEST_P(PopoverStateTest, ShowsTheStateAfterTheQueuedUpdate) {
-    const PopoverState& state = GetParam();
-    MainPopoverController popover(QStringLiteral("1.2.0"));
-    popover.setIsRecording(state.recording);
-    popover.setIsPaused(state.paused);
-    QCoreApplication::processEvents();
-
-    EXPECT_EQ(popover.actionLabel()->text(), QString::fromUtf8(state.caption));
-    EXPECT_EQ(popover.circleButton()->color(), state.disc);
-    EXPECT_EQ(popover.circleButton()->symbol(), QString::fromUtf8(state.discSymbol));
-    EXPECT_FALSE(popover.circleButton()->iconPixmap().isNull());
-    EXPECT_EQ(popover.pauseButton()->text(), QString::fromUtf8(state.pauseTitle));
-    EXPECT_EQ(popover.pauseSymbol(), QString::fromUtf8(state.pauseSymbol));
-    EXPECT_DOUBLE_EQ(popover.pauseContainerOpacity(), state.pauseOpacity);
-    EXPECT_EQ(popover.pauseButton()->isEnabled(), state.recording);
-    EXPECT_TRUE(popover.pauseContainer()->isVisibleTo(&popover));
-
-    int pauses = 0;
-    popover.onPause = [&] { ++pauses; };
-    popover.show();
-    QTest::mouseClick(popover.pauseButton(), Qt::LeftButton);
-    EXPECT_EQ(pauses, state.recording ? 1 : 0) << "the dimmed row ignores clicks";
-}
-
-INSTANTIATE_TEST_SUITE_P(States, PopoverStateTest,
-                         ::testing::Values(PopoverState{"idle", false, false, "Démarrer l'enregistrement", kSystemRed,
-                                                        "record.circle.fill", " Pause", "pause.fill", 0.4},
-                                           PopoverState{"recording", true, false, "Arrêter l'enregistrement",
-                                                        kDarkerRed, "stop.fill", " Pause", "pause.fill", 1.0},
-                                           PopoverState{"paused", true, true, "Arrêter l'enregistrement", kDarkerRed,
-                                                        "stop.fill", " Reprendre", "play.fill", 1.0}),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-TEST(MainPopover, FlagChangesShowOnlyAfterTheCurrentWork) {
-    MainPopoverController popover(QStringLiteral("1.0"));
-    popover.setIsRecording(true);
-    EXPECT_TRUE(popover.isRecording());
-    EXPECT_EQ(popover.actionLabel()->text(), QStringLiteral("Démarrer l'enregistrement"));
-    QCoreApplication::processEvents();
-    EXPECT_EQ(popover.actionLabel()->text(), QStringLiteral("Arrêter l'enregistrement"));
-
-    popover.setIsPaused(true);
-    popover.setIsPaused(false);
-    QCoreApplication::processEvents();
-    EXPECT_EQ(popover.pauseButton()->text(), QStringLiteral(" Pause"));
+        int pauses = 0;
+        popover.onPause = [&] { ++pauses; };
+        popover.show();
+        QTest::mouseClick(popover.pauseButton(), Qt::LeftButton);
+        EXPECT_EQ(pauses, state.recording ? 1 : 0) << "the dimmed row ignores clicks";
+    }
 }
 
 TEST(MainPopover, ControllerDeletedBeforeItsQueuedUpdateIsSafe) {
@@ -82,93 +60,64 @@ TEST(MainPopover, ControllerDeletedBeforeItsQueuedUpdateIsSafe) {
     QCoreApplication::processEvents();
 }
 
-class MainPopoverClicks : public ::testing::Test {
-protected:
-    void SetUp() override {
-        popover.onStartStop = [this] { ++startStops; };
-        popover.show();
-    }
-    MainPopoverController popover{QStringLiteral("1.0")};
-    int startStops = 0;
-};
-
-TEST_F(MainPopoverClicks, OneClickOnTheDiscIsOneCall) {
+TEST(MainPopover, EachClickIsOneCallAndAReleaseOutsideTheDiscsSquareCancels) {
+    MainPopoverController popover(QStringLiteral("1.0"));
+    int startStops = 0, settings = 0, quits = 0;
+    popover.onStartStop = [&] { ++startStops; };
+    popover.onSettings = [&] { ++settings; };
+    popover.onQuit = [&] { ++quits; };
+    popover.show();
     QTest::mouseClick(popover.circleButton(), Qt::LeftButton);
-    EXPECT_EQ(startStops, 1);
-}
-
-TEST_F(MainPopoverClicks, ClickOnTheCaptionStartsAsWell) {
     QTest::mouseClick(popover.actionLabel(), Qt::LeftButton);
-    EXPECT_EQ(startStops, 1);
-    const QPoint gap = popover.circleButton()->geometry().topRight() + QPoint(5, 18);
-    QTest::mouseClick(popover.startRow(), Qt::LeftButton, {}, gap);
-    EXPECT_EQ(startStops, 2);
-}
+    // The gap between the disc and its caption belongs to the same row.
+    QTest::mouseClick(popover.startRow(), Qt::LeftButton, {},
+                      popover.circleButton()->geometry().topRight() + QPoint(5, 18));
+    EXPECT_EQ(startStops, 3);
 
-TEST_F(MainPopoverClicks, ReleaseOutsideTheDiscCancels) {
     auto* disc = popover.circleButton();
     QTest::mousePress(disc, Qt::LeftButton, {}, QPoint(18, 18));
     EXPECT_DOUBLE_EQ(disc->opacity(), 0.7);
     QTest::mouseRelease(disc, Qt::LeftButton, {}, QPoint(60, 18));
     EXPECT_DOUBLE_EQ(disc->opacity(), 1.0);
-    EXPECT_EQ(startStops, 0);
+    EXPECT_EQ(startStops, 3);
     QTest::mousePress(disc, Qt::LeftButton, {}, QPoint(18, 18));
-    QTest::mouseRelease(disc, Qt::LeftButton, {}, QPoint(35, 1)); // the square's corner, off the disc
-    EXPECT_EQ(startStops, 1);
-}
+    QTest::mouseRelease(disc, Qt::LeftButton, {}, QPoint(35, 1)); // off the disc, in its square: still a click
+    EXPECT_EQ(startStops, 4);
 
-TEST_F(MainPopoverClicks, HeaderAndQuitButtonsReport) {
-    int settings = 0;
-    int quits = 0;
-    popover.onSettings = [&] { ++settings; };
-    popover.onQuit = [&] { ++quits; };
     QTest::mouseClick(popover.settingsButton(), Qt::LeftButton);
     QTest::mouseClick(popover.quitButton(), Qt::LeftButton);
     EXPECT_EQ(settings, 1);
     EXPECT_EQ(quits, 1);
-    EXPECT_EQ(startStops, 0);
+    EXPECT_EQ(startStops, 4);
 }
 
-struct HistoryCase {
-    const char* webURL;
-    const char* opened; ///< nullptr: nothing is opened
-};
-
-class HistoryButtonTest : public ::testing::TestWithParam<HistoryCase> {};
-
-TEST_P(HistoryButtonTest, OpensTheWebApplicationsRecordings) {
-    MainPopoverController popover(QStringLiteral("1.0"));
-    popover.webURLProvider = [] { return QString::fromUtf8(GetParam().webURL); };
-    QList<QUrl> opened;
-    popover.openURL = [&](const QUrl& url) { opened << url; };
-    popover.show();
-    QTest::mouseClick(popover.historyButton(), Qt::LeftButton);
-    if (GetParam().opened) {
-        ASSERT_EQ(opened.size(), 1);
-        EXPECT_EQ(opened.front().toString(), QString::fromUtf8(GetParam().opened));
-    } else {
-        EXPECT_TRUE(opened.isEmpty());
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(URLs, HistoryButtonTest,
-                         ::testing::Values(HistoryCase{"https://tavrel.example.org/tavrel/index.html",
-                                                       "https://tavrel.example.org/tavrel/index.html#recordings"},
-                                           HistoryCase{"http://127.0.0.1:8642/tavrel/index.html",
-                                                       "http://127.0.0.1:8642/tavrel/index.html#recordings"},
-                                           HistoryCase{"", nullptr}, HistoryCase{"pas une adresse", nullptr},
-                                           HistoryCase{"https://exa mple.org/", nullptr}));
-
-TEST(MainPopover, HistoryWithoutAStoredURLOpensTheDefault) {
+TEST(MainPopover, HistoryOpensTheWebApplicationsRecordings) {
     tavrel::test::TempDir config;
     tavrel::test::ScopedEnvironment environment;
     environment.set("XDG_CONFIG_HOME", config.path().toUtf8());
-    MainPopoverController popover(QStringLiteral("1.0"));
-    QList<QUrl> opened;
-    popover.openURL = [&](const QUrl& url) { opened << url; };
-    popover.didTapHistory();
-    ASSERT_EQ(opened.size(), 1);
-    EXPECT_EQ(opened.front().toString(), tavrel::SettingsManager::defaultWebURL() + QStringLiteral("#recordings"));
+    const QString fallback = tavrel::SettingsManager::defaultWebURL() + QStringLiteral("#recordings");
+    const struct {
+        const char* webURL; ///< nullptr: nothing stored, the default applies
+        QString opened;     ///< empty: nothing is opened
+    } cases[] = {{"https://tavrel.example.org/tavrel/index.html",
+                  QStringLiteral("https://tavrel.example.org/tavrel/index.html#recordings")},
+                 {"http://127.0.0.1:8642/tavrel/index.html",
+                  QStringLiteral("http://127.0.0.1:8642/tavrel/index.html#recordings")},
+                 {nullptr, fallback},
+                 {"", {}},
+                 {"pas une adresse", {}},
+                 {"https://exa mple.org/", {}}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.webURL ? c.webURL : "(nothing stored)");
+        MainPopoverController popover(QStringLiteral("1.0"));
+        if (c.webURL)
+            popover.webURLProvider = [&] { return QString::fromUtf8(c.webURL); };
+        QStringList opened;
+        popover.openURL = [&](const QUrl& url) { opened << url.toString(); };
+        popover.show();
+        QTest::mouseClick(popover.historyButton(), Qt::LeftButton);
+        EXPECT_EQ(opened, c.opened.isEmpty() ? QStringList() : QStringList{c.opened});
+    }
 }
 
 TEST(MainPopover, EverythingFitsInsideThePopover) {
@@ -176,13 +125,12 @@ TEST(MainPopover, EverythingFitsInsideThePopover) {
     popover.show();
     QCoreApplication::processEvents();
     EXPECT_EQ(popover.size(), QSize(300, 148));
-    const QRect bounds = popover.rect();
     auto placed = [&](QWidget* widget) { return QRect(widget->mapTo(&popover, QPoint(0, 0)), widget->size()); };
     const QRect disc = placed(popover.circleButton());
     const QRect pause = placed(popover.pauseContainer());
     const QRect quit = placed(popover.quitButton());
     for (const QRect& rect : {disc, pause, quit, placed(popover.historyButton()), placed(popover.settingsButton())})
-        EXPECT_TRUE(bounds.contains(rect))
+        EXPECT_TRUE(popover.rect().contains(rect))
             << rect.x() << "," << rect.y() << " " << rect.width() << "x" << rect.height();
     EXPECT_EQ(disc.size(), QSize(36, 36));
     EXPECT_EQ(pause.height(), 30);

@@ -12,28 +12,30 @@ const QColor kBlue = QColor::fromRgbF(0.39f, 0.59f, 1.0f);
 const QColor kGreen = QColor::fromRgbF(0.2f, 0.78f, 0.5f);
 const QColor kRed = QColor::fromRgbF(0.95f, 0.3f, 0.25f);
 
-struct Band {
-    double level;
-    QColor color;
-};
-
-class MeterBandTest : public ::testing::TestWithParam<Band> {};
-
-TEST_P(MeterBandTest, BarTakesTheBandColourAndTheLevelsHeight) {
-    VUMeterView meter;
-    meter.setLevel(GetParam().level);
-    EXPECT_EQ(meter.barColor(), GetParam().color);
-    EXPECT_DOUBLE_EQ(meter.barRect().height(), GetParam().level * VUMeterView::kHeightPx);
-    EXPECT_DOUBLE_EQ(meter.barRect().y(), 0.0);
-    EXPECT_DOUBLE_EQ(meter.barRect().width(), VUMeterView::kWidthPx);
+TEST(VUMeterView, BarTakesTheBandColourAndTheLevelsHeight) {
+    const std::pair<double, QColor> bands[] = {{0.0, kBlue}, {0.59, kBlue}, {0.6, kGreen}, {0.849, kGreen},
+                                               {0.85, kRed}, {1.0, kRed},   {1.5, kRed},   {-0.1, kRed}};
+    for (const auto& [level, color] : bands) {
+        SCOPED_TRACE(level);
+        VUMeterView meter;
+        meter.setLevel(level);
+        EXPECT_EQ(meter.barColor(), color);
+        EXPECT_DOUBLE_EQ(meter.barRect().height(), level * VUMeterView::kHeightPx);
+        EXPECT_DOUBLE_EQ(meter.barRect().y(), 0.0);
+        EXPECT_DOUBLE_EQ(meter.barRect().width(), VUMeterView::kWidthPx);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Levels, MeterBandTest,
-                         ::testing::Values(Band{0.0, kBlue}, Band{0.59, kBlue}, Band{0.6, kGreen}, Band{0.849, kGreen},
-                                           Band{0.85, kRed}, Band{1.0, kRed}, Band{1.5, kRed}, Band{-0.1, kRed}));
 
 TEST(VUMeterView, PeakHoldsFifteenUpdatesThenSinksAndDisappears) {
     VUMeterView meter;
+    for (int update = 0; update < 40; ++update)
+        meter.setLevel(0.0);
+    // Silence keeps the line just below the bar, visible.
+    EXPECT_DOUBLE_EQ(meter.peak(), 0.0);
+    EXPECT_EQ(meter.peakHoldCount(), 0);
+    EXPECT_DOUBLE_EQ(meter.peakOpacity(), 0.8);
+    EXPECT_DOUBLE_EQ(meter.peakRect().y(), -2.0);
+
     meter.setLevel(1.0);
     EXPECT_DOUBLE_EQ(meter.peak(), 1.0);
     EXPECT_DOUBLE_EQ(meter.peakOpacity(), 0.8);
@@ -61,16 +63,6 @@ TEST(VUMeterView, PeakHoldsFifteenUpdatesThenSinksAndDisappears) {
     EXPECT_EQ(meter.peakHoldCount(), 15 + 33);
 }
 
-TEST(VUMeterView, SilenceKeepsThePeakLineJustBelowTheBar) {
-    VUMeterView meter;
-    for (int update = 0; update < 40; ++update)
-        meter.setLevel(0.0);
-    EXPECT_DOUBLE_EQ(meter.peak(), 0.0);
-    EXPECT_EQ(meter.peakHoldCount(), 0);
-    EXPECT_DOUBLE_EQ(meter.peakOpacity(), 0.8);
-    EXPECT_DOUBLE_EQ(meter.peakRect().y(), -2.0);
-}
-
 TEST(VUMeterView, ALevelAtTheSinkingLineCatchesIt) {
     VUMeterView meter;
     meter.setLevel(0.9);
@@ -83,13 +75,6 @@ TEST(VUMeterView, ALevelAtTheSinkingLineCatchesIt) {
     EXPECT_EQ(meter.peakHoldCount(), 0);
     meter.setLevel(0.1);
     EXPECT_DOUBLE_EQ(meter.peak(), sinking) << "the hold starts again";
-}
-
-TEST(VUMeterView, LevelAboveOneDrawsATallerBar) {
-    VUMeterView meter;
-    meter.setLevel(1.25);
-    EXPECT_GT(meter.barRect().height(), VUMeterView::kHeightPx);
-    EXPECT_EQ(meter.barColor(), kRed);
 }
 
 TEST(VUMeterView, BarIsPaintedFromTheBottomUp) {

@@ -59,55 +59,36 @@ protected:
     DelegateHarness h;
 };
 
-struct SendCase {
-    const char* label;
-    QString title;
-    std::optional<QString> client;
-    int type;
-    int depth;
-    QByteArray notes;
-    const char* expectedFields;
-};
-
-class DialogSendTest : public UploadDialogFlowTest, public ::testing::WithParamInterface<SendCase> {};
-
-TEST_P(DialogSendTest, SendUsesTheFormAndTheNotesFile) {
-    const SendCase& c = GetParam();
-    const QString path = h.makeRecording(QStringLiteral("tavrel_merged_1.m4a"), "audio", c.notes);
-    h.alerts->answer(QStringLiteral("Envoyer"), fill(c.title, c.client, c.type, c.depth));
-    runDialog(path);
-
-    ASSERT_EQ(h.alerts->shown().size(), 1u) << "no \"Client introuvable\"";
-    const auto& alert = h.alerts->shown().front();
-    EXPECT_EQ(alert.message, "Enregistrement terminé");
-    EXPECT_EQ(alert.informativeText, "Options de transcription :");
-    EXPECT_EQ(alert.buttons, (QStringList{"Envoyer", "Annuler"}));
-    EXPECT_TRUE(alert.hadAccessory);
-
-    ASSERT_TRUE(waitUntil([&] { return h.backend.uploadCount() == 1; }, 10s));
-    EXPECT_EQ(h.backend.fields(), jsonObject(c.expectedFields));
-    ASSERT_TRUE(waitUntil([&] { return !QFile::exists(path); }, 10s));
-    EXPECT_FALSE(QFile::exists(DelegateHarness::notesPath(path)));
+TEST_F(UploadDialogFlowTest, SendUsesTheFormAndTheNotesFile) {
+    const struct {
+        ScriptedAlertPresenter::Action fill;
+        QByteArray notes;
+        const char* expectedFields;
+    } cases[] = {{fill(QStringLiteral("Réunion commune"), QStringLiteral("dupont sa "), 1, 2),
+                  "[0:03] Début\n[1:10] Fin",
+                  R"({"title":"Réunion commune","client_id":"1","synthesis_type":"revue_dce",)"
+                  R"("synthesis_depth":"approfondie","notes":"[0:03] Début\n[1:10] Fin"})"},
+                 // Notes that are not UTF-8 are sent empty, so not at all.
+                 {fill(QString()), QByteArray("\xff\xfe note", 7),
+                  R"({"title":"Enregistrement","synthesis_type":"professional","synthesis_depth":"normal"})"},
+                 // Blank title and client are taken as typed, without "Client introuvable".
+                 {fill(QStringLiteral("   "), QStringLiteral("   ")),
+                  {},
+                  R"({"title":"   ","synthesis_type":"professional","synthesis_depth":"normal"})"}};
+    for (int number = 1; const auto& c : cases) {
+        SCOPED_TRACE(c.expectedFields);
+        h.alerts->answer(QStringLiteral("Envoyer"), c.fill);
+        runDialog(h.makeRecording(QStringLiteral("tavrel_merged_%1.m4a").arg(number), "audio", c.notes));
+        ASSERT_EQ(h.alerts->shown().size(), size_t(number));
+        const auto& alert = h.alerts->shown().back();
+        EXPECT_EQ(alert.message, "Enregistrement terminé");
+        EXPECT_EQ(alert.informativeText, "Options de transcription :");
+        EXPECT_EQ(alert.buttons, (QStringList{"Envoyer", "Annuler"}));
+        EXPECT_TRUE(alert.hadAccessory);
+        ASSERT_TRUE(waitUntil([&] { return h.backend.uploadCount() == number; }, 10s));
+        EXPECT_EQ(h.backend.fields(number++), jsonObject(c.expectedFields));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Forms, DialogSendTest,
-    ::testing::Values(SendCase{"Filled", QStringLiteral("Réunion commune"), QStringLiteral("dupont sa "), 1, 2,
-                               "[0:03] Début\n[1:10] Fin",
-                               R"({"title":"Réunion commune","client_id":"1","synthesis_type":"revue_dce",)"
-                               R"("synthesis_depth":"approfondie","notes":"[0:03] Début\n[1:10] Fin"})"},
-                      // Notes that are not UTF-8 are sent empty, so not at all.
-                      SendCase{
-                          "DefaultsAndUnreadableNotes", QString(), std::nullopt, -1, -1, QByteArray("\xff\xfe note", 7),
-                          R"({"title":"Enregistrement","synthesis_type":"professional","synthesis_depth":"normal"})"},
-                      SendCase{"SpacesTakenAsTyped",
-                               QStringLiteral("   "),
-                               QStringLiteral("   "),
-                               -1,
-                               -1,
-                               {},
-                               R"({"title":"   ","synthesis_type":"professional","synthesis_depth":"normal"})"}),
-    [](const auto& info) { return std::string(info.param.label); });
 
 TEST_F(UploadDialogFlowTest, CancelKeepsTheRecordingAndSaysSo) {
     const QString path = h.makeRecording(QStringLiteral("r.m4a"), "audio", "note");
@@ -180,8 +161,7 @@ protected:
     }
 };
 
-TEST_F(PendingRecordingsTest, NothingPendingMeansNoAlert) {
-    h.delegate->checkPendingRecordings();
+TEST_F(PendingRecordingsTest, OnlyRecordingsCountAndLaterOrShowInFileManagerChangeNothing) {
     h.makeRecording(QStringLiteral("a.notes.txt"), "note");
     h.makeRecording(QStringLiteral("m4a"), "no extension");
     QDir(h.recordingsDir()).mkpath(QStringLiteral("sub"));
@@ -189,36 +169,26 @@ TEST_F(PendingRecordingsTest, NothingPendingMeansNoAlert) {
     h.delegate->checkPendingRecordings();
     EXPECT_TRUE(h.alerts->shown().empty());
     EXPECT_TRUE(h.alerts->unexpected().isEmpty());
-}
 
-TEST_F(PendingRecordingsTest, ShowInFileManagerSelectsAllNewestFirst) {
     // Created at 09:00, 10:00, 11:00 in that order; listed by name they would come otherwise.
     const QString nine = recordingFrom(QStringLiteral("b.m4a"), 120);
     const QString ten = recordingFrom(QStringLiteral(".cache.M4A"), 60);
     const QString eleven = recordingFrom(QStringLiteral("a.m4a"), 0);
-    h.makeRecording(QStringLiteral("a.notes.txt"), "note");
+    const QStringList before = QDir(h.recordingsDir()).entryList(QDir::Files | QDir::Hidden);
+    h.alerts->answer(QStringLiteral("Plus tard"));
+    h.delegate->checkPendingRecordings();
+    EXPECT_EQ(QDir(h.recordingsDir()).entryList(QDir::Files | QDir::Hidden), before);
+    EXPECT_TRUE(h.desktop->revealed.isEmpty());
     h.alerts->answer(QStringLiteral("Afficher dans le Finder"));
     h.delegate->checkPendingRecordings();
 
-    ASSERT_EQ(h.alerts->shown().size(), 1u);
-    const auto& alert = h.alerts->shown().front();
-    EXPECT_EQ(alert.message, "3 enregistrement(s) non envoyé(s)");
-    EXPECT_EQ(alert.informativeText, "Des enregistrements attendent d'être envoyés pour transcription.");
-    EXPECT_EQ(alert.buttons, (QStringList{"Envoyer maintenant", "Afficher dans le Finder", "Plus tard"}));
-    EXPECT_EQ(h.desktop->revealed, QList<QStringList>{(QStringList{eleven, ten, nine})});
-}
-
-TEST_F(PendingRecordingsTest, LaterChangesNothingAndTheSameAlertComesBack) {
-    recordingFrom(QStringLiteral("x.M4A"), 5);
-    recordingFrom(QStringLiteral("y.m4a"), 1);
-    const QStringList before = QDir(h.recordingsDir()).entryList(QDir::Files | QDir::Hidden);
-    for (int check = 0; check < 2; ++check) {
-        h.alerts->answer(QStringLiteral("Plus tard"));
-        h.delegate->checkPendingRecordings();
+    ASSERT_EQ(h.alerts->shown().size(), 2u);
+    for (const auto& alert : h.alerts->shown()) {
+        EXPECT_EQ(alert.message, "3 enregistrement(s) non envoyé(s)");
+        EXPECT_EQ(alert.informativeText, "Des enregistrements attendent d'être envoyés pour transcription.");
+        EXPECT_EQ(alert.buttons, (QStringList{"Envoyer maintenant", "Afficher dans le Finder", "Plus tard"}));
     }
-    EXPECT_EQ(h.alerts->shownMessages(),
-              (QStringList{"2 enregistrement(s) non envoyé(s)", "2 enregistrement(s) non envoyé(s)"}));
-    EXPECT_EQ(QDir(h.recordingsDir()).entryList(QDir::Files | QDir::Hidden), before);
+    EXPECT_EQ(h.desktop->revealed, QList<QStringList>{(QStringList{eleven, ten, nine})});
     EXPECT_EQ(h.backend.uploadCount(), 0);
 }
 

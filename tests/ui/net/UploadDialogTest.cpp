@@ -2,8 +2,6 @@
 // key presses.
 #include "ui/UploadDialog.h"
 
-#include "ui/ClientSearchDelegate.h"
-
 #include <QAbstractButton>
 #include <QButtonGroup>
 #include <QCheckBox>
@@ -23,156 +21,140 @@ static void PrintTo(const QString& text, std::ostream* out) {
 
 namespace {
 
-QList<QJsonObject> clients() {
-    QList<QJsonObject> list;
-    for (const QJsonValue& value : QJsonDocument::fromJson(R"([{"id":1,"name":"Dupont SA"},{"id":2,"name":"Dupuis"},)"
-                                                           R"({"id":3,"name":"Société Générale"},{"id":4},)"
-                                                           R"({"id":5,"name":"Crédit Agricole"}])")
-                                       .array())
-        list.append(value.toObject());
-    return list;
-}
+const char* const kClients = R"([{"id":1,"name":"Dupont SA"},{"id":2,"name":"Dupuis"},)"
+                             R"({"id":3,"name":"Société Générale"},{"id":4},{"id":5,"name":"Crédit Agricole"}])";
 
-QStringList labelsOf(QButtonGroup* group) {
-    QStringList labels;
-    for (QAbstractButton* button : group->buttons())
-        labels << button->text();
-    return labels;
-}
-
-class UploadDialogTest : public ::testing::Test {
-protected:
-    /// The client field enabled and focused, ready for typing.
-    void enableClient() {
-        m_form.show();
-        m_form.clientCheckBox()->setChecked(true);
+/// A form over kClients, shown, with the client field enabled and focused when `clientChecked`.
+class Form : public UploadDialog {
+public:
+    explicit Form(bool clientChecked) : UploadDialog(clients()) {
+        show();
+        clientCheckBox()->setChecked(clientChecked);
         editor()->setFocus();
     }
+    QLineEdit* editor() const { return clientField()->lineEdit(); }
+    QString label() const { return matchLabel()->text(); }
 
-    QLineEdit* editor() const { return m_form.clientField()->lineEdit(); }
-    QString label() const { return m_form.matchLabel()->text(); }
-    void type(const QString& text) { QTest::keyClicks(editor(), text); }
-    void backspace() { QTest::keyClick(editor(), Qt::Key_Backspace); }
-
-    UploadDialog m_form{clients()};
+private:
+    static QList<QJsonObject> clients() {
+        QList<QJsonObject> list;
+        for (const QJsonValue& value : QJsonDocument::fromJson(kClients).array())
+            list.append(value.toObject());
+        return list;
+    }
 };
 
-TEST_F(UploadDialogTest, EveryControlStartsAtItsInitialValue) {
-    EXPECT_EQ(m_form.titleField()->placeholderText(), "Titre (ex : Réunion commune de X)");
-    EXPECT_TRUE(m_form.titleText().isEmpty());
-    EXPECT_EQ(m_form.titleField()->width(), 380);
-    EXPECT_EQ(m_form.clientCheckBox()->text(), "Attribuer à un client");
-    EXPECT_FALSE(m_form.isClientChecked());
-
-    QComboBox* field = m_form.clientField();
-    EXPECT_EQ(field->lineEdit()->placeholderText(), "Rechercher un client...");
-    EXPECT_EQ(field->completer(), nullptr) << "completion is the form's own, inline";
-    EXPECT_EQ(field->maxVisibleItems(), 8);
-    EXPECT_FALSE(field->isEnabled());
-    EXPECT_DOUBLE_EQ(m_form.clientFieldOpacity(), 0.35);
-    QStringList items;
-    for (int i = 0; i < field->count(); ++i)
-        items << field->itemText(i);
-    EXPECT_EQ(items, (QStringList{"Dupont SA", "Dupuis", "Société Générale", "Crédit Agricole"}));
-    EXPECT_TRUE(m_form.clientText().isEmpty());
-    EXPECT_TRUE(label().isEmpty());
-
-    QStringList captions;
-    for (const QLabel* caption : m_form.findChildren<QLabel*>())
-        captions << caption->text();
-    EXPECT_TRUE(captions.contains("Type de synthèse") && captions.contains("Profondeur"));
-    EXPECT_EQ(labelsOf(m_form.synthesisTypeGroup()), (QStringList{"Professionnelle", "Revue DCE", "Personnelle"}));
-    EXPECT_EQ(labelsOf(m_form.depthGroup()), (QStringList{"Concise", "Normale", "Approfondie"}));
-    EXPECT_EQ(m_form.synthesisType(), "professional");
-    EXPECT_EQ(m_form.depth(), "normal");
+QStringList textsOf(const QList<QAbstractButton*>& buttons) {
+    QStringList texts;
+    for (const QAbstractButton* button : buttons)
+        texts << button->text();
+    return texts;
 }
 
-TEST_F(UploadDialogTest, SelectedSegmentGivesTheValueSent) {
+TEST(UploadDialog, EveryControlStartsAtItsInitialValueAndSegmentsGiveTheValueSent) {
+    Form form(false);
+    EXPECT_EQ(form.titleField()->placeholderText(), "Titre (ex : Réunion commune de X)");
+    EXPECT_EQ(form.titleField()->width(), 380);
+    EXPECT_EQ(form.clientCheckBox()->text(), "Attribuer à un client");
+    EXPECT_EQ(form.editor()->placeholderText(), "Rechercher un client...");
+    EXPECT_EQ(form.clientField()->completer(), nullptr) << "completion is the form's own, inline";
+    EXPECT_EQ(form.clientField()->maxVisibleItems(), 8);
+    EXPECT_FALSE(form.clientField()->isEnabled());
+    EXPECT_DOUBLE_EQ(form.clientFieldOpacity(), 0.35);
+    QStringList items;
+    for (int i = 0; i < form.clientField()->count(); ++i)
+        items << form.clientField()->itemText(i);
+    EXPECT_EQ(items, (QStringList{"Dupont SA", "Dupuis", "Société Générale", "Crédit Agricole"}));
+    EXPECT_TRUE(form.titleText().isEmpty() && form.clientText().isEmpty() && form.label().isEmpty());
+    QStringList captions;
+    for (const QLabel* caption : form.findChildren<QLabel*>())
+        captions << caption->text();
+    EXPECT_TRUE(captions.contains("Type de synthèse") && captions.contains("Profondeur"));
+    EXPECT_EQ(textsOf(form.synthesisTypeGroup()->buttons()),
+              (QStringList{"Professionnelle", "Revue DCE", "Personnelle"}));
+    EXPECT_EQ(textsOf(form.depthGroup()->buttons()), (QStringList{"Concise", "Normale", "Approfondie"}));
+
     const QStringList types{"professional", "revue_dce", "personal"};
     const QStringList depths{"concise", "normal", "approfondie"};
+    EXPECT_EQ(form.synthesisType(), types[0]);
+    EXPECT_EQ(form.depth(), depths[1]);
     for (int i = 0; i < 3; ++i) {
-        m_form.synthesisTypeGroup()->button(i)->click();
-        m_form.depthGroup()->button(2 - i)->click();
-        EXPECT_EQ(m_form.synthesisType(), types[i]);
-        EXPECT_EQ(m_form.depth(), depths[2 - i]);
-        EXPECT_EQ(m_form.synthesisTypeGroup()->checkedId(), i) << "exactly one segment stays selected";
+        form.synthesisTypeGroup()->button(i)->click();
+        form.depthGroup()->button(2 - i)->click();
+        EXPECT_EQ(form.synthesisType(), types[i]);
+        EXPECT_EQ(form.depth(), depths[2 - i]);
+        EXPECT_EQ(form.synthesisTypeGroup()->checkedId(), i) << "exactly one segment stays selected";
     }
 }
 
-TEST_F(UploadDialogTest, CheckboxEnablesTheFieldAndClearsItWhenUnchecked) {
-    enableClient();
-    EXPECT_TRUE(m_form.clientField()->isEnabled());
-    EXPECT_DOUBLE_EQ(m_form.clientFieldOpacity(), 1.0);
-    type("Martin");
-    EXPECT_EQ(label(), "Aucun client correspondant");
-    m_form.clientCheckBox()->setChecked(false);
-    EXPECT_FALSE(m_form.clientField()->isEnabled());
-    EXPECT_DOUBLE_EQ(m_form.clientFieldOpacity(), 0.35);
-    EXPECT_TRUE(m_form.clientText().isEmpty());
-    EXPECT_TRUE(label().isEmpty());
+TEST(UploadDialog, CheckboxEnablesTheFieldAndClearsItWhenUnchecked) {
+    Form form(true);
+    EXPECT_TRUE(form.clientField()->isEnabled());
+    EXPECT_DOUBLE_EQ(form.clientFieldOpacity(), 1.0);
+    QTest::keyClicks(form.editor(), "Martin");
+    EXPECT_EQ(form.label(), "Aucun client correspondant");
+    form.clientCheckBox()->setChecked(false);
+    EXPECT_FALSE(form.clientField()->isEnabled());
+    EXPECT_DOUBLE_EQ(form.clientFieldOpacity(), 0.35);
+    EXPECT_TRUE(form.clientText().isEmpty() && form.label().isEmpty());
 }
 
-TEST_F(UploadDialogTest, TypingSocieteCompletesWithTheBackendsSpellingAndSelectsTheRest) {
-    enableClient();
-    type("societe");
-    EXPECT_EQ(editor()->text(), "Société Générale");
-    EXPECT_EQ(editor()->selectedText(), " Générale");
-    EXPECT_EQ(editor()->selectionStart(), 7);
-    EXPECT_EQ(label(), "✓ Société Générale");
-    EXPECT_EQ(m_form.matchLabel()->font().weight(), QFont::DemiBold);
-    EXPECT_DOUBLE_EQ(m_form.matchLabel()->font().pointSizeF(), 11.5);
-    const QColor green = m_form.matchLabel()->palette().color(QPalette::WindowText);
-    EXPECT_GT(green.green(), green.red());
-    EXPECT_EQ(editor()->palette().color(QPalette::Text), green);
-
-    // Typing on replaces the selection and, being a shortening, does not complete again.
-    type("x");
-    EXPECT_EQ(editor()->text(), "Sociétéx");
-    EXPECT_TRUE(editor()->selectedText().isEmpty());
-    EXPECT_EQ(label(), "Aucun client correspondant");
-    EXPECT_DOUBLE_EQ(m_form.matchLabel()->font().pointSizeF(), 11.0);
-    EXPECT_NE(editor()->palette().color(QPalette::Text), green);
+TEST(UploadDialog, CompletesOnlyWhenLengtheningToASingleMatch) {
+    /// Keys typed ("\b" is a backspace) and what the field and its label show then.
+    struct Step {
+        const char* keys;
+        const char* text;
+        const char* selected;
+        const char* label;
+    };
+    const std::vector<std::vector<Step>> scripts = {
+        // Accents folded, the backend's spelling shown, the rest selected; typing on replaces the selection
+        // and, being a shortening, does not complete again.
+        {{"societe", "Société Générale", " Générale", "✓ Société Générale"},
+         {"x", "Sociétéx", "", "Aucun client correspondant"}},
+        // Deleting never completes; lengthening again does.
+        {{"dupo", "Dupont SA", "nt SA", "✓ Dupont SA"},
+         {"\b\b", "Dup", "", "Aucun client correspondant"},
+         {"u", "Dupuis", "is", "✓ Dupuis"}},
+        {{"du", "du", "", "Aucun client correspondant"}},
+        // "dupu" completes; "i" over the selection is a shortening; "s" makes the whole name.
+        {{"dupuis", "Dupuis", "", "✓ Dupuis"}},
+        {{"   ", "   ", "", ""}}};
+    for (const auto& script : scripts) {
+        Form form(true);
+        for (const Step& step : script) {
+            SCOPED_TRACE(step.keys);
+            for (const char* key = step.keys; *key; ++key) {
+                if (*key == '\b')
+                    QTest::keyClick(form.editor(), Qt::Key_Backspace);
+                else
+                    QTest::keyClicks(form.editor(), QString(QLatin1Char(*key)));
+            }
+            EXPECT_EQ(form.editor()->text(), QString::fromUtf8(step.text));
+            EXPECT_EQ(form.editor()->selectedText(), QString::fromUtf8(step.selected));
+            EXPECT_EQ(form.label(), QString::fromUtf8(step.label));
+            // A match shows green and semi-bold, in the field as in the label; no match, the usual colour.
+            const bool match = form.label().startsWith(QStringLiteral("✓ "));
+            const QColor textColor = form.editor()->palette().color(QPalette::Text);
+            EXPECT_EQ(match, textColor.green() > textColor.red());
+            if (match) {
+                EXPECT_EQ(form.matchLabel()->palette().color(QPalette::WindowText), textColor);
+                EXPECT_EQ(form.matchLabel()->font().weight(), QFont::DemiBold);
+            }
+            if (!form.label().isEmpty()) {
+                EXPECT_DOUBLE_EQ(form.matchLabel()->font().pointSizeF(), match ? 11.5 : 11.0);
+            }
+        }
+    }
 }
 
-TEST_F(UploadDialogTest, DeletingNeverCompletes) {
-    enableClient();
-    type("dupo");
-    EXPECT_EQ(editor()->text(), "Dupont SA");
-    EXPECT_EQ(editor()->selectedText(), "nt SA");
-    backspace(); // removes the selection
-    EXPECT_EQ(editor()->text(), "Dupo");
-    backspace();
-    EXPECT_EQ(editor()->text(), "Dup");
-    EXPECT_EQ(label(), "Aucun client correspondant");
-    type("u"); // lengthening again completes again
-    EXPECT_EQ(editor()->text(), "Dupuis");
-    EXPECT_EQ(editor()->selectedText(), "is");
-}
-
-TEST_F(UploadDialogTest, AmbiguousCompleteOrBlankTextIsLeftAsTyped) {
-    enableClient();
-    type("du");
-    EXPECT_EQ(editor()->text(), "du");
-    EXPECT_EQ(label(), "Aucun client correspondant");
-    editor()->clear();
-    m_form.searchDelegate()->lastLen = 0;
-    type("dupuis");
-    // "dupu" completed to "Dupuis"; "i" typed over the selection is a shortening, and the final "s" makes
-    // the whole name: nothing is left to complete.
-    EXPECT_EQ(editor()->text(), "Dupuis");
-    EXPECT_EQ(label(), "✓ Dupuis");
-    editor()->clear();
-    type("   ");
-    EXPECT_TRUE(label().isEmpty()) << "spaces alone";
-}
-
-TEST_F(UploadDialogTest, PickingFromTheListRefreshesTheLabelOnTheNextTurn) {
-    enableClient();
-    m_form.clientField()->setCurrentIndex(3);
-    emit m_form.clientField()->activated(3);
-    EXPECT_TRUE(label().isEmpty()) << "refreshed before the field's text was final";
+TEST(UploadDialog, PickingFromTheListRefreshesTheLabelOnTheNextTurn) {
+    Form form(true);
+    form.clientField()->setCurrentIndex(3);
+    emit form.clientField()->activated(3);
+    EXPECT_TRUE(form.label().isEmpty()) << "refreshed before the field's text was final";
     QCoreApplication::processEvents();
-    EXPECT_EQ(label(), "✓ Crédit Agricole");
+    EXPECT_EQ(form.label(), "✓ Crédit Agricole");
 }
 
 } // namespace
