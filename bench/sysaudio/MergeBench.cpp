@@ -1,5 +1,6 @@
 // Time to merge a long microphone track (AAC mono) with a long tap track (float stereo CAF), against
-// ffmpeg's own amix writing AAC from the same inputs in the same run.
+// ffmpeg's own amix writing AAC from the same inputs in the same run, and against our own merge with the
+// whole timeline on one encoder thread.
 //
 //   bench_sysaudio_merge [minutes, default 60] [work directory, default a fresh one under /tmp]
 //
@@ -12,10 +13,9 @@
 #include <QElapsedTimer>
 #include <QProcess>
 #include <QTemporaryDir>
-
 #include <cstdio>
-
 #include <sys/resource.h>
+#include <thread>
 
 namespace {
 
@@ -67,23 +67,39 @@ int main(int argc, char** argv) {
         return 1;
 
     const double referenceCpu = cpuSeconds(RUSAGE_CHILDREN) - childCpuBefore;
-    const double cpuBefore = cpuSeconds(RUSAGE_SELF);
-    QElapsedTimer timer;
-    timer.start();
-    try {
-        tavrel::mergeAudioFilesInto(mic, {tap}, dir.filePath("merged.m4a"));
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "merge failed: %s\n", error.what());
+    struct Run {
+        qint64 wallMs = 0;
+        double cpuS = 0.0;
+    };
+    const auto merge = [&](const tavrel::ParallelM4aWriter::Tuning& encoding, Run& run) {
+        const double cpuBefore = cpuSeconds(RUSAGE_SELF);
+        QElapsedTimer timer;
+        timer.start();
+        try {
+            tavrel::mergeAudioFilesInto(mic, {tap}, dir.filePath("merged.m4a"), encoding);
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "merge failed: %s\n", error.what());
+            return false;
+        }
+        run.wallMs = timer.elapsed();
+        run.cpuS = cpuSeconds(RUSAGE_SELF) - cpuBefore;
+        return true;
+    };
+    Run ours;
+    Run oneEncoder; // the same merge with the whole timeline on one encoder thread: what the segments buy
+    if (!merge({}, ours) || !merge({int64_t{1} << 40, 1}, oneEncoder))
         return 1;
-    }
-    const qint64 oursMs = timer.elapsed();
-    const double oursCpu = cpuSeconds(RUSAGE_SELF) - cpuBefore;
+    const qint64 oursMs = ours.wallMs;
+    const double oursCpu = ours.cpuS;
 
     std::printf("audio length            %d min\n", minutes);
     std::printf("ffmpeg amix -> AAC       %.2f s\n", referenceMs / 1000.0);
     std::printf("mergeAudioFiles          %.2f s\n", oursMs / 1000.0);
     std::printf("wall ratio (goal <= 0.5) %.3f\n", static_cast<double>(oursMs) / static_cast<double>(referenceMs));
     std::printf("CPU: ffmpeg %.2f s, ours %.2f s, ratio %.3f\n", referenceCpu, oursCpu, oursCpu / referenceCpu);
+    std::printf("one encoder thread       %.2f s (CPU %.2f s), segments on %u threads are %.2fx faster\n",
+                oneEncoder.wallMs / 1000.0, oneEncoder.cpuS, std::max(1u, std::thread::hardware_concurrency()),
+                static_cast<double>(oneEncoder.wallMs) / static_cast<double>(oursMs));
     // On a machine shared with other work the wall times swing; the CPU ratio is the steadier figure.
     std::printf("speed                    %.0fx real time\n", minutes * 60000.0 / static_cast<double>(oursMs));
     return 0;
