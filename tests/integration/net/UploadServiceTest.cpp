@@ -67,12 +67,17 @@ TEST_F(UploadServiceTest, ServerReceivesEveryFieldAndTheFileWithExactFraming) {
                  {QString(), 1, {}},
                  {QStringLiteral("t"), 42, QStringLiteral("[00:05] Prix\r\n[01:10] Délai « court »")},
                  {QStringLiteral("t"), std::nullopt, QStringLiteral("   ")}};
-    const QByteArray audio = awkwardBytes(64 * 1024 + 7);
-    const QString path = writeRecording(QStringLiteral("tavrel_merged_1731772800.m4a"), audio);
+    // Large enough to go out in several chunks; the name goes raw, in UTF-8.
+    const QByteArray audio = awkwardBytes(1024 * 1024 + 7);
+    const QString name = QStringLiteral("réunion d'équipe.m4a");
+    const QString path = writeRecording(name, audio);
     for (int number = 1; const auto& c : cases) {
         SCOPED_TRACE(number);
-        const auto outcome = runTask(UploadService::uploadAsync(path, c.title, c.clientId, QStringLiteral("revue_dce"),
-                                                                QStringLiteral("approfondie"), c.notes));
+        qint64 lastSent = -1;
+        qint64 lastTotal = -1;
+        const auto outcome = runTask(UploadService::uploadAsync(
+            path, c.title, c.clientId, QStringLiteral("revue_dce"), QStringLiteral("approfondie"), c.notes,
+            [&](qint64 sent, qint64 total) { lastSent = sent, lastTotal = total; }));
         ASSERT_TRUE(outcome.value) << outcome.errorText().toStdString();
         const QJsonObject received = m_backend.upload(number);
         EXPECT_TRUE(received.value("accepted").toBool());
@@ -80,6 +85,7 @@ TEST_F(UploadServiceTest, ServerReceivesEveryFieldAndTheFileWithExactFraming) {
         EXPECT_EQ(received.value("path").toString(), "/backend/transcriptions/upload-async");
         EXPECT_EQ(received.value("authorization").toString(), "Bearer ") << "sent even with an empty token";
         EXPECT_EQ(m_backend.uploadFile(number), audio);
+        EXPECT_EQ(received.value("files").toArray().at(0).toObject().value("filename").toString(), name);
 
         // The framing, byte for byte, rebuilt from the boundary the server was told about; the server's own
         // parser agrees on every field.
@@ -103,32 +109,17 @@ TEST_F(UploadServiceTest, ServerReceivesEveryFieldAndTheFileWithExactFraming) {
             field("client_id", QString::number(*c.clientId));
         if (!c.notes.isEmpty())
             field("notes", c.notes);
-        expected += "--" + b +
-                    "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"tavrel_merged_1731772800.m4a\""
-                    "\r\nContent-Type: audio/m4a\r\n\r\n" +
-                    audio + "\r\n--" + b + "--\r\n";
+        expected += "--" + b + "\r\nContent-Disposition: form-data; name=\"file\"; filename=\"" + name.toUtf8() +
+                    "\"\r\nContent-Type: audio/m4a\r\n\r\n" + audio + "\r\n--" + b + "--\r\n";
         EXPECT_TRUE(m_backend.uploadBody(number) == expected) << "raw body differs";
+        EXPECT_EQ(lastSent, expected.size()) << "progress covers the whole body";
+        EXPECT_EQ(lastTotal, expected.size());
         EXPECT_EQ(received.value("fields").toObject(), expectedFields);
         if (number > 1) { // each upload has its own boundary
             EXPECT_NE(contentType, m_backend.upload(number - 1).value("content_type").toString());
         }
         ++number;
     }
-}
-
-TEST_F(UploadServiceTest, FileNameGoesRawAndProgressCoversTheWholeBody) {
-    const QString name = QStringLiteral("réunion d'équipe.m4a");
-    qint64 lastSent = -1;
-    qint64 lastTotal = -1;
-    const auto outcome = runTask(UploadService::uploadAsync(
-        writeRecording(name, awkwardBytes(3 * 1024 * 1024)), "x", std::nullopt, "professional", "normal", {},
-        [&](qint64 sent, qint64 total) { lastSent = sent, lastTotal = total; }));
-    ASSERT_TRUE(outcome.value) << outcome.errorText().toStdString();
-    const QByteArray body = m_backend.uploadBody(1);
-    EXPECT_TRUE(body.contains("filename=\"" + name.toUtf8() + "\"\r\n"));
-    EXPECT_EQ(m_backend.upload(1).value("files").toArray().at(0).toObject().value("filename").toString(), name);
-    EXPECT_EQ(lastTotal, body.size());
-    EXPECT_EQ(lastSent, body.size());
 }
 
 // ----- addresses and headers --------------------------------------------------------------------------------
@@ -201,7 +192,7 @@ TEST_F(UploadServiceTest, OnlyAnArrayOfObjectsIsAClientList) {
     EXPECT_TRUE(runTask(UploadService::fetchClients()).errorAs<TransportFailure>());
 }
 
-TEST_F(UploadServiceTest, UploadAnswerIsJudgedAsSpecified) {
+TEST_F(UploadServiceTest, UploadAnswerGivesTheResultOrTheErrorText) {
     const QString bad = QStringLiteral("Réponse inattendue du serveur");
     const QString accents = QStringLiteral("e\u0301").repeated(150);
     const struct {
@@ -235,7 +226,7 @@ TEST_F(UploadServiceTest, UploadAnswerIsJudgedAsSpecified) {
     }
 }
 
-TEST_F(UploadServiceTest, JobStateIsReadAsSpecified) {
+TEST_F(UploadServiceTest, JobStateFallsBackToUnknownAndFailedPollsThrow) {
     const struct {
         const char* step; ///< the job's one state on the server
         QString expected; ///< the status read, or the error thrown
