@@ -90,19 +90,6 @@ TEST_F(UploadDialogFlowTest, SendUsesTheFormAndTheNotesFile) {
     }
 }
 
-TEST_F(UploadDialogFlowTest, CancelKeepsTheRecordingAndSaysSo) {
-    const QString path = h.makeRecording(QStringLiteral("r.m4a"), "audio", "note");
-    h.alerts->answer(QStringLiteral("Annuler"));
-    runDialog(path);
-    EXPECT_EQ(h.notifier->notifications,
-              (QList<QPair<QString, QString>>{
-                  {QStringLiteral("Enregistrement conservé"),
-                   QStringLiteral("Non envoyé — il vous sera proposé au prochain lancement d'TaVREL Recorder.")}}));
-    EXPECT_TRUE(QFile::exists(path));
-    EXPECT_TRUE(QFile::exists(DelegateHarness::notesPath(path)));
-    EXPECT_EQ(h.backend.uploadCount(), 0);
-}
-
 TEST_F(UploadDialogFlowTest, UnknownClientCanBeSentWithoutClient) {
     h.alerts->answer(QStringLiteral("Envoyer"), fill(QStringLiteral("t"), QStringLiteral(" dup ")));
     h.alerts->answer(QStringLiteral("Envoyer sans client"));
@@ -116,8 +103,8 @@ TEST_F(UploadDialogFlowTest, UnknownClientCanBeSentWithoutClient) {
     EXPECT_FALSE(h.backend.fields().contains("client_id"));
 }
 
-TEST_F(UploadDialogFlowTest, BackToTheFormFetchesAgainAndStartsEmpty) {
-    const QString path = h.makeRecording(QStringLiteral("r.m4a"));
+TEST_F(UploadDialogFlowTest, BackToTheFormStartsAfreshAndCancelKeepsTheRecording) {
+    const QString path = h.makeRecording(QStringLiteral("r.m4a"), "audio", "note");
     h.alerts->answer(QStringLiteral("Envoyer"), fill(QStringLiteral("Premier essai"), QStringLiteral("Martin"), 2, 0));
     h.alerts->answer(QStringLiteral("Revenir au formulaire"));
     bool freshForm = false;
@@ -130,9 +117,14 @@ TEST_F(UploadDialogFlowTest, BackToTheFormFetchesAgainAndStartsEmpty) {
     EXPECT_EQ(h.alerts->shownMessages(),
               (QStringList{"Enregistrement terminé", "Client introuvable", "Enregistrement terminé"}));
     EXPECT_TRUE(freshForm);
-    EXPECT_EQ(clientFetches(), 2);
+    EXPECT_EQ(clientFetches(), 2) << "the new form fetches the list again";
+    EXPECT_EQ(h.notifier->notifications,
+              (QList<QPair<QString, QString>>{
+                  {QStringLiteral("Enregistrement conservé"),
+                   QStringLiteral("Non envoyé — il vous sera proposé au prochain lancement d'TaVREL Recorder.")}}));
     EXPECT_EQ(h.backend.uploadCount(), 0);
     EXPECT_TRUE(QFile::exists(path));
+    EXPECT_TRUE(QFile::exists(DelegateHarness::notesPath(path)));
 }
 
 TEST_F(UploadDialogFlowTest, UnreachableClientListStillOpensTheDialog) {
