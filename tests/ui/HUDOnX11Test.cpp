@@ -60,6 +60,7 @@ TEST(HUDOnX11, Child) {
     // Qt's own stay-on-top state is kept beside ours.
     for (const char* state : {"_NET_WM_STATE_STICKY", "_NET_WM_STATE_ABOVE"})
         EXPECT_NE(std::find(states.begin(), states.end(), atom(connection, state)), states.end()) << state;
+    EXPECT_TRUE(hud.panel()->isVisible());
     EXPECT_FALSE(hud.panel()->mask().isEmpty()) << "cut to the card's shape: no black shadow area";
     EXPECT_EQ(hud.panel()->geometry(),
               tavrel::RecordingHUD::panelRect(QGuiApplication::primaryScreen()->availableGeometry()));
