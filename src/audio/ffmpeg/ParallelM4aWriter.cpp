@@ -10,6 +10,7 @@ extern "C" {
 #include <algorithm>
 #include <exception>
 #include <limits>
+#include <system_error>
 
 namespace tavrel {
 
@@ -118,7 +119,9 @@ ParallelM4aWriter::ParallelM4aWriter(const QString& path, int sampleRateHz, int 
 
 ParallelM4aWriter::ParallelM4aWriter(const QString& path, int sampleRateHz, int bitRate, Tuning tuning)
     : m_sampleRateHz(sampleRateHz), m_bitRate(bitRate), m_tuning(tuning) {
-    m_tuning.segmentFrames = std::max(kAacFrame, (m_tuning.segmentFrames + kAacFrame - 1) / kAacFrame * kAacFrame);
+    // A segment must outlast the next one's lead-in and the join search, or joins would overtake each other.
+    m_tuning.segmentFrames =
+        std::max(kLeadFrames + kJoinSearchFrames, (m_tuning.segmentFrames + kAacFrame - 1) / kAacFrame * kAacFrame);
     if (m_tuning.threads <= 0)
         m_tuning.threads = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
 
@@ -137,8 +140,15 @@ ParallelM4aWriter::ParallelM4aWriter(const QString& path, int sampleRateHz, int 
 
     m_filling = std::make_unique<Segment>();
     m_filling->samples.reserve(static_cast<size_t>(std::min(m_tuning.segmentFrames, kReservedFrames) + kTailFrames));
-    for (int i = 0; i < m_tuning.threads; ++i)
-        m_workers.emplace_back([this] { workerLoop(); });
+    try {
+        for (int i = 0; i < m_tuning.threads; ++i)
+            m_workers.emplace_back([this] { workerLoop(); });
+    } catch (const std::system_error&) {
+        if (m_workers.empty())
+            throw FfmpegError(QStringLiteral("Impossible de lancer l'encodage audio"));
+        // Fewer threads than asked for still encode everything.
+        m_tuning.threads = static_cast<int>(m_workers.size());
+    }
 }
 
 ParallelM4aWriter::~ParallelM4aWriter() {

@@ -30,8 +30,9 @@ namespace tavrel {
 class ParallelM4aWriter {
 public:
     struct Tuning {
-        /// Audio per segment, in frames; a multiple of the AAC frame (1024). Long segments keep the share of
-        /// doubly encoded audio small, short ones spread a short file over the threads.
+        /// Audio per segment, in frames, rounded up to whole AAC frames (1024) and at least 16 of them. Long
+        /// segments keep the share of doubly encoded audio small (19 frames per segment), short ones spread a
+        /// short file over the threads.
         int64_t segmentFrames = 1024 * 1292; // about 30 s at 44.1 kHz
         /// Encoder threads; 0 means one per hardware thread.
         int threads = 0;
