@@ -18,10 +18,10 @@
 #include <vector>
 
 // The mix is mono: the tracks are speech for a transcription service, the microphone is already mono, and
-// one channel halves the AAC encoding, which is most of the time the user waits for; that encoding is
-// spread over the processor's threads by cutting the timeline into segments (ParallelM4aWriter). A stereo input is
-// folded with 1/2 + 1/2 (a centred voice keeps its level) rather than swresample's default downmix, which
-// adds the channels up; the tracks themselves are then summed at unit gain.
+// one channel halves the AAC encoding, which is most of the time the user waits for (that encoding is also
+// spread over the processor's threads, see ParallelM4aWriter). A stereo input is folded with 1/2 + 1/2 (a
+// centred voice keeps its level) rather than swresample's default downmix, which adds the channels up; the
+// tracks themselves are then summed at unit gain.
 
 namespace tavrel {
 
