@@ -43,7 +43,7 @@ public:
             return;
         QStringList uris;
         for (const QString& path : paths)
-            uris << QUrl::fromLocalFile(path).toString();
+            uris << QString::fromLatin1(QUrl::fromLocalFile(path).toEncoded()); // file managers want %-escapes
         QDBusMessage call = QDBusMessage::createMethodCall(
             QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"),
             QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("ShowItems"));

@@ -94,7 +94,7 @@ INSTANTIATE_TEST_SUITE_P(
         NotificationCase{"empty_body", QStringLiteral("Titre seul"), QString()}),
     [](const auto& info) { return std::string(info.param.name); });
 
-// One file-manager window with every file selected, as file URIs that lead back to the paths.
+// One file-manager window with every file selected, as escaped file URIs that lead back to the paths.
 TEST_F(LinuxPlatformTest, RevealAsksTheFileManagerToShowTheFiles) {
     const QStringList paths{QStringLiteral("/tmp/Réunion 1.m4a"), QStringLiteral("/tmp/b.notes.txt")};
     const int before = static_cast<int>(bus().fileManagerCalls().size());
@@ -106,6 +106,7 @@ TEST_F(LinuxPlatformTest, RevealAsksTheFileManagerToShowTheFiles) {
     for (const QString& uri : call.uris)
         shown << QUrl(uri).toLocalFile();
     EXPECT_EQ(shown, paths) << call.uris.join(u' ').toStdString();
+    EXPECT_EQ(call.uris.front(), QStringLiteral("file:///tmp/R%C3%A9union%201.m4a"));
 }
 
 } // namespace

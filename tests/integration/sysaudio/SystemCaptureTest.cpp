@@ -499,9 +499,11 @@ TEST_P(FilterOutputTest, recordsTheDeviceBehindTheFilter) {
 
     const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
     const double directOnset = onsetAfter(samples, 0.0);
-    EXPECT_NEAR(directOnset, direct, 0.15) << "the speakers' own stream";
+    // What is checked here is which device is heard; alignment has tests of its own, so paplay's start-up
+    // on a loaded machine is allowed for.
+    EXPECT_NEAR(directOnset, direct, 0.3) << "the speakers' own stream";
     // The canceller adds its own processing delay to what goes through it.
-    EXPECT_NEAR(onsetAfter(samples, directOnset + 1.0), throughFilter, 0.3) << "the stream through the filter";
+    EXPECT_NEAR(onsetAfter(samples, directOnset + 1.0), throughFilter, 0.4) << "the stream through the filter";
     const QString prefix = GetParam() == FilterCase::tapOnPipeWire ? QStringLiteral("[ProcessTap]")
                                                                     : QStringLiteral("[SystemAudio]");
     EXPECT_TRUE(log.lines().contains(prefix + QStringLiteral(" Sortie filtrée, capture du périphérique → ") + speaker))
