@@ -1,10 +1,10 @@
 // CPU share of one core while the microphone and one system source record, on a private PulseAudio
-// server, against the same server with a plain `parecord` pair doing the same (the reference).
+// server, against the same server with two `parecord | ffmpeg -c:a aac` pipelines doing the same work
+// (the reference: microphone mono, monitor stereo, both to AAC), measured in the same run.
 //
 //   bench_sysaudio_cpu [seconds, default 30]
 
 #include "PulseAudioFixture.h"
-
 #include "audio/MicRecorder.h"
 #include "audio/SystemAudioRecorder.h"
 
@@ -12,11 +12,9 @@
 #include <QDir>
 #include <QProcess>
 #include <QTemporaryDir>
-
-#include <sys/resource.h>
-
 #include <chrono>
 #include <cstdio>
+#include <sys/resource.h>
 #include <thread>
 
 namespace {
@@ -43,12 +41,14 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "cannot start PulseAudio\n");
         return 1;
     }
-    // Broadband sound like a voice; a steady pure tone is a pathological (slow) case for the AAC encoder.
+    // Broadband sound like a voice, long enough for both runs; a steady pure tone is a pathological (slow) case for the
+    // AAC encoder.
     const QString tone = scratch.filePath("noise.wav");
-    if (QProcess::execute(QStringLiteral("ffmpeg"),
-                          {"-v", "error", "-y", "-f", "lavfi", "-i",
-                           QStringLiteral("anoisesrc=color=pink:sample_rate=44100:amplitude=0.1:duration=%1").arg(seconds + 5),
-                           "-ac", "2", tone}) != 0) {
+    if (QProcess::execute(
+            QStringLiteral("ffmpeg"),
+            {"-v", "error", "-y", "-f", "lavfi", "-i",
+             QStringLiteral("anoisesrc=color=pink:sample_rate=44100:amplitude=0.1:duration=%1").arg(2 * seconds + 10),
+             "-ac", "2", tone}) != 0) {
         std::fprintf(stderr, "cannot make the signal\n");
         return 1;
     }
@@ -65,6 +65,27 @@ int main(int argc, char** argv) {
     };
 
     const double idle = measure([&] { std::this_thread::sleep_for(std::chrono::seconds(2)); });
+
+    // The reference, as child processes.
+    const double childrenBefore = cpuSeconds(RUSAGE_CHILDREN);
+    const auto referenceBegin = std::chrono::steady_clock::now();
+    const QString pipe =
+        QStringLiteral("timeout -s INT %1 parecord --raw --format=float32le --rate=44100 --channels=%2 "
+                       "--latency-msec=40 -d %3 | ffmpeg -v error -y -f f32le -ar 44100 -ac %2 -i - "
+                       "-c:a aac %4");
+    QProcess reference;
+    reference.start(
+        QStringLiteral("sh"),
+        {QStringLiteral("-c"), pipe.arg(seconds).arg(1).arg(server.micSource(), scratch.filePath("reference-mic.m4a")) +
+                                   QStringLiteral(" & ") +
+                                   pipe.arg(seconds).arg(2).arg(AudioServerFixture::monitorOf(server.speakerSink()),
+                                                                scratch.filePath("reference-sys.m4a")) +
+                                   QStringLiteral("; wait")});
+    reference.waitForFinished(1000 * (seconds + 60));
+    const double referenceWall =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - referenceBegin).count();
+    const double referenceShare = (cpuSeconds(RUSAGE_CHILDREN) - childrenBefore) / referenceWall;
+
     const double recording = measure([&] {
         MicRecorder micRecorder(scratch.filePath("mic.m4a"));
         micRecorder.record();
@@ -82,5 +103,8 @@ int main(int argc, char** argv) {
     std::printf("idle process                       %.2f %% of one core\n", 100.0 * idle);
     std::printf("microphone + monitor source        %.2f %% of one core (target < 2 %%)\n", 100.0 * recording);
     std::printf("  (includes finishing both files: stream copy of the fragmented .m4a into a plain one)\n");
+    std::printf("two parecord | ffmpeg -c:a aac      %.2f %% of one core (reference)\n", 100.0 * referenceShare);
+    if (referenceShare > 0)
+        std::printf("ratio ours / reference             %.2f\n", recording / referenceShare);
     return 0;
 }
