@@ -30,8 +30,9 @@ const OutputChainSink* nextInChain(const std::vector<OutputChainSink>& sinks,
 } // namespace
 
 const OutputChainSink* endOfOutputChain(const std::vector<OutputChainSink>& sinks,
-                                        const std::vector<OutputChainStream>& streams, uint32_t sinkId) {
-    const auto start = std::find_if(sinks.begin(), sinks.end(), [sinkId](const auto& s) { return s.id == sinkId; });
+                                        const std::vector<OutputChainStream>& streams, const QString& sinkName) {
+    const auto start =
+        std::find_if(sinks.begin(), sinks.end(), [&sinkName](const auto& s) { return s.name == sinkName; });
     if (start == sinks.end())
         return nullptr;
     const OutputChainSink* current = &*start;

@@ -9,7 +9,7 @@
 //
 //   std::vector<OutputChainSink> sinks = ...;      // every sink, with how it is chained
 //   std::vector<OutputChainStream> streams = ...;  // every playback stream and the sink it feeds
-//   const OutputChainSink* device = endOfOutputChain(sinks, streams, defaultSinkId);
+//   const OutputChainSink* device = endOfOutputChain(sinks, streams, defaultSinkName);
 //
 // A filter names its device in one of two ways: PulseAudio's filters set "device.master_device" to the
 // device's name; PipeWire's filters share a "node.link-group" between their sink and the playback stream
@@ -34,9 +34,9 @@ struct OutputChainStream {
     uint32_t sinkId = 0;
 };
 
-/// The sink at the end of the chain that starts at `sinkId` (that sink itself when it is not a filter);
-/// nullptr when `sinkId` is unknown. A chain that loops stops where the loop closes.
+/// The sink at the end of the chain that starts at the sink named `sinkName` (that sink itself when it is
+/// not a filter); nullptr when there is no such sink. A chain that loops stops where the loop closes.
 const OutputChainSink* endOfOutputChain(const std::vector<OutputChainSink>& sinks,
-                                        const std::vector<OutputChainStream>& streams, uint32_t sinkId);
+                                        const std::vector<OutputChainStream>& streams, const QString& sinkName);
 
 } // namespace tavrel

@@ -265,11 +265,7 @@ QString ProcessTapRecorder::endOfDefaultChain() const {
                     streams.push_back(OutputChainStream{node.linkGroup, link.inputNode});
         }
     }
-    const auto chosen = std::find_if(sinks.begin(), sinks.end(),
-                                     [this](const OutputChainSink& sink) { return sink.name == m_defaultSink; });
-    if (chosen == sinks.end())
-        return m_defaultSink;
-    const OutputChainSink* end = endOfOutputChain(sinks, streams, chosen->id);
+    const OutputChainSink* end = endOfOutputChain(sinks, streams, m_defaultSink);
     return end ? end->name : m_defaultSink;
 }
 

@@ -52,7 +52,7 @@ std::optional<DefaultOutput> defaultOutput(PulseContext& pulse) {
     for (const PulseSinkInputInfo& input : pulse.sinkInputs())
         if (!input.linkGroup.isEmpty())
             streams.push_back(OutputChainStream{input.linkGroup, input.sink});
-    const OutputChainSink* end = endOfOutputChain(chain, streams, chosen->index);
+    const OutputChainSink* end = endOfOutputChain(chain, streams, chosen->name);
     const auto device = std::find_if(sinks.begin(), sinks.end(),
                                      [&](const PulseDeviceInfo& sink) { return end && sink.index == end->id; });
     if (device != sinks.end() && !device->monitorSourceName.isEmpty()) {

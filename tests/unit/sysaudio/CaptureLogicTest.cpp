@@ -188,7 +188,7 @@ struct ChainCase {
     const char* name;
     std::vector<OutputChainSink> sinks;
     std::vector<OutputChainStream> streams;
-    uint32_t start;
+    const char* start;
     const char* expected; // nullptr: no such sink
 };
 
@@ -196,7 +196,7 @@ class OutputChainTest : public ::testing::TestWithParam<ChainCase> {};
 
 TEST_P(OutputChainTest, endsAtTheDeviceThatHearsEverything) {
     const ChainCase& c = GetParam();
-    const OutputChainSink* end = endOfOutputChain(c.sinks, c.streams, c.start);
+    const OutputChainSink* end = endOfOutputChain(c.sinks, c.streams, QString::fromUtf8(c.start));
     if (!c.expected) {
         EXPECT_EQ(end, nullptr);
         return;
@@ -211,22 +211,22 @@ const OutputChainSink kHeadset{2, "headset", {}, {}};
 INSTANTIATE_TEST_SUITE_P(
     Chains, OutputChainTest,
     ::testing::Values(
-        ChainCase{"deviceIsItsOwnEnd", {kSpeaker, kHeadset}, {}, 1, "speaker"},
-        ChainCase{"unknownSink", {kSpeaker}, {}, 9, nullptr},
+        ChainCase{"deviceIsItsOwnEnd", {kSpeaker, kHeadset}, {}, "speaker", "speaker"},
+        ChainCase{"unknownSink", {kSpeaker}, {}, "gone", nullptr},
         // PulseAudio's echo canceller in front of a remapping sink in front of the speakers.
         ChainCase{"masterNamesAreFollowedToTheEnd",
-                  {kSpeaker, {3, "remap", "speaker", {}}, {4, "ec_sink", "remap", {}}}, {}, 4, "speaker"},
-        ChainCase{"missingMasterStopsAtTheFilter", {kSpeaker, {4, "ec_sink", "gone", {}}}, {}, 4, "ec_sink"},
+                  {kSpeaker, {3, "remap", "speaker", {}}, {4, "ec_sink", "remap", {}}}, {}, "ec_sink", "speaker"},
+        ChainCase{"missingMasterStopsAtTheFilter", {kSpeaker, {4, "ec_sink", "gone", {}}}, {}, "ec_sink", "ec_sink"},
         // PipeWire: the filter's playback stream shares its link group and feeds the headset; an ordinary app
         // stream on the speakers and the filter's capture side are no part of the chain.
         ChainCase{"linkGroupStreamIsFollowed",
                   {kSpeaker, kHeadset, {5, "echo-cancel-sink", {}, "ec-1"}},
                   {{{}, 1}, {"ec-1", 2}},
-                  5, "headset"},
-        ChainCase{"unlinkedFilterIsItsOwnEnd", {kSpeaker, {5, "echo-cancel-sink", {}, "ec-1"}}, {{"other", 1}}, 5,
-                  "echo-cancel-sink"},
+                  "echo-cancel-sink", "headset"},
+        ChainCase{"unlinkedFilterIsItsOwnEnd", {kSpeaker, {5, "echo-cancel-sink", {}, "ec-1"}}, {{"other", 1}},
+                  "echo-cancel-sink", "echo-cancel-sink"},
         ChainCase{"loopStopsWhereItCloses",
-                  {{6, "a", "b", {}}, {7, "b", "a", {}}}, {}, 6, "b"}),
+                  {{6, "a", "b", {}}, {7, "b", "a", {}}}, {}, "a", "b"}),
     [](const ::testing::TestParamInfo<ChainCase>& info) { return std::string(info.param.name); });
 
 // ---- Device choice and levels ------------------------------------------------------------------------
