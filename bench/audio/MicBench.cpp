@@ -85,8 +85,8 @@ double referenceStartLatencyMs() {
     attributes.maxlength = static_cast<uint32_t>(-1);
     attributes.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(20000, &sampleSpec));
     int error = 0;
-    pa_simple* stream =
-        pa_simple_new(nullptr, "bench", PA_STREAM_RECORD, nullptr, "reference", &sampleSpec, nullptr, &attributes, &error);
+    pa_simple* stream = pa_simple_new(nullptr, "bench", PA_STREAM_RECORD, nullptr, "reference", &sampleSpec, nullptr,
+                                      &attributes, &error);
     if (!stream)
         return -1.0;
     std::vector<float> buffer(441);

@@ -6,19 +6,16 @@
 //   bench_calls_poll [rounds, default 200]
 
 #include "PulseAudioFixture.h"
-
-#include "audio/PulseMicInputQuery.h"
+#include "audio/pulse/PulseMicInputQuery.h"
 
 #include <QCoreApplication>
 #include <QFile>
 #include <QProcess>
 #include <QThread>
-
-#include <sys/resource.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
+#include <sys/resource.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {

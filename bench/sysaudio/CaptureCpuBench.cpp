@@ -5,8 +5,8 @@
 //   bench_sysaudio_cpu [seconds, default 30]
 
 #include "PulseAudioFixture.h"
-#include "audio/MicRecorder.h"
-#include "audio/SystemAudioRecorder.h"
+#include "audio/sources/MicRecorder.h"
+#include "audio/sources/SystemAudioRecorder.h"
 
 #include <QCoreApplication>
 #include <QDir>

@@ -6,7 +6,7 @@
 //
 // The inputs are generated here (ffmpeg lavfi) and removed at the end.
 
-#include "audio/TrackMerger.h"
+#include "audio/merge/TrackMerger.h"
 
 #include <QCoreApplication>
 #include <QDir>

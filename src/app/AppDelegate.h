@@ -1,7 +1,7 @@
 #pragma once
 
 #include "audio/AudioRecorder.h"
-#include "audio/AudioRouting.h"
+#include "audio/pulse/AudioRouting.h"
 #include "core/MicInputQuery.h"
 #include "ui/Alert.h"
 
@@ -13,7 +13,6 @@
 #include <QStringList>
 #include <QTimer>
 #include <QUrl>
-
 #include <chrono>
 #include <functional>
 #include <memory>

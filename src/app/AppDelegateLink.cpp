@@ -1,7 +1,6 @@
 // The account link and the call monitor's wiring: the two ways the outside world starts things here.
 #include "AppDelegate.h"
-
-#include "audio/PulseMicInputQuery.h"
+#include "audio/pulse/PulseMicInputQuery.h"
 #include "core/AuthLink.h"
 #include "core/CallMonitor.h"
 #include "core/SettingsManager.h"

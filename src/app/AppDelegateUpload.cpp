@@ -85,8 +85,8 @@ QCoro::Task<> AppDelegate::uploadFile(QString fileURL, QString title, qint64 cli
     if (!result) {
         AlertSpec alert;
         alert.message = QStringLiteral("Erreur d'envoi");
-        alert.informativeText =
-            localizedDescription(failure, QStringLiteral("Erreur inconnue")) + QStringLiteral("\n\nL'enregistrement est conservé sur ce Mac.");
+        alert.informativeText = localizedDescription(failure, QStringLiteral("Erreur inconnue")) +
+                                QStringLiteral("\n\nL'enregistrement est conservé sur ce Mac.");
         alert.buttons = {QStringLiteral("Réessayer"), QStringLiteral("Afficher dans le Finder"),
                          QStringLiteral("Plus tard")};
         alert.style = AlertStyle::warning;

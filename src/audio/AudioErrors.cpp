@@ -1,5 +1,5 @@
-#include "AudioRecorder.h"
-#include "SystemAudioSource.h"
+#include "audio/AudioRecorder.h"
+#include "audio/sources/SystemAudioSource.h"
 
 namespace tavrel {
 

@@ -1,7 +1,7 @@
-#include "AudioRecorder.h"
+#include "audio/AudioRecorder.h"
 
-#include "BackgroundTask.h"
-#include "MicRecorder.h"
+#include "audio/BackgroundTask.h"
+#include "audio/sources/MicRecorder.h"
 #include "core/Level.h"
 #include "core/Log.h"
 #include "core/RecordingFiles.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "SystemAudioBackends.h"
+#include "audio/sources/SystemAudioBackends.h"
 #include "core/Error.h"
 #include "core/Notes.h"
 

@@ -3,7 +3,6 @@
 #include "core/Log.h"
 
 #include <QPointer>
-
 #include <array>
 
 namespace tavrel {

@@ -19,11 +19,13 @@ QString describe(const std::exception_ptr& error, FromError fromError, const QSt
 } // namespace
 
 QString localizedDescription(const std::exception_ptr& error, const QString& unknown) {
-    return describe(error, [](const Error& e) { return e.localizedDescription(); }, unknown);
+    return describe(
+        error, [](const Error& e) { return e.localizedDescription(); }, unknown);
 }
 
 QString debugDescription(const std::exception_ptr& error) {
-    return describe(error, [](const Error& e) { return e.debugDescription(); }, QStringLiteral("erreur inconnue"));
+    return describe(
+        error, [](const Error& e) { return e.debugDescription(); }, QStringLiteral("erreur inconnue"));
 }
 
 } // namespace tavrel

@@ -2,7 +2,6 @@
 
 #include <QStringList>
 #include <QUrl>
-
 #include <memory>
 
 namespace tavrel {

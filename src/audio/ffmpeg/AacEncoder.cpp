@@ -1,4 +1,4 @@
-#include "AacEncoder.h"
+#include "audio/ffmpeg/AacEncoder.h"
 
 extern "C" {
 #include <libavutil/channel_layout.h>

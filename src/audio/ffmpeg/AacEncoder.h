@@ -8,7 +8,7 @@
 // The encoder takes planar float frames of `encoder->frame_size` samples with pts in samples; its packets come
 // out one frame late (`initial_padding`).
 
-#include "FfmpegHandles.h"
+#include "audio/ffmpeg/FfmpegHandles.h"
 
 namespace tavrel {
 

@@ -1,4 +1,4 @@
-#include "FfmpegHandles.h"
+#include "audio/ffmpeg/FfmpegHandles.h"
 
 #include <QFile>
 

@@ -1,4 +1,4 @@
-#include "PulseContext.h"
+#include "audio/pulse/PulseContext.h"
 
 #include <QByteArray>
 #include <thread>
@@ -308,7 +308,8 @@ void PulseContext::updateSubscriptionMask() {
         return;
     m_subscribedMask = wanted;
     // Nobody waits for the answer: events flow (or stop) once the server has it.
-    PaOperationPtr(pa_context_subscribe(m_context.get(), static_cast<pa_subscription_mask_t>(wanted), nullptr, nullptr));
+    PaOperationPtr(
+        pa_context_subscribe(m_context.get(), static_cast<pa_subscription_mask_t>(wanted), nullptr, nullptr));
 }
 
 void PulseContext::onEvent(pa_context*, pa_subscription_event_type_t event, uint32_t index, void* userdata) {

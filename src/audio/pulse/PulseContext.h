@@ -199,9 +199,9 @@ public:
     /// Every item of one libpulse list query: `issue` is e.g. pa_context_get_client_info_list (or a lambda that
     /// binds further arguments), `convert` copies what is needed out of each item on the mainloop thread.
     template <typename Info, typename Item>
-    std::vector<Item> list(
-        const std::function<pa_operation*(pa_context*, void (*)(pa_context*, const Info*, int, void*), void*)>& issue,
-        Item (*convert)(const Info*), std::chrono::milliseconds timeout = kDefaultTimeout) {
+    std::vector<Item>
+    list(const std::function<pa_operation*(pa_context*, void (*)(pa_context*, const Info*, int, void*), void*)>& issue,
+         Item (*convert)(const Info*), std::chrono::milliseconds timeout = kDefaultTimeout) {
         struct Request {
             PulseQuery* query = nullptr;
             Item (*convert)(const Info*);

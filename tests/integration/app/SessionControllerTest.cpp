@@ -1,7 +1,7 @@
 // The session controller with the real recorder on a private PulseAudio server.
 #include "AppDelegateTestBase.h"
 #include "audio/AudioRecorder.h"
-#include "audio/SystemAudioBackends.h"
+#include "audio/sources/SystemAudioBackends.h"
 #include "ui/NoteField.h"
 #include "ui/RecordingHUD.h"
 

@@ -1,7 +1,7 @@
 #include "AudioTestSupport.h"
 #include "Media.h"
 #include "Wait.h"
-#include "audio/ffmpeg/M4aWriter.h"
+#include "audio/files/M4aWriter.h"
 #include "audio/pulse/PulseContext.h"
 
 #include <QCoreApplication>

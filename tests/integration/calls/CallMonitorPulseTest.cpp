@@ -1,7 +1,7 @@
 // The call monitor polling a real PulseAudio server, with recording clients posing as applications.
 #include "PulseAudioFixture.h"
 #include "Wait.h"
-#include "audio/PulseMicInputQuery.h"
+#include "audio/pulse/PulseMicInputQuery.h"
 #include "core/CallMonitor.h"
 #include "core/Log.h"
 

@@ -1,7 +1,7 @@
 // The call monitor as the application wires it: a conferencing client on a private PulseAudio, the real
 // recorder, the delegate's session, and scripted answers to its alerts (unanswered ones are closed).
 #include "../app/AppDelegateTestBase.h"
-#include "audio/PulseMicInputQuery.h"
+#include "audio/pulse/PulseMicInputQuery.h"
 #include "core/CallMonitor.h"
 
 #include <QSignalSpy>

@@ -1,6 +1,6 @@
 // Who captures the microphone, asked of real audio servers (PulseAudio, and PipeWire through pipewire-pulse)
 // with real recording clients posing as conferencing applications.
-#include "audio/PulseMicInputQuery.h"
+#include "audio/pulse/PulseMicInputQuery.h"
 
 #include "AudioServerFixture.h"
 #include "Wait.h"

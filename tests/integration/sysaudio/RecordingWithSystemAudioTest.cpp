@@ -2,16 +2,13 @@
 // recording holds.
 
 #include "TestSupport.h"
-
 #include "audio/AudioRecorder.h"
-#include "audio/SystemAudioBackends.h"
+#include "audio/sources/SystemAudioBackends.h"
 
 #include <QDir>
 #include <QFileInfo>
-
-#include <gtest/gtest.h>
-
 #include <chrono>
+#include <gtest/gtest.h>
 #include <thread>
 
 namespace tavrel::test {
@@ -22,7 +19,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kRate = 44100;
 
-double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+double secondsSince(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
 
 // QCoro 0.8's waitFor never returns when the task throws: catch inside.
 QCoro::Task<bool> startedOk(AudioRecorder& recorder) {
@@ -80,7 +79,8 @@ TEST_P(RecordingWithSystemAudioTest, mergedRecordingHoldsEverySideAtItsTime) {
     std::vector<Played> played;
     const auto playAt = [&](double atS, double frequencyHz, const QString& sink) {
         const QString file = tone(frequencyHz);
-        std::this_thread::sleep_until(start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(atS)));
+        std::this_thread::sleep_until(start +
+                                      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(atS)));
         played.push_back(Played{secondsSince(start), frequencyHz});
         m_players.push_back(sink.isEmpty() ? m_server->playIntoMicrophone(file) : m_server->playIntoSink(sink, file));
     };
@@ -113,7 +113,9 @@ TEST_P(RecordingWithSystemAudioTest, mergedRecordingHoldsEverySideAtItsTime) {
 
 INSTANTIATE_TEST_SUITE_P(Servers, RecordingWithSystemAudioTest,
                          ::testing::Values(AudioServerKind::PulseAudio, AudioServerKind::PipeWire),
-                         [](const auto& info) { return info.param == AudioServerKind::PipeWire ? "PipeWire" : "PulseAudio"; });
+                         [](const auto& info) {
+                             return info.param == AudioServerKind::PipeWire ? "PipeWire" : "PulseAudio";
+                         });
 
 } // namespace
 } // namespace tavrel::test

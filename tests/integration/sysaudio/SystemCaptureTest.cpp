@@ -3,19 +3,16 @@
 
 #include "TestSupport.h"
 #include "Wait.h"
-
-#include "audio/AudioRouting.h"
-#include "audio/BlackHoleRecorder.h"
-#include "audio/ProcessTapRecorder.h"
-#include "audio/SystemAudioRecorder.h"
+#include "audio/pulse/AudioRouting.h"
+#include "audio/sources/BlackHoleRecorder.h"
+#include "audio/sources/ProcessTapRecorder.h"
+#include "audio/sources/SystemAudioRecorder.h"
 #include "core/Log.h"
 
 #include <QFileInfo>
 #include <QRegularExpression>
-
-#include <gtest/gtest.h>
-
 #include <chrono>
+#include <gtest/gtest.h>
 #include <mutex>
 #include <thread>
 
@@ -271,8 +268,8 @@ TEST_F(PulseCaptureTest, monitorFollowsTheDefaultOutput) {
     const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
     EXPECT_NEAR(static_cast<double>(samples.size()) / kRate, totalS, 0.3) << "the move left a hole";
     EXPECT_NEAR(onsetAfter(samples, 0.0), played, 0.15);
-    EXPECT_TRUE(log.lines().contains(QStringLiteral("[SystemAudio] Sortie par défaut changée → ") +
-                                     m_server.blackHoleSink()));
+    EXPECT_TRUE(
+        log.lines().contains(QStringLiteral("[SystemAudio] Sortie par défaut changée → ") + m_server.blackHoleSink()));
 }
 
 TEST_F(PulseCaptureTest, noDefaultOutputIsNoDisplay) {
@@ -365,7 +362,8 @@ TEST_F(PulseCaptureTest, monitorStreamEndedByTheServerGivesNoFile) {
     EXPECT_EQ(recorder.currentLevel(), 0.0f);
     EXPECT_EQ(recorder.stopBlocking(), std::nullopt);
     const QStringList lines = log.lines();
-    EXPECT_EQ(lines.filter(QRegularExpression("^\\[SystemAudio\\] Stream stoppé : .+")).size(), 1) << lines.join('\n').toStdString();
+    EXPECT_EQ(lines.filter(QRegularExpression("^\\[SystemAudio\\] Stream stoppé : .+")).size(), 1)
+        << lines.join('\n').toStdString();
     EXPECT_FALSE(lines.contains(QStringLiteral("[SystemAudio] Capture arrêtée")));
 }
 
@@ -442,8 +440,8 @@ protected:
         ASSERT_TRUE(m_server->warmUp());
         ASSERT_TRUE(m_server->loadModule("module-echo-cancel",
                                          "aec_method=webrtc sink_name=tavrel_ec_sink source_name=tavrel_ec_source "
-                                         "sink_master=" + m_server->speakerSink() +
-                                             " source_master=" + m_server->micSource()))
+                                         "sink_master=" +
+                                             m_server->speakerSink() + " source_master=" + m_server->micSource()))
             << m_server->logs().toStdString();
         ASSERT_TRUE(m_server->setDefaultSink("tavrel_ec_sink"));
         // PipeWire links the filter's playback stream to its device a moment after the module is loaded.
@@ -504,8 +502,8 @@ TEST_P(FilterOutputTest, recordsTheDeviceBehindTheFilter) {
     EXPECT_NEAR(directOnset, direct, 0.3) << "the speakers' own stream";
     // The canceller adds its own processing delay to what goes through it.
     EXPECT_NEAR(onsetAfter(samples, directOnset + 1.0), throughFilter, 0.4) << "the stream through the filter";
-    const QString prefix = GetParam() == FilterCase::tapOnPipeWire ? QStringLiteral("[ProcessTap]")
-                                                                    : QStringLiteral("[SystemAudio]");
+    const QString prefix =
+        GetParam() == FilterCase::tapOnPipeWire ? QStringLiteral("[ProcessTap]") : QStringLiteral("[SystemAudio]");
     EXPECT_TRUE(log.lines().contains(prefix + QStringLiteral(" Sortie filtrée, capture du périphérique → ") + speaker))
         << log.lines().join('\n').toStdString();
 }

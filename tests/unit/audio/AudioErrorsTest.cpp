@@ -1,5 +1,5 @@
 #include "audio/AudioRecorder.h"
-#include "audio/SystemAudioSource.h"
+#include "audio/sources/SystemAudioSource.h"
 
 #include <gtest/gtest.h>
 

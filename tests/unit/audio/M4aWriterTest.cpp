@@ -1,4 +1,4 @@
-#include "audio/ffmpeg/M4aWriter.h"
+#include "audio/files/M4aWriter.h"
 
 #include "Media.h"
 #include "TempDir.h"

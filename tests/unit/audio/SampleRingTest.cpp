@@ -1,4 +1,4 @@
-#include "audio/SampleRing.h"
+#include "audio/timeline/SampleRing.h"
 
 #include <gtest/gtest.h>
 #include <thread>

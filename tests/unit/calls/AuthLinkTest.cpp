@@ -1,7 +1,6 @@
 #include "core/AuthLink.h"
 
 #include <gtest/gtest.h>
-
 #include <optional>
 
 namespace tavrel {

@@ -1,4 +1,4 @@
-#include "audio/PulseMicInputQuery.h"
+#include "audio/pulse/PulseMicInputQuery.h"
 #include "core/CallMonitor.h"
 
 #include <functional>

@@ -1,8 +1,8 @@
-#include "core/Level.h"
 #include "core/Log.h"
 
-#include <QStringList>
+#include "core/Level.h"
 
+#include <QStringList>
 #include <gtest/gtest.h>
 
 using namespace tavrel;

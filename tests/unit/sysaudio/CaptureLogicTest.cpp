@@ -1,24 +1,19 @@
-#include "SignalTools.h"
-
 #include "Media.h"
-
+#include "SignalTools.h"
 #include "TempDir.h"
-
-#include "audio/BlackHoleRecorder.h"
-#include "audio/CafWriter.h"
-#include "audio/CaptureTimeline.h"
-#include "audio/OutputChain.h"
-#include "audio/ProcessTapRecorder.h"
-#include "audio/SampleHandOff.h"
-#include "audio/SystemAudioRecorder.h"
+#include "audio/files/CafWriter.h"
 #include "audio/pulse/PulseContext.h"
+#include "audio/sources/BlackHoleRecorder.h"
+#include "audio/sources/OutputChain.h"
+#include "audio/sources/ProcessTapRecorder.h"
+#include "audio/sources/SystemAudioRecorder.h"
+#include "audio/timeline/CaptureTimeline.h"
+#include "audio/timeline/SampleHandOff.h"
 
 #include <QFile>
 #include <QProcess>
-
-#include <gtest/gtest.h>
-
 #include <cmath>
+#include <gtest/gtest.h>
 #include <random>
 #include <thread>
 
@@ -29,16 +24,18 @@ constexpr int kRate = 48000;
 constexpr int64_t kMs = 1'000'000;
 constexpr int64_t kChunk = 960; // 20 ms
 
-int64_t framesOf(int64_t ns) { return ns * kRate / 1'000'000'000; }
+int64_t framesOf(int64_t ns) {
+    return ns * kRate / 1'000'000'000;
+}
 
 // ---- CaptureTimeline -------------------------------------------------------------------------------
 
 struct TimelineCase {
     const char* name;
-    double clockRatio;     // device frames per system-clock frame (1.0001 = 100 ppm fast)
-    int64_t jitterMaxMs;   // late delivery of chunks, uniformly 0...max
-    int64_t holeFromS;     // no data from this second...
-    int64_t holeToS;       // ...to this one (0 = no hole)
+    double clockRatio;   // device frames per system-clock frame (1.0001 = 100 ppm fast)
+    int64_t jitterMaxMs; // late delivery of chunks, uniformly 0...max
+    int64_t holeFromS;   // no data from this second...
+    int64_t holeToS;     // ...to this one (0 = no hole)
 };
 
 class TimelineTest : public ::testing::TestWithParam<TimelineCase> {};
@@ -67,8 +64,7 @@ TEST_P(TimelineTest, everyChunkStaysNearItsRealTime) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Clocks, TimelineTest,
-                         ::testing::Values(TimelineCase{"steady", 1.0, 0, 0, 0},
-                                           TimelineCase{"jittery", 1.0, 30, 0, 0},
+                         ::testing::Values(TimelineCase{"steady", 1.0, 0, 0, 0}, TimelineCase{"jittery", 1.0, 30, 0, 0},
                                            TimelineCase{"fast100ppm", 1.0001, 10, 0, 0},
                                            TimelineCase{"slow100ppm", 0.9999, 10, 0, 0},
                                            TimelineCase{"idleOutput", 1.0, 10, 600, 1800},
@@ -215,18 +211,24 @@ INSTANTIATE_TEST_SUITE_P(
         ChainCase{"unknownSink", {kSpeaker}, {}, "gone", nullptr},
         // PulseAudio's echo canceller in front of a remapping sink in front of the speakers.
         ChainCase{"masterNamesAreFollowedToTheEnd",
-                  {kSpeaker, {3, "remap", "speaker", {}}, {4, "ec_sink", "remap", {}}}, {}, "ec_sink", "speaker"},
+                  {kSpeaker, {3, "remap", "speaker", {}}, {4, "ec_sink", "remap", {}}},
+                  {},
+                  "ec_sink",
+                  "speaker"},
         ChainCase{"missingMasterStopsAtTheFilter", {kSpeaker, {4, "ec_sink", "gone", {}}}, {}, "ec_sink", "ec_sink"},
         // PipeWire: the filter's playback stream shares its link group and feeds the headset; an ordinary app
         // stream on the speakers and the filter's capture side are no part of the chain.
         ChainCase{"linkGroupStreamIsFollowed",
                   {kSpeaker, kHeadset, {5, "echo-cancel-sink", {}, "ec-1"}},
                   {{{}, 1}, {"ec-1", 2}},
-                  "echo-cancel-sink", "headset"},
-        ChainCase{"unlinkedFilterIsItsOwnEnd", {kSpeaker, {5, "echo-cancel-sink", {}, "ec-1"}}, {{"other", 1}},
-                  "echo-cancel-sink", "echo-cancel-sink"},
-        ChainCase{"loopStopsWhereItCloses",
-                  {{6, "a", "b", {}}, {7, "b", "a", {}}}, {}, "a", "b"}),
+                  "echo-cancel-sink",
+                  "headset"},
+        ChainCase{"unlinkedFilterIsItsOwnEnd",
+                  {kSpeaker, {5, "echo-cancel-sink", {}, "ec-1"}},
+                  {{"other", 1}},
+                  "echo-cancel-sink",
+                  "echo-cancel-sink"},
+        ChainCase{"loopStopsWhereItCloses", {{6, "a", "b", {}}, {7, "b", "a", {}}}, {}, "a", "b"}),
     [](const ::testing::TestParamInfo<ChainCase>& info) { return std::string(info.param.name); });
 
 // ---- Device choice and levels ------------------------------------------------------------------------
@@ -294,7 +296,8 @@ TEST_P(ChunkLevelTest, firstChannelPowerMapsOntoTheMeter) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Levels, ChunkLevelTest,
-                         ::testing::Values(LevelCase{"minus60dB", 0.001f, 0.0f}, LevelCase{"minus50dB", 0.0031623f, 0.0f},
+                         ::testing::Values(LevelCase{"minus60dB", 0.001f, 0.0f},
+                                           LevelCase{"minus50dB", 0.0031623f, 0.0f},
                                            LevelCase{"minus25dB", 0.056234f, 0.5f},
                                            LevelCase{"minus10dB", 0.31623f, 0.8f}, LevelCase{"fullScale", 1.0f, 1.0f},
                                            LevelCase{"silence", 0.0f, 0.0f}),

@@ -4,7 +4,6 @@
 
 #include <QProcess>
 
-
 namespace tavrel::test {
 
 namespace {
@@ -38,15 +37,13 @@ Run run(const QString& program, const QStringList& arguments) {
 
 } // namespace
 
-QString generateAudio(const QString& path, const QString& expression, double durationSeconds, int rateHz,
-                      int channels, const QStringList& codecArguments) {
+QString generateAudio(const QString& path, const QString& expression, double durationSeconds, int rateHz, int channels,
+                      const QStringList& codecArguments) {
     QStringList perChannel;
     for (int i = 0; i < channels; ++i)
         perChannel << expression;
-    const QString source = QStringLiteral("aevalsrc=%1:s=%2:d=%3")
-                               .arg(perChannel.join(QLatin1Char('|')))
-                               .arg(rateHz)
-                               .arg(durationSeconds);
+    const QString source =
+        QStringLiteral("aevalsrc=%1:s=%2:d=%3").arg(perChannel.join(QLatin1Char('|'))).arg(rateHz).arg(durationSeconds);
     QStringList arguments{"-v", "error", "-y", "-f", "lavfi", "-i", source};
     arguments << codecArguments << path;
     const Run generated = run(QStringLiteral("ffmpeg"), arguments);

@@ -5,7 +5,6 @@
 
 #include <QString>
 #include <QStringList>
-
 #include <optional>
 #include <vector>
 
@@ -14,8 +13,8 @@ namespace tavrel::test {
 /// Writes `durationSeconds` of the ffmpeg expression `expression` (in t, e.g. "0.2*sin(2*PI*440*t)") with
 /// `channels` identical channels at `rateHz`, encoded by ffmpeg from the extension (extra output
 /// arguments in `codecArguments`). Returns ffmpeg's error text, empty on success.
-QString generateAudio(const QString& path, const QString& expression, double durationSeconds, int rateHz,
-                      int channels, const QStringList& codecArguments = {});
+QString generateAudio(const QString& path, const QString& expression, double durationSeconds, int rateHz, int channels,
+                      const QStringList& codecArguments = {});
 
 /// A tone burst expression: "sin(2*PI*f*t)" scaled by `amplitude`, sounding in [from, to).
 QString toneBetween(double frequencyHz, double amplitude, double fromSeconds, double toSeconds);

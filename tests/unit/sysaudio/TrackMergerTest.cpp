@@ -1,11 +1,11 @@
-#include "audio/TrackMerger.h"
+#include "audio/merge/TrackMerger.h"
 
 #include "Media.h"
 #include "ScopedEnvironment.h"
 #include "SignalTools.h"
 #include "TempDir.h"
-#include "audio/SystemAudioSource.h"
 #include "audio/ffmpeg/FfmpegHandles.h"
+#include "audio/sources/SystemAudioSource.h"
 
 #include <QCoro/QCoroTask>
 #include <QDir>

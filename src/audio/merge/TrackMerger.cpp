@@ -1,0 +1,302 @@
+#include "audio/merge/TrackMerger.h"
+
+#include "audio/BackgroundTask.h"
+#include "audio/ffmpeg/AacEncoder.h"
+#include "audio/ffmpeg/FfmpegHandles.h"
+#include "audio/files/TemporaryCaptureFile.h"
+#include "audio/sources/SystemAudioSource.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <algorithm>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+// The mix is mono: the tracks are speech for a transcription service, the microphone is already mono, and
+// one channel halves the AAC encoding, which is most of the time the user waits for (that encoding is also
+// spread over the processor's threads, see ParallelM4aWriter). A stereo input is folded with 1/2 + 1/2 (a
+// centred voice keeps its level) rather than swresample's default downmix, which adds the channels up; the
+// tracks themselves are then summed at unit gain.
+
+namespace tavrel {
+
+namespace {
+
+constexpr int kChunkFrames = 16384; // hand-over unit between a decoder thread and the mixer
+constexpr size_t kQueueDepth = 6;   // chunks buffered per input: bounded memory, some slack for jitter
+// Timestamps that jump by less than this are decoder rounding, not a hole in the recording.
+constexpr int64_t kGapToleranceFrames = 64;
+
+/// One input file, decoded and resampled to the mix format, read in order from time zero.
+class TrackDecoder {
+public:
+    /// Opens `path`; throws `FfmpegError` when the file cannot be read. `hasAudio()` tells whether it has
+    /// an audio stream worth decoding.
+    explicit TrackDecoder(const QString& path) : m_input(openInput(path)) {
+        const int index = av_find_best_stream(m_input.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+        if (index < 0)
+            return;
+        m_stream = m_input->streams[index];
+        const AVCodec* codec = avcodec_find_decoder(m_stream->codecpar->codec_id);
+        if (!codec)
+            throw FfmpegError(QStringLiteral("Décodeur audio introuvable"));
+        m_decoder.reset(avcodec_alloc_context3(codec));
+        if (!m_decoder)
+            throw FfmpegError(QStringLiteral("Mémoire insuffisante pour l'audio"));
+        ffCheck(avcodec_parameters_to_context(m_decoder.get(), m_stream->codecpar), "Lecture du format audio");
+        m_decoder->pkt_timebase = m_stream->time_base;
+        ffCheck(avcodec_open2(m_decoder.get(), codec, nullptr), "Ouverture du décodeur audio");
+        // Everything but the chosen stream is skipped by the demuxer.
+        for (unsigned i = 0; i < m_input->nb_streams; ++i)
+            if (static_cast<int>(i) != index)
+                m_input->streams[i]->discard = AVDISCARD_ALL;
+        m_packet = makePacket();
+        m_frame = makeFrame();
+    }
+
+    bool hasAudio() const { return m_stream != nullptr; }
+
+    /// Fills `out` with up to `frames` mono samples at the mix rate; fewer only at the end of the file.
+    int read(float* out, int frames) {
+        while (static_cast<int64_t>(m_pending.size()) - m_pendingStart < frames && !m_finished)
+            decodeMore();
+        const int available = static_cast<int>(std::min<int64_t>(frames, m_pending.size() - m_pendingStart));
+        std::copy_n(m_pending.begin() + m_pendingStart, available, out);
+        m_pendingStart += available;
+        if (m_pendingStart > (1 << 16)) {
+            m_pending.erase(m_pending.begin(), m_pending.begin() + m_pendingStart);
+            m_pendingStart = 0;
+        }
+        return available;
+    }
+
+private:
+    void decodeMore() {
+        const int received = avcodec_receive_frame(m_decoder.get(), m_frame.get());
+        if (received == 0) {
+            convert(m_frame.get());
+            av_frame_unref(m_frame.get());
+            return;
+        }
+        if (received == AVERROR_EOF) {
+            finish();
+            return;
+        }
+        if (received != AVERROR(EAGAIN)) {
+            // A damaged packet: keep what decoded so far rather than lose the whole track.
+            finish();
+            return;
+        }
+        const int readResult = av_read_frame(m_input.get(), m_packet.get());
+        if (readResult < 0) {
+            avcodec_send_packet(m_decoder.get(), nullptr); // drain
+            return;
+        }
+        if (m_packet->stream_index == m_stream->index) {
+            const int sent = avcodec_send_packet(m_decoder.get(), m_packet.get());
+            if (sent < 0 && sent != AVERROR(EAGAIN) && sent != AVERROR_INVALIDDATA)
+                finish();
+        }
+        av_packet_unref(m_packet.get());
+    }
+
+    void ensureResampler(const AVFrame* frame) {
+        if (m_resampler)
+            return;
+        AVChannelLayout inLayout{};
+        if (frame->ch_layout.order == AV_CHANNEL_ORDER_UNSPEC || frame->ch_layout.nb_channels == 0)
+            av_channel_layout_default(&inLayout, std::max(1, frame->ch_layout.nb_channels));
+        else
+            av_channel_layout_copy(&inLayout, &frame->ch_layout);
+        AVChannelLayout outLayout{};
+        av_channel_layout_default(&outLayout, kMergedChannels);
+        SwrContext* raw = nullptr;
+        const int allocated =
+            swr_alloc_set_opts2(&raw, &outLayout, AV_SAMPLE_FMT_FLT, kMergedSampleRateHz, &inLayout,
+                                static_cast<AVSampleFormat>(frame->format), frame->sample_rate, 0, nullptr);
+        m_resampler.reset(raw);
+        const int inChannels = inLayout.nb_channels;
+        av_channel_layout_uninit(&inLayout);
+        av_channel_layout_uninit(&outLayout);
+        ffCheck(allocated, "Préparation du rééchantillonnage");
+        std::vector<double> matrix(static_cast<size_t>(inChannels), 1.0 / inChannels);
+        ffCheck(swr_set_matrix(m_resampler.get(), matrix.data(), inChannels), "Préparation du mixage");
+        ffCheck(swr_init(m_resampler.get()), "Préparation du rééchantillonnage");
+        m_inputRateHz = frame->sample_rate;
+    }
+
+    void convert(const AVFrame* frame) {
+        ensureResampler(frame);
+        placeAt(frame);
+        const int capacity = swr_get_out_samples(m_resampler.get(), frame->nb_samples);
+        if (capacity <= 0)
+            return;
+        const size_t before = m_pending.size();
+        m_pending.resize(before + static_cast<size_t>(capacity));
+        auto* out = reinterpret_cast<uint8_t*>(m_pending.data() + before);
+        const int converted = swr_convert(m_resampler.get(), &out, capacity,
+                                          const_cast<const uint8_t**>(frame->extended_data), frame->nb_samples);
+        m_pending.resize(before + static_cast<size_t>(std::max(0, converted)));
+        m_inputFrames += frame->nb_samples;
+    }
+
+    /// Honours the frame's timestamp: a jump forward is a stretch of silence in the recording.
+    void placeAt(const AVFrame* frame) {
+        const int64_t pts = frame->best_effort_timestamp;
+        if (pts == AV_NOPTS_VALUE)
+            return;
+        const int64_t position = av_rescale_q(pts, m_stream->time_base, AVRational{1, m_inputRateHz});
+        const int64_t gap = position - m_inputFrames;
+        if (gap <= kGapToleranceFrames)
+            return;
+        const int64_t silence = av_rescale(gap, kMergedSampleRateHz, m_inputRateHz);
+        m_pending.insert(m_pending.end(), static_cast<size_t>(silence), 0.0f);
+        m_inputFrames = position;
+    }
+
+    void finish() {
+        if (m_finished)
+            return;
+        m_finished = true;
+        if (!m_resampler)
+            return;
+        const int capacity = swr_get_out_samples(m_resampler.get(), 0);
+        if (capacity <= 0)
+            return;
+        const size_t before = m_pending.size();
+        m_pending.resize(before + static_cast<size_t>(capacity));
+        auto* out = reinterpret_cast<uint8_t*>(m_pending.data() + before);
+        const int flushed = swr_convert(m_resampler.get(), &out, capacity, nullptr, 0);
+        m_pending.resize(before + static_cast<size_t>(std::max(0, flushed)));
+    }
+
+    AVFormatInputPtr m_input;
+    AVStream* m_stream = nullptr;
+    AVCodecContextPtr m_decoder;
+    SwrContextPtr m_resampler;
+    AVPacketPtr m_packet;
+    AVFramePtr m_frame;
+    int m_inputRateHz = kMergedSampleRateHz;
+    int64_t m_inputFrames = 0; // input-rate frames handed to the resampler, gaps included
+    std::vector<float> m_pending;
+    int64_t m_pendingStart = 0;
+    bool m_finished = false;
+};
+
+/// Runs one decoder on a thread of its own and hands its output over in fixed-size chunks, so that the
+/// inputs decode in parallel with each other and with the encoder. A chunk shorter than kChunkFrames is the
+/// last one.
+class DecoderPipe {
+public:
+    explicit DecoderPipe(std::unique_ptr<TrackDecoder> decoder)
+        : m_decoder(std::move(decoder)), m_thread([this] { run(); }) {}
+
+    ~DecoderPipe() {
+        {
+            std::lock_guard lock(m_mutex);
+            m_cancelled = true;
+        }
+        m_changed.notify_all();
+        m_thread.join();
+    }
+    DecoderPipe(const DecoderPipe&) = delete;
+    DecoderPipe& operator=(const DecoderPipe&) = delete;
+
+    std::vector<float> take() {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait(lock, [this] { return !m_chunks.empty(); });
+        std::vector<float> chunk = std::move(m_chunks.front());
+        m_chunks.pop_front();
+        lock.unlock();
+        m_changed.notify_all();
+        return chunk;
+    }
+
+private:
+    void run() {
+        bool more = true;
+        while (more) {
+            std::vector<float> chunk(kChunkFrames);
+            int frames = 0;
+            try {
+                frames = m_decoder->read(chunk.data(), kChunkFrames);
+            } catch (const std::exception&) {
+                frames = 0; // an input that breaks mid-way ends there
+            }
+            chunk.resize(static_cast<size_t>(frames));
+            more = frames == kChunkFrames;
+            std::unique_lock lock(m_mutex);
+            m_changed.wait(lock, [this] { return m_chunks.size() < kQueueDepth || m_cancelled; });
+            if (m_cancelled)
+                return;
+            m_chunks.push_back(std::move(chunk));
+            lock.unlock();
+            m_changed.notify_all();
+        }
+    }
+
+    std::unique_ptr<TrackDecoder> m_decoder;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::deque<std::vector<float>> m_chunks;
+    bool m_cancelled = false;
+    std::thread m_thread; // last: starts once everything above exists
+};
+
+/// A system file that cannot be opened or has no audio is left out of the mix.
+std::unique_ptr<TrackDecoder> openSystemTrack(const QString& path) {
+    try {
+        auto decoder = std::make_unique<TrackDecoder>(path);
+        if (decoder->hasAudio())
+            return decoder;
+    } catch (const FfmpegError&) {
+    }
+    return nullptr;
+}
+
+} // namespace
+
+void mergeAudioFilesInto(const QString& mic, const QStringList& systems, const QString& outputPath,
+                         const ParallelM4aWriter::Tuning& encoding) {
+    std::vector<std::unique_ptr<TrackDecoder>> decoders;
+    auto micDecoder = std::make_unique<TrackDecoder>(mic); // unreadable: FfmpegError goes to the caller
+    if (!micDecoder->hasAudio())
+        throw SystemAudioFailure(SystemAudioError::mergeFailed);
+    decoders.push_back(std::move(micDecoder));
+    for (const QString& system : systems)
+        if (auto decoder = openSystemTrack(system))
+            decoders.push_back(std::move(decoder));
+
+    ParallelM4aWriter encoder(outputPath, kMergedSampleRateHz, aacBitRateFor(kMergedChannels), encoding);
+    std::vector<std::unique_ptr<DecoderPipe>> pipes;
+    for (auto& decoder : decoders)
+        pipes.push_back(std::make_unique<DecoderPipe>(std::move(decoder)));
+
+    std::vector<float> mix(kChunkFrames);
+    while (!pipes.empty()) {
+        std::fill(mix.begin(), mix.end(), 0.0f);
+        size_t mixFrames = 0;
+        for (auto it = pipes.begin(); it != pipes.end();) {
+            const std::vector<float> chunk = (*it)->take();
+            for (size_t i = 0; i < chunk.size(); ++i)
+                mix[i] += chunk[i];
+            mixFrames = std::max(mixFrames, chunk.size());
+            it = chunk.size() < static_cast<size_t>(kChunkFrames) ? pipes.erase(it) : it + 1;
+        }
+        encoder.write(mix.data(), static_cast<int64_t>(mixFrames));
+    }
+    encoder.finish();
+}
+
+QCoro::Task<QString> mergeAudioFiles(QString mic, QStringList systems) {
+    const QString outputPath = temporaryCaptureFile(QStringLiteral("tavrel_merged_"), QStringLiteral("m4a"));
+    co_await runInBackground([&] { mergeAudioFilesInto(mic, systems, outputPath); });
+    co_return outputPath;
+}
+
+} // namespace tavrel

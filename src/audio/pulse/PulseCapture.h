@@ -1,0 +1,63 @@
+#pragma once
+
+#include "audio/pulse/PulseContext.h"
+
+#include <QString>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+namespace tavrel {
+
+/// One libpulse record stream of float samples on a named source, with each chunk's capture time.
+///
+/// Chunks reach `onChunk` on the libpulse mainloop thread with the monotonic time at which their first frame
+/// was captured (arrival time less the stream's reported latency): the handler must copy and return. Small
+/// fragments are asked for, so that data arrives every ~20 ms and nothing is held back at stop. A stream the
+/// server ends (source gone, server gone) is reported once through `onEnded`; `disconnect()` does not report.
+class PulseCapture {
+public:
+    using ChunkHandler = std::function<void(const float* interleaved, int64_t frames, int64_t captureNs)>;
+    using EndedHandler = std::function<void(const QString& reason)>;
+    using MovedHandler = std::function<void(const QString& source)>;
+
+    /// Large enough to keep the mainloop quiet (it wakes once per fragment and stream), small enough that
+    /// the tail reaches us at stop.
+    static constexpr int kFragmentMs = 40;
+
+    PulseCapture(std::shared_ptr<PulseContext> pulse, QString streamName, int sampleRateHz, int channels);
+    ~PulseCapture();
+    PulseCapture(const PulseCapture&) = delete;
+    PulseCapture& operator=(const PulseCapture&) = delete;
+
+    /// Connects to `source` and waits until the stream runs. Throws `PulseError`. Without `onMoved` the
+    /// stream is pinned to its source: when the source goes away the server ends the stream instead of
+    /// moving it to the default source (which is the microphone).
+    void connect(const QString& source, ChunkHandler onChunk, EndedHandler onEnded = {}, MovedHandler onMoved = {});
+    /// Moves the running stream to another source (no reconnection, no gap of our own). False on failure.
+    bool moveTo(const QString& source);
+    /// The source the stream is on now (empty when not connected).
+    QString sourceName() const;
+    /// Stops delivery and releases the stream. Idempotent.
+    void disconnect();
+    bool isConnected() const { return m_connected.load(); }
+
+private:
+    static void onRead(pa_stream* stream, size_t bytes, void* userdata);
+    static void onState(pa_stream* stream, void* userdata);
+    static void onMoved(pa_stream* stream, void* userdata);
+
+    std::shared_ptr<PulseContext> m_pulse;
+    QString m_streamName;
+    int m_sampleRateHz;
+    int m_channels;
+    PaStreamPtr m_stream;
+    ChunkHandler m_onChunk;
+    EndedHandler m_onEnded;
+    MovedHandler m_onMoved;
+    std::atomic<bool> m_connected{false};
+    bool m_disconnecting = false;
+};
+
+} // namespace tavrel

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "core/Error.h"
+
+#include <QCoro/QCoroTask>
+#include <QString>
+#include <cstdint>
+#include <optional>
+
+namespace tavrel {
+
+/// Errors of the system-audio sources and of track merging.
+enum class SystemAudioError { permissionDenied, noDisplay, mergeFailed, tapFailed };
+QString errorDescription(SystemAudioError error);
+QString caseName(SystemAudioError error);
+using SystemAudioFailure = CodedError<SystemAudioError>;
+
+/// One way of capturing what the computer plays (the other party of a call) into a file of its own.
+/// An instance serves one recording: created, started once, paused/resumed any number of times, stopped
+/// once. `pause()`, `resume()` and `currentLevel()` return at once and may be called from the main
+/// thread while the source's capture thread writes.
+class SystemAudioSource {
+public:
+    virtual ~SystemAudioSource() = default;
+
+    /// The file the source writes; none before `start()` has chosen it.
+    virtual std::optional<QString> outputURL() const = 0;
+    /// Begins capturing into a new file in the temporary directory; throws (an `Error`) when the
+    /// source cannot run.
+    virtual QCoro::Task<> start() = 0;
+    /// Ends capturing, finishes the file, releases every resource; yields the file or none.
+    virtual QCoro::Task<std::optional<QString>> stop() = 0;
+    virtual void pause() = 0;
+    virtual void resume() = 0;
+    /// Level in 0...1, 0 while paused.
+    virtual float currentLevel() const = 0;
+    /// Time zero of the recording (CLOCK_MONOTONIC, ns), given before `start()` so that every track lines
+    /// up with the microphone's; a source that is not told starts its timeline at its own `start()`.
+    virtual void setTimelineOrigin(int64_t monotonicNs) { (void)monotonicNs; }
+};
+
+} // namespace tavrel
