@@ -10,5 +10,5 @@ tavrel_add_test(app_integration_tests LABELS integration QT_GUI TIMEOUT 600
 tavrel_add_test(app_e2e_tests LABELS integration TIMEOUT 300
     SOURCES ${CMAKE_CURRENT_LIST_DIR}/app/EndToEndTest.cpp
     LIBS Qt6::DBus)
-target_compile_definitions(app_e2e_tests PRIVATE TAVREL_RECORDER_BIN="$<TARGET_FILE:tavrel-recorder>")
-add_dependencies(app_e2e_tests tavrel-recorder)
+target_compile_definitions(app_e2e_tests PRIVATE TAVREL_RECORDER_BIN="$<TARGET_FILE:tavrel-recorder-scripted>")
+add_dependencies(app_e2e_tests tavrel-recorder-scripted)

@@ -1,0 +1,69 @@
+#include "Application.h"
+
+#include "AppDelegate.h"
+#include "CrashHooks.h"
+#include "LaunchRequest.h"
+#include "RecorderDBusService.h"
+#include "audio/files/M4aWriter.h"
+#include "audio/pulse/AudioRouting.h"
+#include "core/Log.h"
+#include "platform/Desktop.h"
+#include "platform/LoginItem.h"
+#include "platform/Notifier.h"
+#include "platform/StatusItem.h"
+#include "ui/AppIcon.h"
+
+#include <QApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <cstdio>
+
+namespace tavrel {
+
+int runApplication(int argc, char** argv, const AlertPresenterFactory& makeAlerts) {
+    installCrashHooks();
+
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("TavrelRecorder"));
+    QApplication::setApplicationDisplayName(QStringLiteral("TaVREL Recorder"));
+    QApplication::setApplicationVersion(AppDelegate::appVersionString());
+    QApplication::setDesktopFileName(QStringLiteral("fr.tavrel.Recorder"));
+    QApplication::setWindowIcon(appIcon());
+    // A tray program: closing the popover or a dialog must not end it.
+    QApplication::setQuitOnLastWindowClosed(false);
+
+    const LaunchRequest request = LaunchRequest::fromArguments(QApplication::arguments());
+
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    RecorderDBusService service(bus);
+    if (!service.publish()) {
+        const QString name = QString::fromLatin1(RecorderDBusService::kServiceName);
+        if (bus.isConnected() && bus.interface() && bus.interface()->isServiceRegistered(name)) {
+            QString error;
+            if (RecorderDBusService::forward(bus, request, &error))
+                return 0;
+            std::fprintf(stderr, "TaVREL Recorder est déjà lancé mais ne répond pas : %s\n", qPrintable(error));
+            return 1;
+        }
+        // Without a session bus the program still records; it just cannot be driven from outside.
+        logLine(QStringLiteral("[DBus] bus de session indisponible : une seule instance non garantie"));
+    }
+
+    AppServices services;
+    services.notifier = makeNotifier();
+    services.desktop = makeDesktop();
+    services.loginItem = makeLoginItem();
+    services.alerts = makeAlerts();
+    services.audioBackends = linuxSystemAudioBackends();
+    services.deviceWithUID = [](const QString& uid) { return AudioRouting::device(uid); };
+    services.destroyDevice = [](const AudioRouting::Device& device) { return AudioRouting::destroy(device); };
+    services.recoverInterruptedRecording = [](const QString& path) { recoverInterruptedRecording(path); };
+    AppDelegate delegate(std::move(services));
+    service.attach(&delegate);
+    delegate.applicationDidFinishLaunching();
+    if (request.kind != LaunchRequest::Kind::activate)
+        service.handle(request);
+    return QApplication::exec();
+}
+
+} // namespace tavrel
