@@ -5,6 +5,7 @@
 #include "platform/Desktop.h"
 #include "platform/LoginItem.h"
 #include "platform/Notifier.h"
+#include "platform/PowerEvents.h"
 #include "platform/StatusItem.h"
 #include "platform/WindowPinning.h"
 #include "ui/AppIcon.h"
@@ -52,7 +53,10 @@ QRect popoverRect(QPoint click) {
 
 AppDelegate::AppDelegate(AppServices services, QObject* parent)
     : QObject(parent), m_services(std::move(services)), m_recorder(m_services.audioBackends),
-      m_hud(std::make_unique<RecordingHUD>()) {}
+      m_hud(std::make_unique<RecordingHUD>()) {
+    if (m_services.powerEvents)
+        connect(m_services.powerEvents.get(), &PowerEvents::resumed, this, &AppDelegate::onResumedFromSleep);
+}
 
 AppDelegate::~AppDelegate() {
     if (m_popover)
@@ -93,6 +97,7 @@ void AppDelegate::applicationDidFinishLaunching() {
     });
 
     setupCallMonitor();
+    resumeFollowedJobs();
 }
 
 void AppDelegate::removeStaleRoutingDevice() {
@@ -174,6 +179,12 @@ void AppDelegate::togglePopover() {
     controller->onPause = [weak] {
         if (weak)
             weak->togglePause();
+    };
+    controller->onQuit = [weak] {
+        if (!weak)
+            return;
+        weak->closePopover();
+        weak->requestQuit();
     };
     controller->openURL = [weak](const QUrl& url) {
         if (weak && weak->m_services.desktop)

@@ -10,6 +10,7 @@
 #include "platform/Desktop.h"
 #include "platform/LoginItem.h"
 #include "platform/Notifier.h"
+#include "platform/PowerEvents.h"
 #include "platform/StatusItem.h"
 #include "ui/AppIcon.h"
 
@@ -20,7 +21,8 @@
 
 namespace tavrel {
 
-int runApplication(int argc, char** argv, const AlertPresenterFactory& makeAlerts) {
+int runApplication(int argc, char** argv, const AlertPresenterFactory& makeAlerts,
+                   const std::function<void(AppServices&)>& adjustServices) {
     installCrashHooks();
 
     QApplication app(argc, argv);
@@ -54,10 +56,13 @@ int runApplication(int argc, char** argv, const AlertPresenterFactory& makeAlert
     services.desktop = makeDesktop();
     services.loginItem = makeLoginItem();
     services.alerts = makeAlerts();
+    services.powerEvents = makePowerEvents();
     services.audioBackends = linuxSystemAudioBackends();
     services.deviceWithUID = [](const QString& uid) { return AudioRouting::device(uid); };
     services.destroyDevice = [](const AudioRouting::Device& device) { return AudioRouting::destroy(device); };
     services.recoverInterruptedRecording = [](const QString& path) { recoverInterruptedRecording(path); };
+    if (adjustServices)
+        adjustServices(services);
     AppDelegate delegate(std::move(services));
     service.attach(&delegate);
     delegate.applicationDidFinishLaunching();

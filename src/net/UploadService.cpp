@@ -2,6 +2,7 @@
 
 #include "core/ClientResolver.h"
 #include "core/SettingsManager.h"
+#include "net/MultipartBody.h"
 
 #include <QCoreApplication>
 #include <QCoro/QCoroNetworkReply>
@@ -9,10 +10,12 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QMetaEnum>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QPointer>
+#include <QSslError>
 #include <QStringDecoder>
 #include <QTextBoundaryFinder>
 #include <QThread>
@@ -53,10 +56,28 @@ bool isHttpScheme(const QUrl& url) {
 
 /// Base URL + path, concatenated as they stand and parsed strictly.
 QUrl requestUrl(const QString& path) {
-    const QUrl url(SettingsManager::shared().backendURL() + path, QUrl::StrictMode);
+    const QString text = SettingsManager::shared().backendURL() + path;
+    const QUrl url(text, QUrl::StrictMode);
     if (!url.isValid() || url.scheme().isEmpty() || (isHttpScheme(url) && url.host().isEmpty()))
-        throw UploadFailure::invalidURL();
+        throw UploadFailure::invalidURL(text);
     return url;
+}
+
+/// `text` with the access token masked: an answer or an error text may quote the request's headers.
+QString withoutToken(QString text) {
+    const QString token = SettingsManager::shared().token();
+    if (!token.isEmpty())
+        text.replace(token, QStringLiteral("«jeton masqué»"));
+    return text;
+}
+
+/// "HTTP <status>" and the first characters of the body, as the details of a failure show them.
+QString httpCause(int statusCode, const QByteArray& body) {
+    QString cause = QStringLiteral("HTTP ") + QString::number(statusCode);
+    const QString text = QString::fromUtf8(body).trimmed();
+    if (!text.isEmpty())
+        cause += QStringLiteral(" : ") + firstCharacters(text, kMaxErrorTextCharacters);
+    return withoutToken(cause);
 }
 
 QNetworkRequest makeRequest(const QUrl& url) {
@@ -78,8 +99,10 @@ struct Response {
 };
 
 /// The user reads these: Qt's own texts are English, so the common cases get French ones and the rest
-/// keep Qt's text after a French lead.
-TransportFailure transportFailure(QNetworkReply::NetworkError error, const QString& qtText) {
+/// keep Qt's text after a French lead. Qt's text, the error's name and the certificate's faults make the
+/// technical cause.
+TransportFailure transportFailure(QNetworkReply::NetworkError error, const QString& qtText,
+                                  const QStringList& tlsErrors = {}) {
     QString text;
     switch (error) {
     case QNetworkReply::ConnectionRefusedError:
@@ -113,16 +136,12 @@ TransportFailure transportFailure(QNetworkReply::NetworkError error, const QStri
         text = QStringLiteral("Erreur réseau : ") + qtText;
         break;
     }
-    return TransportFailure(static_cast<int>(error), text);
-}
-
-Error fileFailure(const QString& path, const QString& qtText) {
-    const QFileInfo info(path);
-    if (!info.exists())
-        return Error(QStringLiteral("Le fichier « %1 » est introuvable.").arg(info.fileName()));
-    if (!info.isReadable())
-        return Error(QStringLiteral("Le fichier « %1 » n'est pas lisible (accès refusé).").arg(info.fileName()));
-    return Error(QStringLiteral("Le fichier « %1 » ne peut pas être lu : %2").arg(info.fileName(), qtText));
+    QString cause = qtText;
+    if (const char* name = QMetaEnum::fromType<QNetworkReply::NetworkError>().valueToKey(error))
+        cause += QStringLiteral(" (%1)").arg(QLatin1String(name));
+    if (!tlsErrors.isEmpty())
+        cause += QStringLiteral(" ; TLS : ") + tlsErrors.join(QStringLiteral(" ; "));
+    return TransportFailure(static_cast<int>(error), text, withoutToken(cause));
 }
 
 /// No complete answer arrived: the connection failed, broke or timed out. Errors that Qt derives from an
@@ -136,31 +155,51 @@ bool isTransportError(QNetworkReply::NetworkError error, bool hasStatus) {
     return static_cast<int>(error) < 100;
 }
 
-QCoro::Task<Response> send(QNetworkRequest request, QByteArray verb, QByteArray body,
-                           UploadService::UploadProgress onProgress = {}) {
+/// Sends one request and waits for the whole answer. `body` (POST only) is handed to the reply, which
+/// reads it as the network asks and deletes it with itself.
+QCoro::Task<Response> send(QNetworkRequest request, QByteArray verb, std::unique_ptr<QIODevice> body = {},
+                           UploadService::UploadHooks hooks = {}) {
     ReplyPtr reply;
-    if (verb == "POST")
-        reply.reset(manager().post(request, body));
-    else
+    QIODevice* bodyDevice = body.get();
+    if (verb == "POST") {
+        reply.reset(manager().post(request, bodyDevice));
+        body.release()->setParent(reply.get());
+    } else {
         reply.reset(manager().get(request));
-    // The reply holds its own reference to the body; dropping ours keeps a single copy in memory.
-    body = QByteArray();
-    if (onProgress) {
+    }
+    // The certificate's faults are only told by this signal; the final error just says the handshake failed.
+    auto tlsErrors = std::make_shared<QStringList>();
+    QObject::connect(reply.get(), &QNetworkReply::sslErrors, reply.get(), [tlsErrors](const QList<QSslError>& errors) {
+        for (const QSslError& error : errors)
+            tlsErrors->append(error.errorString());
+    });
+    if (auto* multipart = qobject_cast<MultipartBody*>(bodyDevice)) {
+        // A recording that cannot be read to its end stops the request: a cut file must not be accepted.
+        QObject::connect(multipart, &MultipartBody::readFailed, reply.get(), &QNetworkReply::abort,
+                         Qt::QueuedConnection);
+    }
+    if (hooks.onProgress) {
         QObject::connect(reply.get(), &QNetworkReply::uploadProgress, reply.get(),
-                         [onProgress](qint64 sent, qint64 total) {
+                         [onProgress = hooks.onProgress](qint64 sent, qint64 total) {
                              // Qt also reports (0, 0) once the request is done; that is no progress.
                              if (total > 0)
                                  onProgress(sent, total);
                          });
     }
+    if (hooks.abort)
+        hooks.abort->attach(reply.get());
     co_await reply.get();
+    if (hooks.abort)
+        hooks.abort->detach();
 
+    if (auto* multipart = qobject_cast<MultipartBody*>(bodyDevice); multipart && multipart->failure())
+        throw *multipart->failure();
     const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
     const QNetworkReply::NetworkError error = reply->error();
     Response response;
     if (isHttpScheme(request.url())) {
         if (isTransportError(error, status.isValid()) || !status.isValid())
-            throw transportFailure(error, reply->errorString());
+            throw transportFailure(error, reply->errorString(), *tlsErrors);
         response.isHttp = true;
         response.statusCode = status.toInt();
     } else if (error == QNetworkReply::ProtocolUnknownError) {
@@ -183,31 +222,6 @@ QString localPath(const QString& fileURL) {
     if (url.isLocalFile())
         return url.toLocalFile();
     return fileURL;
-}
-
-/// The whole file appended to `body`, read straight into the buffer so that a large recording is held
-/// only once.
-void appendFileContents(QByteArray& body, const QString& path) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        throw fileFailure(path, file.errorString());
-    const qint64 expected = file.size();
-    const qsizetype start = body.size();
-    body.resize(start + expected);
-    const qint64 read = file.read(body.data() + start, expected);
-    if (read < 0)
-        throw fileFailure(path, file.errorString());
-    body.resize(start + read);
-    // The file may have grown since its size was taken.
-    while (!file.atEnd()) {
-        const QByteArray rest = file.read(1 << 20);
-        if (rest.isEmpty()) {
-            if (file.error() != QFileDevice::NoError)
-                throw fileFailure(path, file.errorString());
-            break;
-        }
-        body.append(rest);
-    }
 }
 
 } // namespace
@@ -254,20 +268,60 @@ QString UploadFailure::describe(UploadError code, int statusCode, const QString&
     return {};
 }
 
-UploadFailure::UploadFailure(UploadError code, int statusCode, QString responseText)
-    : Error(describe(code, statusCode, responseText)), m_code(code), m_statusCode(statusCode),
-      m_responseText(std::move(responseText)) {}
+UploadFailure::UploadFailure(UploadError code, int statusCode, QString responseText, QString technicalCause)
+    : Error(describe(code, statusCode, responseText), std::move(technicalCause)), m_code(code),
+      m_statusCode(statusCode), m_responseText(std::move(responseText)) {}
 
 UploadFailure UploadFailure::httpError(int statusCode, const QString& responseText) {
-    return UploadFailure(UploadError::httpError, statusCode, responseText);
+    return httpError(statusCode, responseText, responseText.toUtf8());
+}
+
+UploadFailure UploadFailure::httpError(int statusCode, const QString& responseText, const QByteArray& body) {
+    return UploadFailure(UploadError::httpError, statusCode, responseText, httpCause(statusCode, body));
 }
 
 UploadFailure UploadFailure::invalidURL() {
-    return UploadFailure(UploadError::invalidURL, 0, {});
+    return UploadFailure(UploadError::invalidURL, 0, {}, {});
+}
+
+UploadFailure UploadFailure::invalidURL(const QString& url) {
+    return UploadFailure(UploadError::invalidURL, 0, {}, QStringLiteral("URL : « %1 »").arg(withoutToken(url)));
 }
 
 UploadFailure UploadFailure::badResponse() {
-    return UploadFailure(UploadError::badResponse, 0, {});
+    return UploadFailure(UploadError::badResponse, 0, {}, {});
+}
+
+UploadFailure UploadFailure::badResponse(int statusCode, const QByteArray& body) {
+    return UploadFailure(UploadError::badResponse, statusCode, {}, httpCause(statusCode, body));
+}
+
+// ---------------------------------------------------------------------------------------------------------------
+// Aborting an upload from another thread
+
+void UploadAbort::abort() {
+    std::lock_guard lock(m_mutex);
+    m_aborted = true;
+    // The reply lives on the uploading thread; detach() runs there, under this lock, before it goes.
+    if (m_reply)
+        QMetaObject::invokeMethod(m_reply, &QNetworkReply::abort, Qt::QueuedConnection);
+}
+
+bool UploadAbort::isAborted() const {
+    std::lock_guard lock(m_mutex);
+    return m_aborted;
+}
+
+void UploadAbort::attach(QNetworkReply* reply) {
+    std::lock_guard lock(m_mutex);
+    m_reply = reply;
+    if (m_aborted)
+        QMetaObject::invokeMethod(m_reply, &QNetworkReply::abort, Qt::QueuedConnection);
+}
+
+void UploadAbort::detach() {
+    std::lock_guard lock(m_mutex);
+    m_reply = nullptr;
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -275,7 +329,7 @@ UploadFailure UploadFailure::badResponse() {
 
 QCoro::Task<QList<UploadService::ClientRecord>> UploadService::fetchClients() {
     const QUrl url = requestUrl(QStringLiteral("/clients"));
-    const Response response = co_await send(makeRequest(url), QByteArrayLiteral("GET"), {});
+    const Response response = co_await send(makeRequest(url), QByteArrayLiteral("GET"));
     if (response.otherError != QNetworkReply::NoError)
         throw transportFailure(response.otherError, response.otherErrorString);
 
@@ -299,13 +353,13 @@ QCoro::Task<UploadService::AsyncUploadResult> UploadService::uploadAsync(QString
                                                                          QString synthesisType, QString depth,
                                                                          QString notes) {
     co_return co_await uploadAsync(std::move(fileURL), std::move(title), clientId, std::move(synthesisType),
-                                   std::move(depth), std::move(notes), UploadProgress{});
+                                   std::move(depth), std::move(notes), UploadHooks{});
 }
 
 QCoro::Task<UploadService::AsyncUploadResult> UploadService::uploadAsync(QString fileURL, QString title,
                                                                          std::optional<qint64> clientId,
                                                                          QString synthesisType, QString depth,
-                                                                         QString notes, UploadProgress onProgress) {
+                                                                         QString notes, UploadHooks hooks) {
     const QUrl url = requestUrl(QStringLiteral("/transcriptions/upload-async"));
 
     const QByteArray boundary =
@@ -316,23 +370,24 @@ QCoro::Task<UploadService::AsyncUploadResult> UploadService::uploadAsync(QString
     request.setTransferTimeout(kUploadTimeoutMs);
 
     const QString path = localPath(fileURL);
-    QByteArray body;
-    appendField(body, boundary, QStringLiteral("title"), title);
-    appendField(body, boundary, QStringLiteral("synthesis_type"), synthesisType);
-    appendField(body, boundary, QStringLiteral("synthesis_depth"), depth);
+    QByteArray head;
+    appendField(head, boundary, QStringLiteral("title"), title);
+    appendField(head, boundary, QStringLiteral("synthesis_type"), synthesisType);
+    appendField(head, boundary, QStringLiteral("synthesis_depth"), depth);
     if (clientId && *clientId >= 1)
-        appendField(body, boundary, QStringLiteral("client_id"), QString::number(*clientId));
+        appendField(head, boundary, QStringLiteral("client_id"), QString::number(*clientId));
     if (!notes.isEmpty())
-        appendField(body, boundary, QStringLiteral("notes"), notes);
-    body += "--" + boundary + kCRLF;
-    body += "Content-Disposition: form-data; name=\"file\"; filename=\"" + QFileInfo(path).fileName().toUtf8() + "\"" +
+        appendField(head, boundary, QStringLiteral("notes"), notes);
+    head += "--" + boundary + kCRLF;
+    head += "Content-Disposition: form-data; name=\"file\"; filename=\"" + QFileInfo(path).fileName().toUtf8() + "\"" +
             kCRLF;
-    body += "Content-Type: audio/m4a" + kCRLF + kCRLF;
-    appendFileContents(body, path);
-    body += kCRLF + "--" + boundary + "--" + kCRLF;
+    head += "Content-Type: audio/m4a" + kCRLF + kCRLF;
+    // The file's bytes go between the two, read from disk as they are sent.
+    auto body = std::make_unique<MultipartBody>(std::move(head), path, kCRLF + "--" + boundary + "--" + kCRLF);
+    body->open(QIODevice::ReadOnly | QIODevice::Unbuffered);
 
     const Response response =
-        co_await send(std::move(request), QByteArrayLiteral("POST"), std::move(body), std::move(onProgress));
+        co_await send(std::move(request), QByteArrayLiteral("POST"), std::move(body), std::move(hooks));
     if (!response.isHttp)
         throw UploadFailure::badResponse();
     if (!isSuccess(response.statusCode)) {
@@ -340,28 +395,29 @@ QCoro::Task<UploadService::AsyncUploadResult> UploadService::uploadAsync(QString
         QString text = decoder.decode(response.body);
         if (decoder.hasError())
             text.clear();
-        throw UploadFailure::httpError(response.statusCode, text);
+        throw UploadFailure::httpError(response.statusCode, text, response.body);
     }
 
     const QJsonDocument document = QJsonDocument::fromJson(response.body);
     if (!document.isObject())
-        throw UploadFailure::badResponse();
+        throw UploadFailure::badResponse(response.statusCode, response.body);
     const QJsonObject answer = document.object();
     const std::optional<qint64> id = exactInteger(answer.value(QLatin1String("id")));
     const QJsonValue jobId = answer.value(QLatin1String("job_id"));
     if (!id || !jobId.isString())
-        throw UploadFailure::badResponse();
+        throw UploadFailure::badResponse(response.statusCode, response.body);
     const QJsonValue answeredTitle = answer.value(QLatin1String("title"));
     co_return AsyncUploadResult{*id, jobId.toString(), answeredTitle.isString() ? answeredTitle.toString() : title};
 }
 
 QCoro::Task<UploadService::JobState> UploadService::pollJob(QString jobId) {
     const QUrl url = requestUrl(QStringLiteral("/transcriptions/jobs/") + jobId);
-    const Response response = co_await send(makeRequest(url), QByteArrayLiteral("GET"), {});
+    const Response response = co_await send(makeRequest(url), QByteArrayLiteral("GET"));
     if (!response.isHttp)
         throw UploadFailure::badResponse();
+    // The answer's text is not part of a poll's error, but its details keep it.
     if (!isSuccess(response.statusCode))
-        throw UploadFailure::httpError(response.statusCode, QString());
+        throw UploadFailure::httpError(response.statusCode, QString(), response.body);
 
     const QJsonObject answer = QJsonDocument::fromJson(response.body).object();
     JobState state;
