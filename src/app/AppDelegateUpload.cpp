@@ -71,14 +71,16 @@ QString spokenLength(qint64 seconds) {
 }
 
 /// Which recording a dialog is about, for its window title: "Enregistrement du 16/11/2024 à 17:00 (12 min 05 s)
-/// — TaVREL Recorder". The date is the time stamp of the file's name, else its modification time; the length
-/// is left out when the file cannot be read. Opens the file: not for the main thread.
+/// — TaVREL Recorder". The date is the time stamp of the file's name, else its modification time (else the
+/// name itself); the length is left out when the file cannot be read. Opens the file: not for the main thread.
 QString recordingLabel(const QString& path) {
     static const QRegularExpression kStamped(QStringLiteral(R"(^tavrel_[a-z]+_(\d{9,})(?:_\d+)?\.)"));
     const QFileInfo info(path);
     const QRegularExpressionMatch stamp = kStamped.match(info.fileName());
     const QDateTime when =
         stamp.hasMatch() ? QDateTime::fromSecsSinceEpoch(stamp.captured(1).toLongLong()) : info.lastModified();
+    if (!when.isValid())
+        return QStringLiteral("Enregistrement « %1 » — TaVREL Recorder").arg(info.fileName());
     QString label = QStringLiteral("Enregistrement du %1 à %2")
                         .arg(when.toString(QStringLiteral("dd/MM/yyyy")), when.toString(QStringLiteral("HH:mm")));
     try {
@@ -92,7 +94,8 @@ QString recordingLabel(const QString& path) {
 }
 
 QCoro::Task<QString> describeRecording(QString path) {
-    co_return co_await runInBackground([path] { return recordingLabel(path); });
+    const auto describe = [path] { return recordingLabel(path); };
+    co_return co_await runInBackground(describe);
 }
 
 /// One diagnostic line for a failure: the user's sentence and what the system said.
@@ -118,7 +121,7 @@ QCoro::Task<> AppDelegate::uploadFile(QString fileURL, QString title, qint64 cli
     const UploadRequest request{fileURL,       title, clientId >= 1 ? std::optional(clientId) : std::nullopt,
                                 synthesisType, depth, notes};
     // Progress goes to the tray's tooltip; the title keeps its symbol.
-    const auto onProgress = [self, upload](qint64 sentBytes, qint64 totalBytes) {
+    const UploadService::UploadProgress onProgress = [self, upload](qint64 sentBytes, qint64 totalBytes) {
         upload->sentBytes = sentBytes;
         upload->totalBytes = totalBytes;
         if (self)
@@ -166,7 +169,8 @@ QCoro::Task<> AppDelegate::showUploadFailure(QString fileURL, QString title, qin
                                              QString depth, QString notes, std::exception_ptr failure) {
     const QPointer<AppDelegate> self(this);
     DialogQueue::Place place = m_dialogs.take();
-    const QString label = co_await describeRecording(localPath(fileURL));
+    const QString path = localPath(fileURL);
+    const QString label = co_await describeRecording(path);
     if (!self || !co_await place.turn() || !self)
         co_return;
 
@@ -194,7 +198,9 @@ QCoro::Task<> AppDelegate::showUploadFailure(QString fileURL, QString title, qin
 }
 
 QCoro::Task<> AppDelegate::pollJobUntilDone(QString jobId, QString title) {
-    co_await followJob(FollowedJob{std::move(jobId), std::move(title), 0, {}});
+    // Named, not a temporary of the co_await expression: GCC 12 destroys such temporaries twice.
+    const FollowedJob job{std::move(jobId), std::move(title), 0, {}};
+    co_await followJob(job);
 }
 
 QCoro::Task<> AppDelegate::followJob(FollowedJob job) {

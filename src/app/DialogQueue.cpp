@@ -41,7 +41,8 @@ QCoro::Task<bool> DialogQueue::Place::turn() {
         co_return false;
     // The future of a turn already given is finished: no wait, and the dialog runs straight away.
     const std::shared_ptr<Ticket> ticket = m_ticket;
-    co_await ticket->granted.future();
+    const QFuture<void> granted = ticket->granted.future();
+    co_await granted;
     co_return ticket->open;
 }
 

@@ -157,8 +157,8 @@ bool isTransportError(QNetworkReply::NetworkError error, bool hasStatus) {
 
 /// Sends one request and waits for the whole answer. `body` (POST only) is handed to the reply, which
 /// reads it as the network asks and deletes it with itself.
-QCoro::Task<Response> send(QNetworkRequest request, QByteArray verb, std::unique_ptr<QIODevice> body = {},
-                           UploadService::UploadHooks hooks = {}) {
+QCoro::Task<Response> send(QNetworkRequest request, QByteArray verb, std::unique_ptr<QIODevice> body,
+                           UploadService::UploadHooks hooks) {
     ReplyPtr reply;
     QIODevice* bodyDevice = body.get();
     if (verb == "POST") {
@@ -277,7 +277,8 @@ UploadFailure UploadFailure::httpError(int statusCode, const QString& responseTe
 }
 
 UploadFailure UploadFailure::httpError(int statusCode, const QString& responseText, const QByteArray& body) {
-    return UploadFailure(UploadError::httpError, statusCode, responseText, httpCause(statusCode, body));
+    // What the server answered may quote the request back, its token included.
+    return UploadFailure(UploadError::httpError, statusCode, withoutToken(responseText), httpCause(statusCode, body));
 }
 
 UploadFailure UploadFailure::invalidURL() {
@@ -329,7 +330,9 @@ void UploadAbort::detach() {
 
 QCoro::Task<QList<UploadService::ClientRecord>> UploadService::fetchClients() {
     const QUrl url = requestUrl(QStringLiteral("/clients"));
-    const Response response = co_await send(makeRequest(url), QByteArrayLiteral("GET"));
+    // Named: GCC 12 destroys an aggregate temporary of a co_await expression twice.
+    const UploadHooks noHooks;
+    const Response response = co_await send(makeRequest(url), QByteArrayLiteral("GET"), nullptr, noHooks);
     if (response.otherError != QNetworkReply::NoError)
         throw transportFailure(response.otherError, response.otherErrorString);
 
@@ -352,8 +355,9 @@ QCoro::Task<UploadService::AsyncUploadResult> UploadService::uploadAsync(QString
                                                                          std::optional<qint64> clientId,
                                                                          QString synthesisType, QString depth,
                                                                          QString notes) {
+    const UploadHooks noHooks;
     co_return co_await uploadAsync(std::move(fileURL), std::move(title), clientId, std::move(synthesisType),
-                                   std::move(depth), std::move(notes), UploadHooks{});
+                                   std::move(depth), std::move(notes), noHooks);
 }
 
 QCoro::Task<UploadService::AsyncUploadResult> UploadService::uploadAsync(QString fileURL, QString title,
@@ -412,7 +416,9 @@ QCoro::Task<UploadService::AsyncUploadResult> UploadService::uploadAsync(QString
 
 QCoro::Task<UploadService::JobState> UploadService::pollJob(QString jobId) {
     const QUrl url = requestUrl(QStringLiteral("/transcriptions/jobs/") + jobId);
-    const Response response = co_await send(makeRequest(url), QByteArrayLiteral("GET"));
+    // Named: GCC 12 destroys an aggregate temporary of a co_await expression twice.
+    const UploadHooks noHooks;
+    const Response response = co_await send(makeRequest(url), QByteArrayLiteral("GET"), nullptr, noHooks);
     if (!response.isHttp)
         throw UploadFailure::badResponse();
     // The answer's text is not part of a poll's error, but its details keep it.

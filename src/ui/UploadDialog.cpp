@@ -61,6 +61,8 @@ UploadDialog::UploadDialog(QList<QJsonObject> clients, QWidget* parent)
     m_titleField->setPlaceholderText(QStringLiteral("Titre (ex : Réunion commune de X)"));
     m_titleField->setFixedWidth(kWidthPx);
     stack->addWidget(m_titleField);
+    // The form takes the keyboard at its title: what the user types first.
+    setFocusProxy(m_titleField);
 
     m_clientCheckBox = new QCheckBox(QStringLiteral("Attribuer à un client"), this);
     m_clientCheckBox->setObjectName(QStringLiteral("clientCheckBox"));
