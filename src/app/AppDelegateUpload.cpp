@@ -344,6 +344,7 @@ QCoro::Task<> AppDelegate::runUploadDialog(QString fileURL, DialogQueue::Place p
             clients = co_await UploadService::fetchClients();
         } catch (...) {
             // Without a list the dialog still opens; any client typed then leads to "Client introuvable".
+            logFailure(QStringLiteral("Liste des clients indisponible"), std::current_exception());
         }
         if (!self)
             co_return;
