@@ -102,7 +102,7 @@ int main(int argc, char** argv) {
             runTask(uploadInBackground(UploadRequest{recording, QStringLiteral("Banc d'essai"), 42,
                                                      QStringLiteral("professional"), QStringLiteral("normal"),
                                                      QStringLiteral("[0:01] note")},
-                                       &app, {}, nullptr),
+                                       nullptr, nullptr),
                     std::chrono::minutes(5));
         ours.push_back(static_cast<double>(clock.nsecsElapsed()) / 1e9);
         watch.stop();

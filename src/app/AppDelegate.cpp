@@ -32,6 +32,7 @@ constexpr int kPopoverGapPx = 4;
 // A click on the tray item while the popup is open first closes the popup (a click outside it), then
 // reaches the item: within this delay the click only closes.
 constexpr qint64 kReopenGuardMs = 300;
+constexpr std::chrono::milliseconds kUploadProgressIntervalMs{500};
 
 /// Where the popup goes: centred on the click, under it when the tray is at the top of the screen and
 /// above it when the tray is at the bottom, kept inside the screen.
@@ -53,7 +54,9 @@ QRect popoverRect(QPoint click) {
 
 AppDelegate::AppDelegate(AppServices services, QObject* parent)
     : QObject(parent), m_services(std::move(services)), m_recorder(m_services.audioBackends),
-      m_hud(std::make_unique<RecordingHUD>()) {
+      m_hud(std::make_unique<RecordingHUD>()), m_fileReader(std::make_unique<WorkerThread>("tavrel-files")) {
+    m_uploadProgressTimer.setInterval(kUploadProgressIntervalMs);
+    connect(&m_uploadProgressTimer, &QTimer::timeout, this, &AppDelegate::refreshUploadProgress);
     if (m_services.powerEvents)
         connect(m_services.powerEvents.get(), &PowerEvents::resumed, this, &AppDelegate::onResumedFromSleep);
 }

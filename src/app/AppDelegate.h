@@ -5,6 +5,7 @@
 #include "audio/pulse/AudioRouting.h"
 #include "core/FollowedJobs.h"
 #include "core/MicInputQuery.h"
+#include "core/WorkerThread.h"
 #include "ui/Alert.h"
 
 #include <QCoro/QCoroTask>
@@ -32,6 +33,7 @@ class PowerEvents;
 class RecordingHUD;
 class StatusItem;
 class UploadAbort;
+struct BodyProgress;
 
 /// Everything the application delegate needs from the desktop, passed in so that tests can run it
 /// with fakes.
@@ -147,6 +149,7 @@ private:
     QCoro::Task<> runStop();
     QCoro::Task<> runUploadDialog(QString fileURL, DialogQueue::Place place);
     QCoro::Task<> runPendingCheck();
+    QCoro::Task<QString> describeRecording(QString path);
     QCoro::Task<> followJob(FollowedJob job);
     QCoro::Task<> showUploadFailure(QString fileURL, QString title, qint64 clientId, QString synthesisType,
                                     QString depth, QString notes, std::exception_ptr failure);
@@ -156,8 +159,7 @@ private:
     /// An upload whose body is going out, as the tray's tooltip and a wake-up see it.
     struct RunningUpload {
         QString title;
-        qint64 sentBytes = 0;
-        qint64 totalBytes = 0;
+        std::shared_ptr<BodyProgress> progress;
         std::shared_ptr<UploadAbort> abort;
         bool sendAgain = false; ///< stopped on purpose by a wake-up: sent again, not reported
     };
@@ -175,7 +177,9 @@ private:
     bool m_autoStartedRecording = false;
     int m_activeJobs = 0;
     std::vector<std::shared_ptr<RunningUpload>> m_uploads;
+    QTimer m_uploadProgressTimer; ///< refreshes the tooltip's progress while uploads run
     DialogQueue m_dialogs;
+    std::unique_ptr<WorkerThread> m_fileReader; ///< reads recordings' headers for the dialogs' titles
     QString m_statusTitle;
     QPoint m_lastClickPos;
     qint64 m_popoverClosedAtMs = 0;

@@ -6,7 +6,6 @@
 // been answered, each titled with the recording it is about. Uploads run on the network thread; jobs being
 // followed are kept on disk (`FollowedJobs`) and followed again at the next launch.
 #include "AppDelegate.h"
-#include "audio/BackgroundTask.h"
 #include "audio/ffmpeg/FfmpegHandles.h"
 #include "core/ClientResolver.h"
 #include "core/Log.h"
@@ -93,11 +92,6 @@ QString recordingLabel(const QString& path) {
     return label + QStringLiteral(" — TaVREL Recorder");
 }
 
-QCoro::Task<QString> describeRecording(QString path) {
-    const auto describe = [path] { return recordingLabel(path); };
-    co_return co_await runInBackground(describe);
-}
-
 /// One diagnostic line for a failure: the user's sentence and what the system said.
 void logFailure(const QString& what, const std::exception_ptr& failure) {
     const QString cause = technicalCause(failure);
@@ -115,18 +109,16 @@ QCoro::Task<> AppDelegate::uploadFile(QString fileURL, QString title, qint64 cli
     const QPointer<AppDelegate> self(this);
     setBusyIndicator(true, kUploadSymbol);
 
+    // Progress goes to the tray's tooltip, read there twice a second; the title keeps its symbol.
     auto upload = std::make_shared<RunningUpload>();
     upload->title = title;
+    upload->progress = std::make_shared<BodyProgress>();
     m_uploads.push_back(upload);
+    if (!m_uploadProgressTimer.isActive())
+        m_uploadProgressTimer.start();
+    refreshUploadProgress();
     const UploadRequest request{fileURL,       title, clientId >= 1 ? std::optional(clientId) : std::nullopt,
                                 synthesisType, depth, notes};
-    // Progress goes to the tray's tooltip; the title keeps its symbol.
-    const UploadService::UploadProgress onProgress = [self, upload](qint64 sentBytes, qint64 totalBytes) {
-        upload->sentBytes = sentBytes;
-        upload->totalBytes = totalBytes;
-        if (self)
-            self->refreshUploadProgress();
-    };
 
     std::optional<UploadService::AsyncUploadResult> result;
     std::exception_ptr failure;
@@ -135,7 +127,7 @@ QCoro::Task<> AppDelegate::uploadFile(QString fileURL, QString title, qint64 cli
         upload->abort = std::make_shared<UploadAbort>();
         failure = nullptr;
         try {
-            result = co_await uploadInBackground(request, this, onProgress, upload->abort);
+            result = co_await uploadInBackground(request, upload->progress, upload->abort);
         } catch (...) {
             failure = std::current_exception();
         }
@@ -145,6 +137,8 @@ QCoro::Task<> AppDelegate::uploadFile(QString fileURL, QString title, qint64 cli
             logLine(QStringLiteral("[Upload] Sortie de veille : nouvel envoi de ") + quoted(title));
     } while (!result && upload->sendAgain);
     std::erase(m_uploads, upload);
+    if (m_uploads.empty())
+        m_uploadProgressTimer.stop();
     refreshUploadProgress();
     setBusyIndicator(false, kJobSymbol);
 
@@ -278,13 +272,23 @@ void AppDelegate::refreshUploadProgress() {
         return;
     QStringList lines;
     for (const std::shared_ptr<RunningUpload>& upload : m_uploads) {
-        if (upload->totalBytes > 0) {
-            lines << QStringLiteral("Envoi de %1 : %2 %")
-                         .arg(quoted(upload->title))
-                         .arg(upload->sentBytes * 100 / upload->totalBytes);
-        }
+        const qint64 totalBytes = upload->progress->totalBytes;
+        const qint64 sentBytes = upload->progress->sentBytes;
+        lines << QStringLiteral("Envoi de %1 : %2 %")
+                     .arg(quoted(upload->title))
+                     .arg(totalBytes > 0 ? sentBytes * 100 / totalBytes : 0);
     }
     m_services.statusItem->setToolTipDetail(lines.join(QLatin1Char('\n')));
+}
+
+QCoro::Task<QString> AppDelegate::describeRecording(QString path) {
+    const auto describe = [path] { return recordingLabel(path); };
+    try {
+        co_return co_await m_fileReader->run(describe);
+    } catch (const Error&) {
+        // The delegate is going away; no dialog will show this.
+    }
+    co_return QFileInfo(path).fileName();
 }
 
 void AppDelegate::onResumedFromSleep() {

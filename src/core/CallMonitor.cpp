@@ -2,10 +2,7 @@
 
 #include "core/Log.h"
 
-#include <QCoro/QCoroFuture>
-#include <QFuture>
 #include <QPointer>
-#include <QPromise>
 #include <array>
 
 namespace tavrel {
@@ -36,11 +33,9 @@ constexpr std::array<QLatin1String, 16> kCallPrefixes{
 
 CallMonitor::CallMonitor(std::unique_ptr<MicInputQuery> query, std::chrono::milliseconds pollIntervalMs)
     : m_query(std::move(query)), m_pollIntervalMs(pollIntervalMs), m_guard(std::make_unique<QObject>()),
-      m_queryThread(std::make_unique<QThreadPool>()) {
+      m_queryThread(std::make_unique<WorkerThread>("tavrel-calls")) {
     // One query at a time, on a thread of its own: the audio server may take its time (or its time-out)
     // to answer, and the shared worker pool may be busy merging a recording.
-    m_queryThread->setMaxThreadCount(1);
-    m_queryThread->setExpiryTimeout(-1);
 }
 
 CallMonitor::~CallMonitor() = default;
@@ -102,26 +97,24 @@ QCoro::Task<> CallMonitor::poll() {
         handle(MicInputStatus{});
         co_return;
     }
-    struct Answer {
-        std::optional<QStringList> applications;
-        QPromise<void> done;
-    };
-    auto answer = std::make_shared<Answer>();
-    answer->done.start();
-    QFuture<void> done = answer->done.future();
-    m_queryThread->start([answer, query = m_query] {
-        answer->applications = query->inputApplications();
-        answer->done.finish();
-    });
+    const std::shared_ptr<MicInputQuery> query = m_query;
+    const auto ask = [query] { return query->inputApplications(); };
     m_pollWaiting = true;
     const int generation = m_generation;
     const QPointer<QObject> alive(m_guard.get());
-    co_await done;
+    std::optional<QStringList> applications;
+    bool asked = false;
+    try {
+        applications = co_await m_queryThread->run(ask);
+        asked = true;
+    } catch (const Error&) {
+        // The monitor is going away.
+    }
     if (!alive)
         co_return;
     m_pollWaiting = false;
-    if (generation == m_generation)
-        handle(micInputStatus(answer->applications));
+    if (asked && generation == m_generation)
+        handle(micInputStatus(applications));
 }
 
 void CallMonitor::handle(const std::optional<MicInputStatus>& status) {

@@ -1,12 +1,12 @@
 #pragma once
 
 #include "core/MicInputQuery.h"
+#include "core/WorkerThread.h"
 
 #include <QCoro/QCoroTask>
 #include <QObject>
 #include <QString>
 #include <QStringList>
-#include <QThreadPool>
 #include <QTimer>
 #include <chrono>
 #include <functional>
@@ -84,7 +84,7 @@ private:
     // Context of queued prompts and of answers: they are dropped, not run on a dead monitor, once it is gone.
     std::unique_ptr<QObject> m_guard;
     // Declared last: destroyed first, waiting for a query still running.
-    std::unique_ptr<QThreadPool> m_queryThread;
+    std::unique_ptr<WorkerThread> m_queryThread;
 };
 
 } // namespace tavrel

@@ -3,9 +3,12 @@
 #include <QCoreApplication>
 #include <QCoro/QCoroFuture>
 #include <QFuture>
+#include <QNetworkReply>
 #include <QPointer>
 #include <QPromise>
 #include <QThread>
+#include <deque>
+#include <functional>
 #include <mutex>
 #include <set>
 
@@ -13,15 +16,30 @@ namespace tavrel {
 
 namespace {
 
+class NetworkThread;
+
+/// Lives on the network thread; woken (by name, carrying nothing) to start the uploads handed over.
+class NetworkContext : public QObject {
+    Q_OBJECT
+public:
+    explicit NetworkContext(NetworkThread& owner) : m_owner(owner) {}
+
+public slots:
+    void startPending();
+
+private:
+    NetworkThread& m_owner;
+};
+
 /// Owns the network thread for the application's lifetime: when the application object goes, the uploads
-/// still running are aborted and the thread is stopped before Qt's internals are.
+/// still running are aborted and the thread is stopped before Qt's internals are. Uploads are handed over
+/// under a mutex (a hand-over that ThreadSanitizer sees), then the thread is woken.
 class NetworkThread : public QObject {
 public:
     explicit NetworkThread(QObject* application) : QObject(application) {
         m_thread.setObjectName(QStringLiteral("tavrel-net"));
-        m_context = new QObject;
+        m_context = new NetworkContext(*this);
         m_context->moveToThread(&m_thread);
-        QObject::connect(&m_thread, &QThread::finished, m_context, &QObject::deleteLater);
         m_thread.start();
     }
 
@@ -33,25 +51,41 @@ public:
         }
         m_thread.quit();
         m_thread.wait();
+        // Its thread has ended: nothing else can touch it now.
+        delete m_context;
     }
 
     QObject* context() const { return m_context; }
 
-    void track(const std::shared_ptr<UploadAbort>& abort) {
-        std::lock_guard lock(m_mutex);
-        m_running.insert(abort);
+    void start(std::function<void()> upload, const std::shared_ptr<UploadAbort>& abort) {
+        {
+            std::lock_guard lock(m_mutex);
+            m_pending.push_back(std::move(upload));
+            m_running.insert(abort);
+        }
+        QMetaObject::invokeMethod(m_context, "startPending", Qt::QueuedConnection);
     }
     void forget(const std::shared_ptr<UploadAbort>& abort) {
         std::lock_guard lock(m_mutex);
         m_running.erase(abort);
     }
+    std::deque<std::function<void()>> takePending() {
+        std::lock_guard lock(m_mutex);
+        return std::exchange(m_pending, {});
+    }
 
 private:
     QThread m_thread;
-    QObject* m_context = nullptr;
+    NetworkContext* m_context = nullptr;
     std::mutex m_mutex;
+    std::deque<std::function<void()>> m_pending;
     std::set<std::shared_ptr<UploadAbort>> m_running;
 };
+
+void NetworkContext::startPending() {
+    for (std::function<void()>& start : m_owner.takePending())
+        start();
+}
 
 QPointer<NetworkThread> g_networkThread;
 
@@ -61,39 +95,31 @@ NetworkThread& networkThread() {
     return *g_networkThread;
 }
 
-/// What the two threads share of one upload. The promise is finished on the network thread; the caller
-/// reads the outcome once its future has resumed it.
+/// What the two threads share of one upload: the outcome, written on the network thread and read by the
+/// caller under the mutex once the promise has resumed it.
 struct UploadState {
+    std::mutex mutex;
     std::optional<UploadService::AsyncUploadResult> result;
     std::exception_ptr error;
-    QPromise<void> promise;
-};
-
-/// Receives progress on the caller's thread. Shared with the network thread's callback and deleted on
-/// its own thread, whichever thread drops it last.
-class ProgressRelay : public QObject {
-public:
-    ProgressRelay(QObject* context, UploadService::UploadProgress onProgress)
-        : m_context(context), m_onProgress(std::move(onProgress)) {}
-    void deliver(qint64 sent, qint64 total) {
-        if (m_context && m_onProgress)
-            m_onProgress(sent, total);
-    }
-
-private:
-    QPointer<QObject> m_context;
-    UploadService::UploadProgress m_onProgress;
+    QPromise<void> done;
 };
 
 QCoro::Task<> runUpload(std::shared_ptr<UploadState> state, UploadRequest request, UploadService::UploadHooks hooks) {
+    std::optional<UploadService::AsyncUploadResult> result;
+    std::exception_ptr error;
     try {
-        state->result =
+        result =
             co_await UploadService::uploadAsync(request.fileURL, request.title, request.clientId, request.synthesisType,
                                                 request.depth, request.notes, std::move(hooks));
     } catch (...) {
-        state->error = std::current_exception();
+        error = std::current_exception();
     }
-    state->promise.finish();
+    {
+        std::lock_guard lock(state->mutex);
+        state->result = std::move(result);
+        state->error = error;
+    }
+    state->done.finish();
 }
 
 } // namespace
@@ -102,47 +128,40 @@ QObject* networkThreadContext() {
     return networkThread().context();
 }
 
-QCoro::Task<UploadService::AsyncUploadResult> uploadInBackground(UploadRequest request, QObject* progressContext,
-                                                                 UploadService::UploadProgress onProgress,
-                                                                 std::shared_ptr<UploadAbort> abort) {
+QCoro::Task<UploadService::AsyncUploadResult>
+uploadInBackground(UploadRequest request, std::shared_ptr<BodyProgress> progress, std::shared_ptr<UploadAbort> abort) {
     if (!abort)
         abort = std::make_shared<UploadAbort>();
-    NetworkThread& thread = networkThread();
-    thread.track(abort);
-
     UploadService::UploadHooks hooks;
     hooks.abort = abort;
-    if (onProgress) {
-        std::shared_ptr<ProgressRelay> relay(new ProgressRelay(progressContext, std::move(onProgress)),
-                                             [](ProgressRelay* r) { r->deleteLater(); });
-        // Qt reports every chunk; the caller hears of whole percents only.
-        hooks.onProgress = [relay, lastPercent = -1](qint64 sent, qint64 total) mutable {
-            const int percent = static_cast<int>(sent * 100 / total);
-            if (percent == lastPercent)
-                return;
-            lastPercent = percent;
-            QMetaObject::invokeMethod(
-                relay.get(), [relay, sent, total] { relay->deliver(sent, total); }, Qt::QueuedConnection);
+    if (progress) {
+        hooks.onProgress = [progress](qint64 sent, qint64 total) {
+            progress->totalBytes = total;
+            progress->sentBytes = sent;
         };
     }
 
     auto state = std::make_shared<UploadState>();
-    state->promise.start();
-    QFuture<void> done = state->promise.future();
-    QMetaObject::invokeMethod(
-        thread.context(),
+    state->done.start();
+    const QFuture<void> done = state->done.future();
+    networkThread().start(
         [state, request = std::move(request), hooks = std::move(hooks)]() mutable {
             // A named coroutine with its inputs by value: it outlives this call.
-            runUpload(state, std::move(request), std::move(hooks));
+            auto upload = runUpload(state, std::move(request), std::move(hooks));
         },
-        Qt::QueuedConnection);
+        abort);
     co_await done;
 
     if (g_networkThread)
         g_networkThread->forget(abort);
+    std::lock_guard lock(state->mutex);
     if (state->error)
         std::rethrow_exception(state->error);
+    if (!state->result)
+        throw TransportFailure(QNetworkReply::OperationCanceledError, QStringLiteral("Envoi interrompu."));
     co_return std::move(*state->result);
 }
 
 } // namespace tavrel
+
+#include "BackgroundUpload.moc"

@@ -30,17 +30,20 @@ namespace {
 constexpr int kMaxErrorTextCharacters = 200;
 const QByteArray kCRLF = QByteArrayLiteral("\r\n");
 
-/// One access manager per thread that talks to the backend (only the main thread in this program).
-/// Owned by the application object, or by the thread, so that it goes before Qt's internals do.
+/// One access manager per thread that talks to the backend (the main thread and the network thread). The
+/// main thread's belongs to the application object, so that it goes before Qt's internals do; another
+/// thread's goes when that thread ends, on that thread.
 QNetworkAccessManager& manager() {
     thread_local QPointer<QNetworkAccessManager> instance;
+    thread_local std::unique_ptr<QNetworkAccessManager> ownedByThread;
     if (!instance) {
-        instance = new QNetworkAccessManager;
+        auto* created = new QNetworkAccessManager;
         QCoreApplication* app = QCoreApplication::instance();
         if (app && app->thread() == QThread::currentThread())
-            instance->setParent(app);
+            created->setParent(app);
         else
-            QObject::connect(QThread::currentThread(), &QThread::finished, instance.data(), &QObject::deleteLater);
+            ownedByThread.reset(created);
+        instance = created;
     }
     return *instance;
 }
@@ -210,6 +213,17 @@ QCoro::Task<Response> send(QNetworkRequest request, QByteArray verb, std::unique
         response.otherErrorString = reply->errorString();
     }
     response.body = reply->readAll();
+    // A connection closed before the announced end may still come back without an error: a cut answer
+    // must not pass for the backend's word (an upload would then count as accepted).
+    const QVariant announced = reply->header(QNetworkRequest::ContentLengthHeader);
+    if (response.isHttp && announced.isValid() && reply->rawHeader("Content-Encoding").isEmpty() &&
+        response.body.size() < announced.toLongLong()) {
+        throw TransportFailure(QNetworkReply::RemoteHostClosedError,
+                               QStringLiteral("Le serveur a fermé la connexion avant de répondre."),
+                               QStringLiteral("Réponse tronquée : %1 octets reçus sur %2 annoncés")
+                                   .arg(response.body.size())
+                                   .arg(announced.toLongLong()));
+    }
     co_return response;
 }
 
@@ -303,9 +317,10 @@ UploadFailure UploadFailure::badResponse(int statusCode, const QByteArray& body)
 void UploadAbort::abort() {
     std::lock_guard lock(m_mutex);
     m_aborted = true;
-    // The reply lives on the uploading thread; detach() runs there, under this lock, before it goes.
+    // The reply lives on the uploading thread; detach() runs there, under this lock, before it goes. Called
+    // by name: the call carries nothing across the threads.
     if (m_reply)
-        QMetaObject::invokeMethod(m_reply, &QNetworkReply::abort, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(m_reply, "abort", Qt::QueuedConnection);
 }
 
 bool UploadAbort::isAborted() const {
@@ -317,7 +332,7 @@ void UploadAbort::attach(QNetworkReply* reply) {
     std::lock_guard lock(m_mutex);
     m_reply = reply;
     if (m_aborted)
-        QMetaObject::invokeMethod(m_reply, &QNetworkReply::abort, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(m_reply, "abort", Qt::QueuedConnection);
 }
 
 void UploadAbort::detach() {
