@@ -40,8 +40,7 @@ int runApplication(int argc, char** argv, const AlertPresenterFactory& makeAlert
     int qtArgumentCount = static_cast<int>(qtArguments.size()) - 1;
 
     QApplication app(qtArgumentCount, qtArguments.data());
-    if (display.waylandOnly ||
-        (!platformPlugins.isEmpty() && QGuiApplication::platformName() != QLatin1String("xcb")))
+    if (display.waylandOnly || (!platformPlugins.isEmpty() && QGuiApplication::platformName() != QLatin1String("xcb")))
         logLine(DisplayChoice::waylandOnlyWarning());
     QApplication::setApplicationName(QStringLiteral("TavrelRecorder"));
     QApplication::setApplicationDisplayName(QStringLiteral("TaVREL Recorder"));

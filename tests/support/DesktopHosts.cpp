@@ -57,8 +57,8 @@ bool writeFile(const QString& path, const QByteArray& contents, QFile::Permissio
     const QString script = m_dir.filePath(QStringLiteral("log-notification.sh"));
     // dunst runs the script with the application name, summary and body as its first arguments; records are
     // separated by RS and fields by US, which no notification text contains.
-    const QByteArray scriptText = "#!/bin/sh\nprintf '%s\\037%s\\037%s\\036' \"$1\" \"$2\" \"$3\" >> '" +
-                                  log.toUtf8() + "'\n";
+    const QByteArray scriptText =
+        "#!/bin/sh\nprintf '%s\\037%s\\037%s\\036' \"$1\" \"$2\" \"$3\" >> '" + log.toUtf8() + "'\n";
     // Every notification counts, even one identical to the one before it.
     const QByteArray config = "[global]\n    follow = none\n    idle_threshold = 0\n    stack_duplicates = false\n\n"
                               "[log_every_notification]\n    summary = \"*\"\n    script = " +
@@ -86,8 +86,8 @@ QList<ReceivedNotification> NotificationDaemon::received() const {
     for (const QByteArray& record : file.readAll().split('\x1e')) {
         const QList<QByteArray> fields = record.split('\x1f');
         if (fields.size() == 3)
-            notifications.append({QString::fromUtf8(fields[0]), QString::fromUtf8(fields[1]),
-                                  QString::fromUtf8(fields[2])});
+            notifications.append(
+                {QString::fromUtf8(fields[0]), QString::fromUtf8(fields[1]), QString::fromUtf8(fields[2])});
     }
     return notifications;
 }
@@ -145,8 +145,7 @@ QString NotificationDaemon::logs() const {
     if (!m_settings.start(settings))
         return ::testing::AssertionFailure() << m_settings.errorString().toStdString();
     if (auto ready = startedWhen(
-            m_settings, [&] { return nameIsOwned(m_session, QStringLiteral("org.xfce.Xfconf")); }, timeout,
-            "xfconfd");
+            m_settings, [&] { return nameIsOwned(m_session, QStringLiteral("org.xfce.Xfconf")); }, timeout, "xfconfd");
         !ready)
         return ready;
 
@@ -187,8 +186,7 @@ QString TrayHost::logs() const {
 
 // ---------------------------------------------------------------------------------------------------------------
 
-::testing::AssertionResult WindowManager::start(const QProcessEnvironment& session,
-                                                std::chrono::milliseconds timeout) {
+::testing::AssertionResult WindowManager::start(const QProcessEnvironment& session, std::chrono::milliseconds timeout) {
     ManagedProcess::Options options;
     options.program = QStringLiteral("openbox");
     options.arguments = {QStringLiteral("--sm-disable")};
@@ -202,9 +200,9 @@ QString TrayHost::logs() const {
     return startedWhen(
         m_manager,
         [&] {
-            const CommandResult check = runCommand(QStringLiteral("xprop"),
-                                                   {QStringLiteral("-root"), QStringLiteral("_NET_SUPPORTING_WM_CHECK")},
-                                                   options.environment, std::chrono::seconds(5));
+            const CommandResult check = runCommand(
+                QStringLiteral("xprop"), {QStringLiteral("-root"), QStringLiteral("_NET_SUPPORTING_WM_CHECK")},
+                options.environment, std::chrono::seconds(5));
             return check.ok() && check.standardOutput.contains("window id");
         },
         timeout, "openbox");
@@ -217,9 +215,12 @@ QString TrayHost::logs() const {
     QFile::setPermissions(runtime, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     ManagedProcess::Options options;
     options.program = QStringLiteral("weston");
-    options.arguments = {QStringLiteral("--backend=headless-backend.so"), QStringLiteral("--xwayland"),
-                         QStringLiteral("--socket=wayland-tavrel"), QStringLiteral("--width=1280"),
-                         QStringLiteral("--height=800"), QStringLiteral("--idle-time=0")};
+    options.arguments = {QStringLiteral("--backend=headless-backend.so"),
+                         QStringLiteral("--xwayland"),
+                         QStringLiteral("--socket=wayland-tavrel"),
+                         QStringLiteral("--width=1280"),
+                         QStringLiteral("--height=800"),
+                         QStringLiteral("--idle-time=0")};
     options.environment = QProcessEnvironment::systemEnvironment();
     options.environment.remove(QStringLiteral("DISPLAY"));
     options.environment.remove(QStringLiteral("WAYLAND_DISPLAY"));

@@ -125,13 +125,13 @@ SessionBusFixture& SessionBusFixture::shared() {
         QDBusConnection::disconnectFromBus(QStringLiteral("bus-fixture"));
         if (owned && process.isRunning())
             return ::testing::AssertionSuccess();
-        return ::testing::AssertionFailure() << "python3-dbusmock did not take " << name.toStdString() << ": "
-                                             << process.describe().toStdString();
+        return ::testing::AssertionFailure()
+               << "python3-dbusmock did not take " << name.toStdString() << ": " << process.describe().toStdString();
     };
     if (m_options.notificationServer) {
-        if (auto started = startMock(m_notificationServer,
-                                     {QStringLiteral("--template"), QStringLiteral("notification_daemon")},
-                                     kNotifications, QStringLiteral("notifications.log"));
+        if (auto started =
+                startMock(m_notificationServer, {QStringLiteral("--template"), QStringLiteral("notification_daemon")},
+                          kNotifications, QStringLiteral("notifications.log"));
             !started) {
             stop();
             return started;
@@ -146,8 +146,8 @@ SessionBusFixture& SessionBusFixture::shared() {
             return started;
         }
         QDBusConnection bus = QDBusConnection::connectToBus(m_address, QStringLiteral("bus-fixture"));
-        QDBusMessage addMethod = QDBusMessage::createMethodCall(kFileManager, path, kMockInterface,
-                                                                QStringLiteral("AddMethod"));
+        QDBusMessage addMethod =
+            QDBusMessage::createMethodCall(kFileManager, path, kMockInterface, QStringLiteral("AddMethod"));
         addMethod << kFileManager << QStringLiteral("ShowItems") << QStringLiteral("ass") << QString() << QString();
         const QDBusMessage reply = bus.call(addMethod, QDBus::Block, 5000);
         QDBusConnection::disconnectFromBus(QStringLiteral("bus-fixture"));
@@ -178,14 +178,15 @@ QProcessEnvironment SessionBusFixture::environment() const {
     return mergedEnvironment({variables()});
 }
 
-QList<std::pair<QString, QVariantList>> SessionBusFixture::mockCalls(const QString& service, const QString& path) const {
+QList<std::pair<QString, QVariantList>> SessionBusFixture::mockCalls(const QString& service,
+                                                                     const QString& path) const {
     QList<std::pair<QString, QVariantList>> calls;
     const QString connectionName = QStringLiteral("bus-fixture-calls");
     {
         QDBusConnection bus = QDBusConnection::connectToBus(m_address, connectionName);
-        const QDBusMessage reply = bus.call(
-            QDBusMessage::createMethodCall(service, path, kMockInterface, QStringLiteral("GetCalls")), QDBus::Block,
-            5000);
+        const QDBusMessage reply =
+            bus.call(QDBusMessage::createMethodCall(service, path, kMockInterface, QStringLiteral("GetCalls")),
+                     QDBus::Block, 5000);
         if (reply.type() == QDBusMessage::ReplyMessage) {
             // a(tsav): time, method, arguments
             const QDBusArgument argument = reply.arguments().value(0).value<QDBusArgument>();
@@ -215,7 +216,8 @@ QList<std::pair<QString, QVariantList>> SessionBusFixture::mockCalls(const QStri
 
 QList<RecordedNotification> SessionBusFixture::notifications() const {
     QList<RecordedNotification> result;
-    for (const auto& [method, arguments] : mockCalls(kNotifications, QStringLiteral("/org/freedesktop/Notifications"))) {
+    for (const auto& [method, arguments] :
+         mockCalls(kNotifications, QStringLiteral("/org/freedesktop/Notifications"))) {
         if (method != QStringLiteral("Notify") || arguments.size() != 8)
             continue;
         RecordedNotification n;

@@ -4,14 +4,14 @@
 #include "ScopedEnvironment.h"
 #include "TempDir.h"
 
-#include <QVariantMap>
-#include <utility>
 #include <QList>
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
+#include <QVariantMap>
 #include <chrono>
 #include <gtest/gtest.h>
+#include <utility>
 
 namespace tavrel::test {
 

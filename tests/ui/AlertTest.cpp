@@ -106,17 +106,16 @@ TEST(QtAlertPresenter, ClickOrEscapeGivesTheResponseAndTheFirstButtonIsTheDefaul
         QStringList titles;
         const char* click;    ///< the button clicked; nullptr: Escape is pressed
         int expectedResponse; ///< 0: closed without a button
-    } cases[] = {{three, "Réessayer", kFirstButton},
-                 {three, "Afficher dans le Finder", kFirstButton + 1},
-                 {three, "Plus tard", kFirstButton + 2},
-                 // Escape means the cancelling button: "Annuler" wherever it is, else the last one.
-                 {{QStringLiteral("Enregistrer"), QStringLiteral("Annuler")}, nullptr, kFirstButton + 1},
-                 {{QStringLiteral("Annuler"), QStringLiteral("Plus tard")}, nullptr, kFirstButton},
-                 {three, nullptr, kFirstButton + 2},
-                 {{QStringLiteral("Envoyer sans client"), QStringLiteral("Revenir au formulaire")},
-                  nullptr,
-                  kFirstButton + 1},
-                 {{QStringLiteral("OK")}, nullptr, 0}};
+    } cases[] = {
+        {three, "Réessayer", kFirstButton},
+        {three, "Afficher dans le Finder", kFirstButton + 1},
+        {three, "Plus tard", kFirstButton + 2},
+        // Escape means the cancelling button: "Annuler" wherever it is, else the last one.
+        {{QStringLiteral("Enregistrer"), QStringLiteral("Annuler")}, nullptr, kFirstButton + 1},
+        {{QStringLiteral("Annuler"), QStringLiteral("Plus tard")}, nullptr, kFirstButton},
+        {three, nullptr, kFirstButton + 2},
+        {{QStringLiteral("Envoyer sans client"), QStringLiteral("Revenir au formulaire")}, nullptr, kFirstButton + 1},
+        {{QStringLiteral("OK")}, nullptr, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.click ? c.click : "Escape");
         QtAlertPresenter presenter;
@@ -137,7 +136,8 @@ TEST(QtAlertPresenter, ClickOrEscapeGivesTheResponseAndTheFirstButtonIsTheDefaul
             else
                 QTest::keyClick(&dialog, Qt::Key_Escape);
         };
-        const int response = presenter.run({QStringLiteral("Non envoyé"), QStringLiteral("ligne 1\nligne 2"), c.titles});
+        const int response =
+            presenter.run({QStringLiteral("Non envoyé"), QStringLiteral("ligne 1\nligne 2"), c.titles});
         EXPECT_EQ(response < kFirstButton ? 0 : response, c.expectedResponse);
         EXPECT_EQ(alertsUp, 1);
         EXPECT_FALSE(presenter.isAlertUp());

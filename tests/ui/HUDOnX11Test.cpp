@@ -120,7 +120,10 @@ TEST(HUDOnX11, Child) {
         return std::find(stacking.begin(), stacking.end(), of) - stacking.begin();
     };
     ASSERT_TRUE(tavrel::test::waitUntil(
-        [&] { return stackIndex(otherWindow) < static_cast<long>(property(connection, root, "_NET_CLIENT_LIST_STACKING").size()); },
+        [&] {
+            return stackIndex(otherWindow) <
+                   static_cast<long>(property(connection, root, "_NET_CLIENT_LIST_STACKING").size());
+        },
         std::chrono::seconds(10)));
     EXPECT_GT(stackIndex(window), stackIndex(otherWindow)) << "the panel is not above the newer window";
 

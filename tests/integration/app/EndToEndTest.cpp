@@ -11,8 +11,8 @@
 #include <QFile>
 #include <QImage>
 #include <QJsonDocument>
-#include <QRegularExpression>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QSettings>
 #include <QStandardPaths>
 #include <gtest/gtest.h>
@@ -404,15 +404,17 @@ TEST_F(EndToEndTest, TheUploadDialogTakesTheKeyboardUnderAWindowManager) {
             .trimmed()
             .replace(u'\n', u'|');
     };
-    ASSERT_TRUE(waitUntil([&] { return activeWindowName() == QStringLiteral("TaVREL Recorder|TaVREL Recorder"); }, 30s,
-                          200ms))
-        << activeWindowName().toStdString() << "\n" << m_program.logTail().toStdString();
+    ASSERT_TRUE(
+        waitUntil([&] { return activeWindowName() == QStringLiteral("TaVREL Recorder|TaVREL Recorder"); }, 30s, 200ms))
+        << activeWindowName().toStdString() << "\n"
+        << m_program.logTail().toStdString();
     const QString title = QStringLiteral("Réunion d'équipe à Genève");
-    EXPECT_TRUE(runCommand(QStringLiteral("xdotool"), {QStringLiteral("type"), QStringLiteral("--delay"),
-                                                        QStringLiteral("40"), title},
-                           m_session, 30s)
+    EXPECT_TRUE(runCommand(QStringLiteral("xdotool"),
+                           {QStringLiteral("type"), QStringLiteral("--delay"), QStringLiteral("40"), title}, m_session,
+                           30s)
                     .ok());
-    EXPECT_TRUE(runCommand(QStringLiteral("xdotool"), {QStringLiteral("key"), QStringLiteral("Return")}, m_session).ok());
+    EXPECT_TRUE(
+        runCommand(QStringLiteral("xdotool"), {QStringLiteral("key"), QStringLiteral("Return")}, m_session).ok());
     ASSERT_TRUE(waitUntil([&] { return backend.uploadCount() == 1; }, 30s)) << m_program.logTail().toStdString();
     EXPECT_EQ(backend.fields(1).value(QStringLiteral("title")).toString(), title)
         << QJsonDocument(backend.upload(1)).toJson().toStdString();

@@ -1,5 +1,6 @@
-#include "app/DisplayChoice.h"
 #include "app/LaunchRequest.h"
+
+#include "app/DisplayChoice.h"
 
 #include <gtest/gtest.h>
 
