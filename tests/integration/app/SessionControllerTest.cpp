@@ -243,7 +243,7 @@ TEST_F(SessionControllerTest, FailedStartShowsOneAlertWithTheErrorAndChangesNoth
     QString expected;
     bool probed = false;
     AudioRecorder probe;
-    // Named, so that the closure outlives the coroutine it starts.
+    // A named closure: the coroutine refers to its captures until it ends.
     auto probeStart = [&]() -> QCoro::Task<> {
         try {
             co_await probe.startRecording();
