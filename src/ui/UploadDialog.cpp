@@ -61,8 +61,6 @@ UploadDialog::UploadDialog(QList<QJsonObject> clients, QWidget* parent)
     m_titleField->setPlaceholderText(QStringLiteral("Titre (ex : Réunion commune de X)"));
     m_titleField->setFixedWidth(kWidthPx);
     stack->addWidget(m_titleField);
-    // The form takes the keyboard at its title: what the user types first.
-    setFocusProxy(m_titleField);
 
     m_clientCheckBox = new QCheckBox(QStringLiteral("Attribuer à un client"), this);
     m_clientCheckBox->setObjectName(QStringLiteral("clientCheckBox"));
@@ -105,6 +103,8 @@ UploadDialog::UploadDialog(QList<QJsonObject> clients, QWidget* parent)
     m_searchDelegate = new ClientSearchDelegate(m_clients, m_clientField, m_matchLabel, this);
     m_toggleHandler = new ClientToggleHandler(m_clientField, m_matchLabel, this);
     m_toggleHandler->toggle(false);
+    // The title is what the user types first: the field takes the keyboard when the alert opens.
+    setFocusProxy(m_titleField);
 
     connect(m_clientCheckBox, &QCheckBox::toggled, m_toggleHandler, &ClientToggleHandler::toggle);
     connect(m_clientField->lineEdit(), &QLineEdit::textEdited, m_searchDelegate,

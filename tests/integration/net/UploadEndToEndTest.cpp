@@ -1,6 +1,7 @@
 // The real program sending recordings to the reference backend: under Xvfb with a window manager and its
 // real dialogs (the shipped binary), killed while it follows a job, woken from suspend by logind (a
 // python3-dbusmock template on a private system bus).
+#include "DesktopHosts.h"
 #include "ReferenceBackend.h"
 #include "TestSupport.h"
 
@@ -34,7 +35,6 @@ protected:
     void SetUp() override {
         ASSERT_TRUE(m_backend.isRunning()) << m_backend.describe().toStdString();
         SessionBusFixture::Options busOptions;
-        busOptions.statusNotifierWatcher = true;
         busOptions.exportEnvironment = false;
         m_bus = std::make_unique<SessionBusFixture>(busOptions);
         ASSERT_TRUE(m_bus->start());
@@ -121,13 +121,8 @@ TEST_F(UploadEndToEndTest, PendingRecordingsGetRealDialogsOneAtATimeEachForItsOw
         EXPECT_FALSE(source.readAll().contains("TAVREL_TEST")) << source.fileName().toStdString();
     }
 
-    ManagedProcess windowManager;
-    ManagedProcess::Options wm;
-    wm.program = QStringLiteral("openbox");
-    wm.arguments = {QStringLiteral("--sm-disable")};
-    wm.environment = mergedEnvironment({m_bus->variables(), m_xvfb->variables()});
-    wm.logPath = m_dir.filePath(QStringLiteral("openbox.log"));
-    ASSERT_TRUE(windowManager.start(wm));
+    WindowManager openbox;
+    ASSERT_TRUE(openbox.start(mergedEnvironment({m_bus->variables(), m_xvfb->variables()})));
 
     // Made an hour apart, oldest first; "HH:mm" of each name's time stamp tells the dialogs apart.
     const qint64 now = QDateTime::currentSecsSinceEpoch();
