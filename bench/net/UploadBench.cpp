@@ -1,10 +1,10 @@
 // Upload of a long recording to the reference backend on loopback, as the program sends it (streamed from
-// disk on the network thread), against `curl -F` posting the same file and fields to the same server in the
+// disk by libcurl on a thread of its own), against `curl -F` posting the same file and fields to the same server in the
 // same run; the memory the upload costs the process and the longest stall of a 10 ms main-thread timer.
 // The server only hashes what it receives, so that the transfer itself is measured.
 //   bench_net_upload [megabytes, default 58: an hour of AAC at 128 kbit/s] [rounds, default 3]
 #include "ReferenceBackend.h"
-#include "net/BackgroundUpload.h"
+#include "net/UploadService.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -78,8 +78,6 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "cannot write %s\n", qPrintable(recording));
         return 1;
     }
-    // The network thread and its access manager exist before measuring, as they do in the program.
-    networkThreadContext();
     const long restingKb = statusKb("VmRSS:");
     resetPeak();
 
@@ -98,12 +96,10 @@ int main(int argc, char** argv) {
         });
         clock.start();
         watch.start(10);
-        const auto outcome =
-            runTask(uploadInBackground(UploadRequest{recording, QStringLiteral("Banc d'essai"), 42,
-                                                     QStringLiteral("professional"), QStringLiteral("normal"),
-                                                     QStringLiteral("[0:01] note")},
-                                       nullptr, nullptr),
-                    std::chrono::minutes(5));
+        const auto outcome = runTask(
+            UploadService::uploadAsync(recording, QStringLiteral("Banc d'essai"), 42, QStringLiteral("professional"),
+                                       QStringLiteral("normal"), QStringLiteral("[0:01] note")),
+            std::chrono::minutes(5));
         ours.push_back(static_cast<double>(clock.nsecsElapsed()) / 1e9);
         watch.stop();
         if (!outcome.value) {

@@ -54,7 +54,7 @@ QRect popoverRect(QPoint click) {
 
 AppDelegate::AppDelegate(AppServices services, QObject* parent)
     : QObject(parent), m_services(std::move(services)), m_recorder(m_services.audioBackends),
-      m_hud(std::make_unique<RecordingHUD>()), m_fileReader(std::make_unique<WorkerThread>("tavrel-files")) {
+      m_hud(std::make_unique<RecordingHUD>()), m_fileWorker(std::make_unique<WorkerThread>("tavrel-files")) {
     if (m_services.alerts) {
         // An alert blocks the program: a popover left open under it must not act meanwhile.
         const QPointer<AppDelegate> weak(this);

@@ -16,6 +16,7 @@
 #include <QStringList>
 #include <QTimer>
 #include <QUrl>
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -33,7 +34,6 @@ class PowerEvents;
 class RecordingHUD;
 class StatusItem;
 class UploadAbort;
-struct BodyProgress;
 
 /// Everything the application delegate needs from the desktop, passed in so that tests can run it
 /// with fakes.
@@ -169,7 +169,7 @@ private:
     /// An upload whose body is going out, as the tray's tooltip and a wake-up see it.
     struct RunningUpload {
         QString title;
-        std::shared_ptr<BodyProgress> progress;
+        std::shared_ptr<std::atomic<int>> percent; ///< written by the upload's thread
         std::shared_ptr<UploadAbort> abort;
         bool sendAgain = false; ///< stopped on purpose by a wake-up: sent again, not reported
     };
@@ -194,7 +194,8 @@ private:
     std::vector<std::shared_ptr<RunningUpload>> m_uploads;
     QTimer m_uploadProgressTimer; ///< refreshes the tooltip's progress while uploads run
     DialogQueue m_dialogs;
-    std::unique_ptr<WorkerThread> m_fileReader; ///< reads recordings' headers for the dialogs' titles
+    /// Reads recordings' headers for the dialogs' titles, removes the recordings sent.
+    std::unique_ptr<WorkerThread> m_fileWorker;
     QString m_statusTitle;
     QPoint m_lastClickPos;
     qint64 m_popoverClosedAtMs = 0;

@@ -10,7 +10,6 @@
 #include "core/ClientResolver.h"
 #include "core/Log.h"
 #include "core/RecordingFiles.h"
-#include "net/BackgroundUpload.h"
 #include "net/UploadService.h"
 #include "platform/Desktop.h"
 #include "platform/PowerEvents.h"
@@ -112,13 +111,12 @@ QCoro::Task<> AppDelegate::uploadFile(QString fileURL, QString title, qint64 cli
     // Progress goes to the tray's tooltip, read there twice a second; the title keeps its symbol.
     auto upload = std::make_shared<RunningUpload>();
     upload->title = title;
-    upload->progress = std::make_shared<BodyProgress>();
+    upload->percent = std::make_shared<std::atomic<int>>(0);
     m_uploads.push_back(upload);
     if (!m_uploadProgressTimer.isActive())
         m_uploadProgressTimer.start();
     refreshUploadProgress();
-    const UploadRequest request{fileURL,       title, clientId >= 1 ? std::optional(clientId) : std::nullopt,
-                                synthesisType, depth, notes};
+    const std::optional<qint64> client = clientId >= 1 ? std::optional(clientId) : std::nullopt;
 
     std::optional<UploadService::AsyncUploadResult> result;
     std::exception_ptr failure;
@@ -127,7 +125,12 @@ QCoro::Task<> AppDelegate::uploadFile(QString fileURL, QString title, qint64 cli
         upload->abort = std::make_shared<UploadAbort>();
         failure = nullptr;
         try {
-            result = co_await uploadInBackground(request, upload->progress, upload->abort);
+            UploadService::UploadHooks hooks;
+            hooks.abort = upload->abort;
+            hooks.onProgress = [percent = upload->percent](qint64 sentBytes, qint64 totalBytes) {
+                *percent = static_cast<int>(sentBytes * 100 / totalBytes);
+            };
+            result = co_await UploadService::uploadAsync(fileURL, title, client, synthesisType, depth, notes, hooks);
         } catch (...) {
             failure = std::current_exception();
         }
@@ -150,10 +153,20 @@ QCoro::Task<> AppDelegate::uploadFile(QString fileURL, QString title, qint64 cli
 
     // The job is on disk before the recording goes: whatever happens next, its end will be told.
     FollowedJobs::store(FollowedJob{result->jobId, result->title, 0, {}});
-    // The backend has the recording: the local copy and its notes may go.
+    // The backend has the recording: the local copy and its notes may go (off this thread: freeing a long
+    // recording's blocks takes the file system a while).
     const QString path = localPath(fileURL);
-    QFile::remove(path);
-    QFile::remove(RecordingFiles::notesFileFor(path));
+    const auto removeFiles = [path] {
+        QFile::remove(RecordingFiles::notesFileFor(path));
+        return QFile::remove(path);
+    };
+    try {
+        co_await m_fileWorker->run(removeFiles);
+    } catch (const Error&) {
+        // The delegate is going away; the job is kept, the recording will be offered again.
+    }
+    if (!self)
+        co_return;
     notify(QStringLiteral("⬆️ Enregistrement envoyé"),
            quoted(result->title) + QStringLiteral(" — transcription en cours, vous serez notifié."));
     co_await pollJobUntilDone(result->jobId, result->title);
@@ -271,20 +284,15 @@ void AppDelegate::refreshUploadProgress() {
     if (!m_services.statusItem)
         return;
     QStringList lines;
-    for (const std::shared_ptr<RunningUpload>& upload : m_uploads) {
-        const qint64 totalBytes = upload->progress->totalBytes;
-        const qint64 sentBytes = upload->progress->sentBytes;
-        lines << QStringLiteral("Envoi de %1 : %2 %")
-                     .arg(quoted(upload->title))
-                     .arg(totalBytes > 0 ? sentBytes * 100 / totalBytes : 0);
-    }
+    for (const std::shared_ptr<RunningUpload>& upload : m_uploads)
+        lines << QStringLiteral("Envoi de %1 : %2 %").arg(quoted(upload->title)).arg(upload->percent->load());
     m_services.statusItem->setToolTipDetail(lines.join(QLatin1Char('\n')));
 }
 
 QCoro::Task<QString> AppDelegate::describeRecording(QString path) {
     const auto describe = [path] { return recordingLabel(path); };
     try {
-        co_return co_await m_fileReader->run(describe);
+        co_return co_await m_fileWorker->run(describe);
     } catch (const Error&) {
         // The delegate is going away; no dialog will show this.
     }

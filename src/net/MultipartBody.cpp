@@ -26,8 +26,8 @@ Error recordingReadFailure(const QString& filePath, const QString& call, int err
     }
 }
 
-MultipartBody::MultipartBody(QByteArray head, const QString& filePath, QByteArray tail, QObject* parent)
-    : QIODevice(parent), m_head(std::move(head)), m_tail(std::move(tail)), m_filePath(filePath) {
+MultipartBody::MultipartBody(QByteArray head, const QString& filePath, QByteArray tail)
+    : m_head(std::move(head)), m_tail(std::move(tail)), m_filePath(filePath) {
     const QByteArray encoded = QFile::encodeName(filePath);
     m_fd = ::open(encoded.constData(), O_RDONLY | O_CLOEXEC);
     if (m_fd < 0)
@@ -54,19 +54,7 @@ qint64 MultipartBody::size() const {
     return m_head.size() + m_fileSize + m_tail.size();
 }
 
-bool MultipartBody::seek(qint64 position) {
-    if (position < 0 || position > size())
-        return false;
-    QIODevice::seek(position);
-    m_position = position;
-    return true;
-}
-
-bool MultipartBody::atEnd() const {
-    return m_position >= size();
-}
-
-qint64 MultipartBody::readData(char* data, qint64 maxSize) {
+qint64 MultipartBody::read(char* data, qint64 maxSize) {
     if (m_failure)
         return -1;
     qint64 written = 0;
@@ -98,14 +86,8 @@ qint64 MultipartBody::readData(char* data, qint64 maxSize) {
     return written;
 }
 
-qint64 MultipartBody::writeData(const char* /*data*/, qint64 /*maxSize*/) {
-    return -1;
-}
-
 qint64 MultipartBody::fail(const QString& call, int error) {
     m_failure = recordingReadFailure(m_filePath, call, error);
-    setErrorString(m_failure->technicalCause());
-    emit readFailed();
     return -1;
 }
 

@@ -2,7 +2,9 @@
 
 #include "core/ClientResolver.h"
 #include "core/SettingsManager.h"
+#include "core/WorkerThread.h"
 #include "net/MultipartBody.h"
+#include "net/StreamedPost.h"
 
 #include <QCoreApplication>
 #include <QCoro/QCoroNetworkReply>
@@ -101,52 +103,6 @@ struct Response {
     QString otherErrorString;
 };
 
-/// The user reads these: Qt's own texts are English, so the common cases get French ones and the rest
-/// keep Qt's text after a French lead. Qt's text, the error's name and the certificate's faults make the
-/// technical cause.
-TransportFailure transportFailure(QNetworkReply::NetworkError error, const QString& qtText,
-                                  const QStringList& tlsErrors = {}) {
-    QString text;
-    switch (error) {
-    case QNetworkReply::ConnectionRefusedError:
-        text = QStringLiteral("Connexion refusée par le serveur.");
-        break;
-    case QNetworkReply::RemoteHostClosedError:
-        text = QStringLiteral("Le serveur a fermé la connexion avant de répondre.");
-        break;
-    case QNetworkReply::HostNotFoundError:
-        text = QStringLiteral("Serveur introuvable.");
-        break;
-    case QNetworkReply::TimeoutError:
-    case QNetworkReply::OperationCanceledError: // what a transfer timeout reports; we cancel nothing else
-        text = QStringLiteral("Le serveur ne répond pas (délai dépassé).");
-        break;
-    case QNetworkReply::SslHandshakeFailedError:
-        text = QStringLiteral("La connexion sécurisée au serveur a échoué (certificat ou TLS).");
-        break;
-    case QNetworkReply::TemporaryNetworkFailureError:
-    case QNetworkReply::NetworkSessionFailedError:
-        text = QStringLiteral("Le réseau est indisponible.");
-        break;
-    case QNetworkReply::TooManyRedirectsError:
-    case QNetworkReply::InsecureRedirectError:
-        text = QStringLiteral("Le serveur redirige la requête de façon incorrecte.");
-        break;
-    case QNetworkReply::ProtocolUnknownError:
-        text = QStringLiteral("Adresse du serveur non prise en charge.");
-        break;
-    default:
-        text = QStringLiteral("Erreur réseau : ") + qtText;
-        break;
-    }
-    QString cause = qtText;
-    if (const char* name = QMetaEnum::fromType<QNetworkReply::NetworkError>().valueToKey(error))
-        cause += QStringLiteral(" (%1)").arg(QLatin1String(name));
-    if (!tlsErrors.isEmpty())
-        cause += QStringLiteral(" ; TLS : ") + tlsErrors.join(QStringLiteral(" ; "));
-    return TransportFailure(static_cast<int>(error), text, withoutToken(cause));
-}
-
 /// No complete answer arrived: the connection failed, broke or timed out. Errors that Qt derives from an
 /// HTTP status (content and server errors, 400 included) come with the status and the body, which the
 /// operations judge themselves.
@@ -158,51 +114,26 @@ bool isTransportError(QNetworkReply::NetworkError error, bool hasStatus) {
     return static_cast<int>(error) < 100;
 }
 
-/// Sends one request and waits for the whole answer. `body` (POST only) is handed to the reply, which
-/// reads it as the network asks and deletes it with itself.
-QCoro::Task<Response> send(QNetworkRequest request, QByteArray verb, std::unique_ptr<QIODevice> body,
-                           UploadService::UploadHooks hooks) {
-    ReplyPtr reply;
-    QIODevice* bodyDevice = body.get();
-    if (verb == "POST") {
-        reply.reset(manager().post(request, bodyDevice));
-        body.release()->setParent(reply.get());
-    } else {
-        reply.reset(manager().get(request));
-    }
+/// Sends one GET request and waits for the whole answer.
+QCoro::Task<Response> get(QNetworkRequest request) {
+    ReplyPtr reply(manager().get(request));
     // The certificate's faults are only told by this signal; the final error just says the handshake failed.
     auto tlsErrors = std::make_shared<QStringList>();
     QObject::connect(reply.get(), &QNetworkReply::sslErrors, reply.get(), [tlsErrors](const QList<QSslError>& errors) {
         for (const QSslError& error : errors)
             tlsErrors->append(error.errorString());
     });
-    if (auto* multipart = qobject_cast<MultipartBody*>(bodyDevice)) {
-        // A recording that cannot be read to its end stops the request: a cut file must not be accepted.
-        QObject::connect(multipart, &MultipartBody::readFailed, reply.get(), &QNetworkReply::abort,
-                         Qt::QueuedConnection);
-    }
-    if (hooks.onProgress) {
-        QObject::connect(reply.get(), &QNetworkReply::uploadProgress, reply.get(),
-                         [onProgress = hooks.onProgress](qint64 sent, qint64 total) {
-                             // Qt also reports (0, 0) once the request is done; that is no progress.
-                             if (total > 0)
-                                 onProgress(sent, total);
-                         });
-    }
-    if (hooks.abort)
-        hooks.abort->attach(reply.get());
     co_await reply.get();
-    if (hooks.abort)
-        hooks.abort->detach();
 
-    if (auto* multipart = qobject_cast<MultipartBody*>(bodyDevice); multipart && multipart->failure())
-        throw *multipart->failure();
     const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
     const QNetworkReply::NetworkError error = reply->error();
     Response response;
     if (isHttpScheme(request.url())) {
-        if (isTransportError(error, status.isValid()) || !status.isValid())
-            throw transportFailure(error, reply->errorString(), *tlsErrors);
+        if (isTransportError(error, status.isValid()) || !status.isValid()) {
+            throw transportFailure(
+                error, reply->errorString(),
+                tlsErrors->isEmpty() ? QString() : QStringLiteral("TLS : ") + tlsErrors->join(QStringLiteral(" ; ")));
+        }
         response.isHttp = true;
         response.statusCode = status.toInt();
     } else if (error == QNetworkReply::ProtocolUnknownError) {
@@ -214,12 +145,11 @@ QCoro::Task<Response> send(QNetworkRequest request, QByteArray verb, std::unique
     }
     response.body = reply->readAll();
     // A connection closed before the announced end may still come back without an error: a cut answer
-    // must not pass for the backend's word (an upload would then count as accepted).
+    // must not pass for the backend's word.
     const QVariant announced = reply->header(QNetworkRequest::ContentLengthHeader);
     if (response.isHttp && announced.isValid() && reply->rawHeader("Content-Encoding").isEmpty() &&
         response.body.size() < announced.toLongLong()) {
-        throw TransportFailure(QNetworkReply::RemoteHostClosedError,
-                               QStringLiteral("Le serveur a fermé la connexion avant de répondre."),
+        throw transportFailure(QNetworkReply::RemoteHostClosedError,
                                QStringLiteral("Réponse tronquée : %1 octets reçus sur %2 annoncés")
                                    .arg(response.body.size())
                                    .arg(announced.toLongLong()));
@@ -264,6 +194,52 @@ QString firstCharacters(const QString& text, int maxCharacters) {
         ++count;
     }
     return text.left(finder.position());
+}
+
+// The user reads these: the HTTP clients' own texts are English, so the common cases get French ones and
+// the rest keep the client's text after a French lead.
+TransportFailure transportFailure(int networkError, const QString& clientText, const QString& more) {
+    const auto error = static_cast<QNetworkReply::NetworkError>(networkError);
+    QString text;
+    switch (error) {
+    case QNetworkReply::ConnectionRefusedError:
+        text = QStringLiteral("Connexion refusée par le serveur.");
+        break;
+    case QNetworkReply::RemoteHostClosedError:
+        text = QStringLiteral("Le serveur a fermé la connexion avant de répondre.");
+        break;
+    case QNetworkReply::HostNotFoundError:
+        text = QStringLiteral("Serveur introuvable.");
+        break;
+    case QNetworkReply::TimeoutError:
+    case QNetworkReply::OperationCanceledError: // what Qt's transfer timeout reports
+        text = QStringLiteral("Le serveur ne répond pas (délai dépassé).");
+        break;
+    case QNetworkReply::SslHandshakeFailedError:
+        text = QStringLiteral("La connexion sécurisée au serveur a échoué (certificat ou TLS).");
+        break;
+    case QNetworkReply::TemporaryNetworkFailureError:
+    case QNetworkReply::NetworkSessionFailedError:
+        text = QStringLiteral("Le réseau est indisponible.");
+        break;
+    case QNetworkReply::TooManyRedirectsError:
+    case QNetworkReply::InsecureRedirectError:
+        text = QStringLiteral("Le serveur redirige la requête de façon incorrecte.");
+        break;
+    case QNetworkReply::ProtocolUnknownError:
+        text = QStringLiteral("Adresse du serveur non prise en charge.");
+        break;
+    default:
+        text = QStringLiteral("Erreur réseau : ") + clientText;
+        break;
+    }
+    QStringList labels;
+    if (const char* name = QMetaEnum::fromType<QNetworkReply::NetworkError>().valueToKey(error))
+        labels << QLatin1String(name);
+    if (!more.isEmpty())
+        labels << more;
+    const QString cause = labels.isEmpty() ? clientText : clientText + QStringLiteral(" (%1)").arg(labels.join(u", "));
+    return TransportFailure(networkError, withoutToken(text), withoutToken(cause));
 }
 
 QString UploadFailure::describe(UploadError code, int statusCode, const QString& responseText) {
@@ -312,42 +288,11 @@ UploadFailure UploadFailure::badResponse(int statusCode, const QByteArray& body)
 }
 
 // ---------------------------------------------------------------------------------------------------------------
-// Aborting an upload from another thread
-
-void UploadAbort::abort() {
-    std::lock_guard lock(m_mutex);
-    m_aborted = true;
-    // The reply lives on the uploading thread; detach() runs there, under this lock, before it goes. Called
-    // by name: the call carries nothing across the threads.
-    if (m_reply)
-        QMetaObject::invokeMethod(m_reply, "abort", Qt::QueuedConnection);
-}
-
-bool UploadAbort::isAborted() const {
-    std::lock_guard lock(m_mutex);
-    return m_aborted;
-}
-
-void UploadAbort::attach(QNetworkReply* reply) {
-    std::lock_guard lock(m_mutex);
-    m_reply = reply;
-    if (m_aborted)
-        QMetaObject::invokeMethod(m_reply, "abort", Qt::QueuedConnection);
-}
-
-void UploadAbort::detach() {
-    std::lock_guard lock(m_mutex);
-    m_reply = nullptr;
-}
-
-// ---------------------------------------------------------------------------------------------------------------
 // Requests
 
 QCoro::Task<QList<UploadService::ClientRecord>> UploadService::fetchClients() {
     const QUrl url = requestUrl(QStringLiteral("/clients"));
-    // Named: GCC 12 destroys an aggregate temporary of a co_await expression twice.
-    const UploadHooks noHooks;
-    const Response response = co_await send(makeRequest(url), QByteArrayLiteral("GET"), nullptr, noHooks);
+    const Response response = co_await get(makeRequest(url));
     if (response.otherError != QNetworkReply::NoError)
         throw transportFailure(response.otherError, response.otherErrorString);
 
@@ -370,6 +315,7 @@ QCoro::Task<UploadService::AsyncUploadResult> UploadService::uploadAsync(QString
                                                                          std::optional<qint64> clientId,
                                                                          QString synthesisType, QString depth,
                                                                          QString notes) {
+    // Named: GCC 12 destroys an aggregate temporary of a co_await expression twice.
     const UploadHooks noHooks;
     co_return co_await uploadAsync(std::move(fileURL), std::move(title), clientId, std::move(synthesisType),
                                    std::move(depth), std::move(notes), noHooks);
@@ -383,10 +329,9 @@ QCoro::Task<UploadService::AsyncUploadResult> UploadService::uploadAsync(QString
 
     const QByteArray boundary =
         QByteArrayLiteral("Boundary-") + QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper().toLatin1();
-    QNetworkRequest request = makeRequest(url);
-    request.setRawHeader(QByteArrayLiteral("Content-Type"),
-                         QByteArrayLiteral("multipart/form-data; boundary=") + boundary);
-    request.setTransferTimeout(kUploadTimeoutMs);
+    const QList<QByteArray> headers{QByteArrayLiteral("Authorization: Bearer ") +
+                                        SettingsManager::shared().token().toUtf8(),
+                                    QByteArrayLiteral("Content-Type: multipart/form-data; boundary=") + boundary};
 
     const QString path = localPath(fileURL);
     QByteArray head;
@@ -401,14 +346,18 @@ QCoro::Task<UploadService::AsyncUploadResult> UploadService::uploadAsync(QString
     head += "Content-Disposition: form-data; name=\"file\"; filename=\"" + QFileInfo(path).fileName().toUtf8() + "\"" +
             kCRLF;
     head += "Content-Type: audio/m4a" + kCRLF + kCRLF;
-    // The file's bytes go between the two, read from disk as they are sent.
-    auto body = std::make_unique<MultipartBody>(std::move(head), path, kCRLF + "--" + boundary + "--" + kCRLF);
-    body->open(QIODevice::ReadOnly | QIODevice::Unbuffered);
+    // The file's bytes go between the two, read from disk as they are sent. Opened here: an unreadable
+    // recording fails before anything is sent.
+    const auto body = std::make_shared<MultipartBody>(std::move(head), path, kCRLF + "--" + boundary + "--" + kCRLF);
 
-    const Response response =
-        co_await send(std::move(request), QByteArrayLiteral("POST"), std::move(body), std::move(hooks));
-    if (!response.isHttp)
-        throw UploadFailure::badResponse();
+    // A thread of its own for the transfer: a long recording takes as long as it takes, in large pieces,
+    // without holding the caller's thread or any other upload.
+    WorkerThread sender("tavrel-upload");
+    const QByteArray target = url.toEncoded();
+    const auto post = [target, headers, body, hooks] {
+        return postStreamed(target, headers, *body, std::chrono::milliseconds(kUploadTimeoutMs), hooks);
+    };
+    const HttpAnswer response = co_await sender.run(post);
     if (!isSuccess(response.statusCode)) {
         QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
         QString text = decoder.decode(response.body);
@@ -431,9 +380,7 @@ QCoro::Task<UploadService::AsyncUploadResult> UploadService::uploadAsync(QString
 
 QCoro::Task<UploadService::JobState> UploadService::pollJob(QString jobId) {
     const QUrl url = requestUrl(QStringLiteral("/transcriptions/jobs/") + jobId);
-    // Named: GCC 12 destroys an aggregate temporary of a co_await expression twice.
-    const UploadHooks noHooks;
-    const Response response = co_await send(makeRequest(url), QByteArrayLiteral("GET"), nullptr, noHooks);
+    const Response response = co_await get(makeRequest(url));
     if (!response.isHttp)
         throw UploadFailure::badResponse();
     // The answer's text is not part of a poll's error, but its details keep it.

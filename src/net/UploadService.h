@@ -7,12 +7,10 @@
 #include <QJsonObject>
 #include <QList>
 #include <QString>
+#include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
-
-class QNetworkReply;
 
 namespace tavrel {
 
@@ -67,28 +65,27 @@ private:
 /// The first `maxCharacters` user-perceived characters (grapheme clusters) of `text`.
 QString firstCharacters(const QString& text, int maxCharacters);
 
+/// A transport failure as the user reads it (a French sentence for `networkError`, a
+/// QNetworkReply::NetworkError) with its technical cause: the HTTP client's own text, the error's name and
+/// `more` (the certificate's faults, libcurl's code). The token never appears in it.
+TransportFailure transportFailure(int networkError, const QString& clientText, const QString& more = {});
+
 /// Lets another thread stop an upload in flight (after the computer woke up, for instance): the upload
-/// then throws `TransportFailure` with QNetworkReply::OperationCanceledError.
+/// then throws `TransportFailure` with QNetworkReply::OperationCanceledError, within about a second.
 class UploadAbort {
 public:
-    /// Safe from any thread; an upload not yet sent stops as soon as it starts.
-    void abort();
-    bool isAborted() const;
-
-    /// The request in flight, set and cleared by the client on the uploading thread while the reply lives.
-    void attach(QNetworkReply* reply);
-    void detach();
+    void abort() { m_aborted = true; }
+    bool isAborted() const { return m_aborted; }
 
 private:
-    mutable std::mutex m_mutex;
-    QNetworkReply* m_reply = nullptr;
-    bool m_aborted = false;
+    std::atomic<bool> m_aborted{false};
 };
 
 /// The client of the transcription backend. Stateless: every call reads the backend address and the
 /// token from the settings store afresh, so a change applies to the next request. Calls must be made
-/// from a thread that runs a Qt event loop (uploads run on the network thread, see BackgroundUpload;
-/// the small requests on the main thread). The token never appears in an error's text.
+/// from a thread that runs a Qt event loop: the small requests go through Qt's access manager of that
+/// thread; an upload goes through libcurl on a thread of its own, the recording read from disk as it is
+/// sent, and resumes the caller when the answer is in. The token never appears in an error's text.
 class UploadService {
 public:
     /// A client record exactly as the backend sent it.
@@ -108,7 +105,7 @@ public:
     /// Bytes sent so far and the body's size, while an upload's body goes out.
     using UploadProgress = std::function<void(qint64 sentBytes, qint64 totalBytes)>;
 
-    /// What the caller may follow or change of an upload; both run on the uploading thread.
+    /// What the caller may follow or change of an upload: `onProgress` runs on the upload's own thread.
     struct UploadHooks {
         UploadProgress onProgress;
         std::shared_ptr<UploadAbort> abort;
@@ -125,7 +122,7 @@ public:
     /// `clientId` is sent only when it is at least 1, `notes` only when not empty.
     static QCoro::Task<AsyncUploadResult> uploadAsync(QString fileURL, QString title, std::optional<qint64> clientId,
                                                       QString synthesisType, QString depth, QString notes);
-    /// The same, reporting the progress of the body's sending and abortable.
+    /// The same, reporting the progress of the body's sending, and abortable.
     static QCoro::Task<AsyncUploadResult> uploadAsync(QString fileURL, QString title, std::optional<qint64> clientId,
                                                       QString synthesisType, QString depth, QString notes,
                                                       UploadHooks hooks);

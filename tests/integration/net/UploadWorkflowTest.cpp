@@ -368,18 +368,20 @@ private:
 TEST_F(UploadWorkflowTest, LongRecordingKeepsTheHeapFlatAndTheMainThreadFree) {
     constexpr int kMegabytes = 400;
     h.backend.control(R"({"digest_only": true, "sequence": ["done"]})");
-    const QString path = h.recordingsDir() + QStringLiteral("/tavrel_merged_1731772800.m4a");
-    {
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    // Each megabyte different, made again to check what the backend got.
+    const auto megabyte = [](int index) {
         QByteArray chunk(1 << 20, Qt::Uninitialized);
         for (qsizetype i = 0; i < chunk.size(); ++i)
             chunk[i] = static_cast<char>((i * 131) >> 3);
-        for (int megabyte = 0; megabyte < kMegabytes; ++megabyte) {
-            std::memcpy(chunk.data(), &megabyte, sizeof megabyte);
-            ASSERT_EQ(file.write(chunk), chunk.size());
-        }
-    }
+        std::memcpy(chunk.data(), &index, sizeof index);
+        return chunk;
+    };
+    const QString path = h.recordingsDir() + QStringLiteral("/tavrel_merged_1731772800.m4a");
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    for (int index = 0; index < kMegabytes; ++index)
+        ASSERT_EQ(file.write(megabyte(index)), 1 << 20);
+    file.close();
 
     const qint64 heapBefore = heapInUseBytes();
     qint64 heapPeak = heapBefore;
@@ -405,16 +407,8 @@ TEST_F(UploadWorkflowTest, LongRecordingKeepsTheHeapFlatAndTheMainThreadFree) {
                                     "filename=\"tavrel_merged_1731772800.m4a\"\r\nContent-Type: audio/m4a\r\n\r\n")
                          .arg(boundary)
                          .toUtf8());
-    {
-        // The file went with the upload; the same bytes again.
-        QByteArray chunk(1 << 20, Qt::Uninitialized);
-        for (qsizetype i = 0; i < chunk.size(); ++i)
-            chunk[i] = static_cast<char>((i * 131) >> 3);
-        for (int megabyte = 0; megabyte < kMegabytes; ++megabyte) {
-            std::memcpy(chunk.data(), &megabyte, sizeof megabyte);
-            expected.addData(chunk);
-        }
-    }
+    for (int index = 0; index < kMegabytes; ++index)
+        expected.addData(megabyte(index));
     expected.addData(QStringLiteral("\r\n--%1--\r\n").arg(boundary).toUtf8());
     EXPECT_EQ(received.value("body_sha256").toString(), QString::fromLatin1(expected.result().toHex()));
 
