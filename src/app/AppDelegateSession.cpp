@@ -10,21 +10,12 @@
 #include "ui/RecordingHUD.h"
 #include "ui/VUMeterView.h"
 
-#include <QFileInfo>
-#include <QSaveFile>
-
 namespace tavrel {
 
 namespace {
 
 constexpr std::chrono::milliseconds kClockIntervalMs{1000};
 const QString kPermissionReason = QStringLiteral("permission");
-
-/// tavrel_merged_1731772800.m4a → tavrel_merged_1731772800.notes.txt, in the same folder.
-QString notesPathFor(const QString& recordingPath) {
-    const QFileInfo file(recordingPath);
-    return file.path() + u'/' + file.completeBaseName() + QStringLiteral(".notes.txt");
-}
 
 } // namespace
 
@@ -120,18 +111,11 @@ void AppDelegate::stopRecording() {
 
 QCoro::Task<> AppDelegate::runStop() {
     const QPointer<AppDelegate> self(this);
+    // The recorder writes the notes file beside the recording before it lets go of the recording's journal,
+    // so that a crash in between still finds the notes.
     const std::optional<QString> fileURL = co_await m_recorder.stopRecording();
-    if (!self)
+    if (!self || !fileURL)
         co_return;
-    const QString notes = m_recorder.formattedNotes();
-    if (!fileURL)
-        co_return;
-    if (!notes.isEmpty()) {
-        // Written whole or not at all; a failure leaves the recording to be sent without notes.
-        QSaveFile file(notesPathFor(*fileURL));
-        if (file.open(QIODevice::WriteOnly) && file.write(notes.toUtf8()) >= 0)
-            file.commit();
-    }
     emit recordingFinished(*fileURL);
     showUploadDialog(*fileURL);
 }
