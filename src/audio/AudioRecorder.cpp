@@ -7,6 +7,7 @@
 #include "core/Log.h"
 #include "core/RecordingFiles.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <algorithm>
@@ -354,8 +355,7 @@ QCoro::Task<std::optional<QString>> AudioRecorder::stopRecording() {
     writeNotesFile(finalFile, m_notes);
     if (m_journal) {
         // Kept tracks, or a mix that could not reach the recordings folder, wait for the next launch.
-        const bool settled =
-            !tracksKept && QFileInfo(finalFile).absolutePath() == QFileInfo(recordingsDir()).absolutePath();
+        const bool settled = !tracksKept && QFileInfo(finalFile).absolutePath() == QDir(recordingsDir()).absolutePath();
         if (settled)
             m_journal->remove();
         m_journal.reset();

@@ -60,6 +60,7 @@ protected:
         m_env = mergedEnvironment({m_pulse->variables(), m_bus->variables(), m_xvfb->variables()});
         m_env.insert(QStringLiteral("XDG_CONFIG_HOME"), m_dir.filePath(QStringLiteral("config"), true));
         m_env.insert(QStringLiteral("XDG_DATA_HOME"), m_dir.filePath(QStringLiteral("data"), true));
+        m_env.insert(QStringLiteral("XDG_STATE_HOME"), m_dir.filePath(QStringLiteral("state"), true));
         // Test seam: every alert is answered as closed (the upload dialog is cancelled).
         m_env.insert(QStringLiteral("TAVREL_TEST_ALERT_ANSWERS"), QString());
         m_connection = std::make_unique<QDBusConnection>(

@@ -166,7 +166,7 @@ TEST_P(MicrophoneRefusal, aServerThatRefusesThisClientMeansTheMicrophoneIsDenied
     environment.insert("HOME", dir.path());
     environment.insert("XDG_RUNTIME_DIR", dir.path());
     environment.insert("XDG_DATA_HOME", dir.filePath("data"));
-    environment.insert("TMPDIR", dir.path());
+    environment.insert("XDG_STATE_HOME", dir.filePath("state"));
     environment.insert("PULSE_SERVER", "unix:" + socket);
     environment.insert("PULSE_COOKIE", clientCookie);
 
@@ -220,7 +220,7 @@ TEST_F(MicRecording, aKilledRecorderLeavesAFileReadableToWithinTwoSecondsThatRec
     options.program = QStringLiteral(TAVREL_RECORD_UNTIL_KILLED);
     options.environment = pulse().environment();
     options.environment.insert("XDG_DATA_HOME", qEnvironmentVariable("XDG_DATA_HOME"));
-    options.environment.insert("TMPDIR", qEnvironmentVariable("TMPDIR"));
+    options.environment.insert("XDG_STATE_HOME", qEnvironmentVariable("XDG_STATE_HOME"));
     options.captureStdout = true;
     ASSERT_TRUE(recorder.start(options)) << recorder.errorString().toStdString();
     std::optional<QByteArray> line;

@@ -4,6 +4,7 @@
 #include "TestSupport.h"
 #include "audio/AudioRecorder.h"
 #include "audio/sources/SystemAudioBackends.h"
+#include "core/RecordingFiles.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -50,7 +51,6 @@ protected:
         m_server = makeAudioServer(GetParam(), options);
         ASSERT_TRUE(m_server->start());
         ASSERT_TRUE(m_server->warmUp());
-        m_environment.set("TMPDIR", m_dir.filePath("tmp", true).toUtf8());
     }
 
     QString tone(double frequencyHz) {
@@ -108,7 +108,8 @@ TEST_P(RecordingWithSystemAudioTest, mergedRecordingHoldsEverySideAtItsTime) {
     for (size_t i = 1; i < played.size(); ++i)
         EXPECT_NEAR(onsets[i] - played[i].atS, onsets[0] - played[0].atS, 0.05) << "offsets: " << offsets;
     // The intermediate files are gone.
-    EXPECT_TRUE(QDir(m_dir.filePath("tmp")).entryList({"tavrel_tap_*", "tavrel_sys_*", "tavrel_bh_*"}).isEmpty());
+    EXPECT_TRUE(
+        QDir(RecordingFiles::captureDir()).entryList({"tavrel_tap_*", "tavrel_sys_*", "tavrel_bh_*"}).isEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Servers, RecordingWithSystemAudioTest,

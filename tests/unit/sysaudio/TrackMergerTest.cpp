@@ -297,17 +297,16 @@ INSTANTIATE_TEST_SUITE_P(Signals, SegmentSeamTest,
                                            SeamCase{"speechOverChirp", true, "0.1*sin(2*PI*(100*t+400*t*t))"}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// The asynchronous form names its file in the temporary directory and leaves the inputs alone.
-TEST_F(TrackMergerTest, asynchronousMergeWritesTheNamedFileInTheTemporaryDirectory) {
+// The asynchronous form names its file in the capture directory and leaves the inputs alone.
+TEST_F(TrackMergerTest, asynchronousMergeWritesTheNamedFileInTheCaptureDirectory) {
     const QString mic = make(kMicTrack, toneBetween(440, 0.2, 0.2, 0.6), 1.0);
     const QString system = make(kTapTrack, toneBetween(1000, 0.2, 0.4, 0.8), 1.5);
     ScopedEnvironment environment;
-    const QString temp = m_dir.filePath(QStringLiteral("tmp"), true);
-    environment.set("TMPDIR", temp.toUtf8());
+    environment.set("XDG_STATE_HOME", m_dir.filePath(QStringLiteral("state")).toUtf8());
 
     const QString merged = QCoro::waitFor(mergeAudioFiles(mic, {system}));
 
-    EXPECT_EQ(QFileInfo(merged).absolutePath(), QDir(temp).absolutePath());
+    EXPECT_EQ(QFileInfo(merged).absolutePath(), m_dir.filePath(QStringLiteral("state")) + "/TavrelRecorder/capture");
     EXPECT_TRUE(QRegularExpression(QStringLiteral("^tavrel_merged_\\d{10}\\.m4a$"))
                     .match(QFileInfo(merged).fileName())
                     .hasMatch());
