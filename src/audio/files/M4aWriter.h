@@ -78,10 +78,6 @@ enum class RecoveryResult { untouched, recovered, failed };
 /// Never throws.
 RecoveryResult recoverInterruptedRecording(const QString& path);
 
-/// `recoverInterruptedRecording()` for every .m4a file of `folder` (the recordings folder, at launch, before
-/// looking for unsent recordings). Returns how many files were rewritten. Never throws.
-int recoverInterruptedRecordings(const QString& folder);
-
 /// Whether the MP4 file at `path` holds movie fragments (a recording that was not finished).
 bool isFragmentedMp4(const QString& path);
 
