@@ -49,8 +49,10 @@ public:
         }
         if (m_said.mix && m_said.finalMix) {
             // The tracks were mixed; the move into the recordings folder or the clean-up may be missing.
-            if (QFileInfo(*m_said.finalMix).isFile())
+            if (QFileInfo(*m_said.finalMix).isFile()) {
+                log(QStringLiteral("Enregistrement interrompu terminé : %1").arg(nameOf(*m_said.finalMix)));
                 return settle(*m_said.finalMix);
+            }
             if (QFileInfo(*m_said.mix).isFile())
                 return moveIn(*m_said.mix, *m_said.finalMix);
         }
