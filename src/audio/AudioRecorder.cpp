@@ -311,57 +311,58 @@ QCoro::Task<std::optional<QString>> AudioRecorder::stopRecording() {
     if (!m_micURL)
         co_return std::nullopt;
     const QString micPath = *m_micURL;
-    QString finalFile = micPath;
-    bool tracksKept = false;
-    if (!systemFiles.isEmpty()) {
-        QString merged;
-        std::exception_ptr mergeFailure;
-        try {
-            if (!m_backends.merge)
-                throw SystemAudioFailure(SystemAudioError::mergeFailed);
-            auto merging = m_backends.merge(micPath, systemFiles);
-            merged = co_await merging;
-        } catch (...) {
-            mergeFailure = std::current_exception();
-        }
+    if (systemFiles.isEmpty())
+        co_return settleStop(micPath, false);
 
-        if (!mergeFailure) {
-            const QString destination = recordingsDir() + QLatin1Char('/') + fileName(merged);
-            m_filesInUse << destination;
-            // Said before the move: a crash from here on finds the mix, wherever it got to, and not the tracks.
-            if (m_journal)
-                m_journal->recordMerged(merged, destination);
-            QFile mergedFile(merged);
-            if (!mergedFile.rename(destination)) {
-                logLine(QStringLiteral("[AudioRecorder] Déplacement du fusionné échoué, on garde le temporaire : ") +
-                        mergedFile.errorString());
-            }
-            finalFile = QFileInfo(destination).isFile() ? destination : merged;
-            logLine(QStringLiteral("[AudioRecorder] Pistes fusionnées (%1 voie(s) correspondant) : %2")
-                        .arg(systemFiles.size())
-                        .arg(fileName(finalFile)));
-            removeFile(micPath);
-            for (const QString& file : systemFiles)
-                removeFile(file);
-        } else {
-            logLine(QStringLiteral("[AudioRecorder] Fusion échouée, micro seul : ") + debugDescription(mergeFailure));
-            // The other side stays in the capture directory: the next launch mixes it in again.
-            if (m_journal)
-                m_journal->recordKept();
-            tracksKept = true;
-        }
+    QString merged;
+    std::exception_ptr mergeFailure;
+    try {
+        if (!m_backends.merge)
+            throw SystemAudioFailure(SystemAudioError::mergeFailed);
+        auto merging = m_backends.merge(micPath, systemFiles);
+        merged = co_await merging;
+    } catch (...) {
+        mergeFailure = std::current_exception();
     }
 
+    if (!mergeFailure) {
+        const QString destination = recordingsDir() + QLatin1Char('/') + fileName(merged);
+        m_filesInUse << destination;
+        // Said before the move: a crash from here on finds the mix, wherever it got to, and not the tracks.
+        if (m_journal)
+            m_journal->recordMerged(merged, destination);
+        QFile mergedFile(merged);
+        if (!mergedFile.rename(destination)) {
+            logLine(QStringLiteral("[AudioRecorder] Déplacement du fusionné échoué, on garde le temporaire : ") +
+                    mergedFile.errorString());
+        }
+        const QString finalFile = QFileInfo(destination).isFile() ? destination : merged;
+        logLine(QStringLiteral("[AudioRecorder] Pistes fusionnées (%1 voie(s) correspondant) : %2")
+                    .arg(systemFiles.size())
+                    .arg(fileName(finalFile)));
+        removeFile(micPath);
+        for (const QString& file : systemFiles)
+            removeFile(file);
+        co_return settleStop(finalFile, false);
+    }
+
+    logLine(QStringLiteral("[AudioRecorder] Fusion échouée, micro seul : ") + debugDescription(mergeFailure));
+    // The other side stays in the capture directory: the next launch mixes it in again.
+    if (m_journal)
+        m_journal->recordKept();
+    co_return settleStop(micPath, true);
+}
+
+QString AudioRecorder::settleStop(const QString& finalFile, bool tracksKept) {
     writeNotesFile(finalFile, m_notes);
     if (m_journal) {
         // Kept tracks, or a mix that could not reach the recordings folder, wait for the next launch.
-        const bool settled = !tracksKept && QFileInfo(finalFile).absolutePath() == QDir(recordingsDir()).absolutePath();
-        if (settled)
+        if (!tracksKept && QFileInfo(finalFile).absolutePath() == QDir(recordingsDir()).absolutePath())
             m_journal->remove();
         m_journal.reset();
     }
     m_filesInUse.clear();
-    co_return finalFile;
+    return finalFile;
 }
 
 void AudioRecorder::abandonStart() {

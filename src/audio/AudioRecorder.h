@@ -77,6 +77,9 @@ private:
     QCoro::Task<SourceStart> startSource(std::unique_ptr<SystemAudioSource> source);
     /// A start that failed leaves no file and no journal.
     void abandonStart();
+    /// The last step of a stop: the notes file beside `finalFile`, the journal gone unless the next launch has
+    /// work left (`tracksKept`, or a mix outside the recordings folder).
+    QString settleStop(const QString& finalFile, bool tracksKept);
 
     SystemAudioBackends m_backends;
     // Polled by the recording panel's timer while the start and stop coroutines change them.
