@@ -13,6 +13,8 @@
 #include <QFileInfo>
 #include <QSet>
 #include <QThreadPool>
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace tavrel {
 
@@ -20,6 +22,8 @@ namespace {
 
 // Launches that may fail to mix the same tracks before they are given up, so that nothing piles up.
 constexpr int kMixAttempts = 3;
+// Recovery yields the processor to the tray, the dialogs and a recording that starts meanwhile.
+constexpr int kRecoveryNiceness = 10;
 
 QString nameOf(const QString& path) {
     return QFileInfo(path).fileName();
@@ -226,7 +230,13 @@ QCoro::Task<int> recoverRecordingsInBackground(RecoveryPlan plan) {
     // One thread of its own: an hour of tracks to mix must not hold up a recording that starts meanwhile.
     static QThreadPool pool;
     pool.setMaxThreadCount(1);
-    auto recovering = runInBackground([plan = std::move(plan)] { return recoverRecordings(plan); }, &pool);
+    auto recovering = runInBackground(
+        [plan = std::move(plan)] {
+            // Below the interface and the capture threads; the merge's own threads inherit it.
+            setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kRecoveryNiceness);
+            return recoverRecordings(plan);
+        },
+        &pool);
     co_return co_await recovering;
 }
 
