@@ -4,8 +4,6 @@
 #include "TestSupport.h"
 
 #include <QDBusConnection>
-#include <QDBusMessage>
-#include <QDBusVariant>
 #include <QDir>
 #include <QFile>
 #include <QProcess>
@@ -26,8 +24,6 @@ constexpr int kRate = 44100;
 constexpr double kMicHz = 440;
 constexpr double kOtherSideHz = 1000;
 const QString kNote = QStringLiteral("Point budget : 12 % « validé »");
-const QString kService = QStringLiteral("fr.tavrel.Recorder");
-const QString kPath = QStringLiteral("/fr/tavrel/Recorder");
 
 double since(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
@@ -129,26 +125,9 @@ protected:
         m_program.wait(10s);
     }
 
-    QVariant property(const QString& name) {
-        QDBusMessage get = QDBusMessage::createMethodCall(
-            kService, kPath, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
-        get << QStringLiteral("fr.tavrel.Recorder") << name;
-        const QDBusMessage reply = m_connection->call(get, QDBus::Block, 2000);
-        return reply.type() == QDBusMessage::ReplyMessage ? reply.arguments().value(0).value<QDBusVariant>().variant()
-                                                          : QVariant();
-    }
-
+    QVariant property(const QString& name) { return recorderProperty(*m_connection, name); }
     ::testing::AssertionResult action(const QString& name, const QVariantList& parameter = {}) {
-        QDBusMessage call = QDBusMessage::createMethodCall(
-            kService, kPath, QStringLiteral("org.freedesktop.Application"), QStringLiteral("ActivateAction"));
-        QVariantList wrapped;
-        for (const QVariant& value : parameter)
-            wrapped << QVariant::fromValue(QDBusVariant(value));
-        call << name << QVariant::fromValue(wrapped) << QVariantMap();
-        const QDBusMessage reply = m_connection->call(call, QDBus::Block, 5000);
-        if (reply.type() != QDBusMessage::ReplyMessage)
-            return ::testing::AssertionFailure() << name.toStdString() << ": " << reply.errorMessage().toStdString();
-        return ::testing::AssertionSuccess();
+        return recorderAction(*m_connection, name, parameter);
     }
 
     bool waitForProperty(const QString& name, const QVariant& value) {

@@ -101,27 +101,10 @@ protected:
         return second.wait(15s).value_or(-2);
     }
 
-    QVariant property(const QString& name) {
-        QDBusMessage get = QDBusMessage::createMethodCall(
-            kService, kPath, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
-        get << QStringLiteral("fr.tavrel.Recorder") << name;
-        const QDBusMessage reply = m_connection->call(get, QDBus::Block, 2000);
-        if (reply.type() != QDBusMessage::ReplyMessage)
-            return {};
-        return reply.arguments().value(0).value<QDBusVariant>().variant();
-    }
+    QVariant property(const QString& name) { return recorderProperty(*m_connection, name); }
 
     ::testing::AssertionResult action(const QString& name, const QVariantList& parameter = {}) {
-        QDBusMessage call = QDBusMessage::createMethodCall(
-            kService, kPath, QStringLiteral("org.freedesktop.Application"), QStringLiteral("ActivateAction"));
-        QVariantList wrapped;
-        for (const QVariant& value : parameter)
-            wrapped << QVariant::fromValue(QDBusVariant(value));
-        call << name << QVariant::fromValue(wrapped) << QVariantMap();
-        const QDBusMessage reply = m_connection->call(call, QDBus::Block, 5000);
-        if (reply.type() != QDBusMessage::ReplyMessage)
-            return ::testing::AssertionFailure() << name.toStdString() << ": " << reply.errorMessage().toStdString();
-        return ::testing::AssertionSuccess();
+        return recorderAction(*m_connection, name, parameter);
     }
 
     bool waitForProperty(const QString& name, const QVariant& value, std::chrono::milliseconds timeout = 10s) {
