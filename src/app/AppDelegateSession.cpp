@@ -10,6 +10,8 @@
 #include "ui/RecordingHUD.h"
 #include "ui/VUMeterView.h"
 
+#include <utility>
+
 namespace tavrel {
 
 namespace {
@@ -20,7 +22,28 @@ const QString kPermissionReason = QStringLiteral("permission");
 } // namespace
 
 void AppDelegate::startRecording() {
+    if (m_sessionTask == SessionTask::starting)
+        return;
+    if (m_sessionTask == SessionTask::stopping) {
+        // The recorder is still finishing the previous recording (merging takes seconds): start right after.
+        m_startWhenStopped = true;
+        return;
+    }
+    m_sessionTask = SessionTask::starting;
+    showSessionTask();
     runStart();
+}
+
+void AppDelegate::showSessionTask() {
+    if (m_popoverController) {
+        QString caption;
+        if (m_sessionTask == SessionTask::starting)
+            caption = QStringLiteral("Démarrage de l'enregistrement…");
+        else if (m_sessionTask == SessionTask::stopping)
+            caption = QStringLiteral("Arrêt de l'enregistrement…");
+        m_popoverController->setBusyCaption(caption);
+    }
+    refreshStatusIcon();
 }
 
 QCoro::Task<> AppDelegate::runStart() {
@@ -35,6 +58,9 @@ QCoro::Task<> AppDelegate::runStart() {
     }
     if (!self)
         co_return;
+    m_sessionTask = SessionTask::none;
+    showSessionTask();
+    const bool stopAtOnce = std::exchange(m_stopWhenStarted, false);
     if (!failure.isNull()) {
         AlertSpec alert;
         alert.message = QStringLiteral("Impossible de démarrer");
@@ -51,6 +77,10 @@ QCoro::Task<> AppDelegate::runStart() {
         m_popoverController->setIsRecording(true);
     refreshStatusIcon();
     emit recordingStateChanged();
+    if (stopAtOnce) {
+        stopRecording();
+        co_return;
+    }
     warnIfSystemAudioMissing();
 }
 
@@ -95,6 +125,13 @@ void AppDelegate::warnIfSystemAudioMissing() {
 }
 
 void AppDelegate::stopRecording() {
+    if (m_sessionTask == SessionTask::stopping)
+        return;
+    if (m_sessionTask == SessionTask::starting) {
+        // Stopped before the recorder answered: the recording stops as soon as it has started.
+        m_stopWhenStarted = true;
+        return;
+    }
     m_isRecording = false;
     m_isPaused = false;
     m_autoStartedRecording = false;
@@ -104,7 +141,8 @@ void AppDelegate::stopRecording() {
         m_popoverController->setIsRecording(false);
         m_popoverController->setIsPaused(false);
     }
-    refreshStatusIcon();
+    m_sessionTask = SessionTask::stopping;
+    showSessionTask();
     emit recordingStateChanged();
     runStop();
 }
@@ -114,7 +152,13 @@ QCoro::Task<> AppDelegate::runStop() {
     // The recorder writes the notes file beside the recording before it lets go of the recording's journal,
     // so that a crash in between still finds the notes.
     const std::optional<QString> fileURL = co_await m_recorder.stopRecording();
-    if (!self || !fileURL)
+    if (!self)
+        co_return;
+    m_sessionTask = SessionTask::none;
+    showSessionTask();
+    if (std::exchange(m_startWhenStopped, false))
+        startRecording();
+    if (!fileURL)
         co_return;
     emit recordingFinished(*fileURL);
     showUploadDialog(*fileURL);
