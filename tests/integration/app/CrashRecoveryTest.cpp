@@ -76,7 +76,6 @@ class CrashRecoveryTest : public ::testing::Test {
 protected:
     void SetUp() override {
         SessionBusFixture::Options busOptions;
-        busOptions.statusNotifierWatcher = true;
         busOptions.exportEnvironment = false;
         m_bus = std::make_unique<SessionBusFixture>(busOptions);
         ASSERT_TRUE(m_bus->start());

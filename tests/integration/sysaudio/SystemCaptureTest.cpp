@@ -11,6 +11,7 @@
 #include "core/RecordingFiles.h"
 
 #include <QFileInfo>
+#include <QJsonObject>
 #include <QRegularExpression>
 #include <chrono>
 #include <gtest/gtest.h>
