@@ -7,6 +7,7 @@
 
 extern "C" {
 #include <libavutil/channel_layout.h>
+#include <libavutil/mem.h>
 #include <libavutil/tx.h>
 }
 
@@ -14,6 +15,7 @@ extern "C" {
 #include <array>
 #include <cmath>
 #include <complex>
+#include <new>
 #include <numbers>
 #include <vector>
 
@@ -119,6 +121,24 @@ private:
     SwrContextPtr m_context;
 };
 
+/// Memory aligned for FFmpeg's transforms, which then use their vector instructions.
+template <typename T>
+struct AlignedAllocator {
+    using value_type = T;
+    AlignedAllocator() = default;
+    template <typename U>
+    AlignedAllocator(const AlignedAllocator<U>&) {}
+    T* allocate(size_t count) {
+        if (void* memory = av_malloc(count * sizeof(T)))
+            return static_cast<T*>(memory);
+        throw std::bad_alloc();
+    }
+    void deallocate(T* memory, size_t) { av_free(memory); }
+    bool operator==(const AlignedAllocator&) const = default;
+};
+template <typename T>
+using AlignedVector = std::vector<T, AlignedAllocator<T>>;
+
 struct TxDeleter {
     void operator()(AVTXContext* context) const { av_tx_uninit(&context); }
 };
@@ -173,10 +193,10 @@ public:
         const float scale = 1.0f;
         AVTXContext* forward = nullptr;
         AVTXContext* inverse = nullptr;
-        ffCheck(av_tx_init(&forward, &m_forwardFn, AV_TX_FLOAT_RDFT, 0, m_size, &scale, AV_TX_UNALIGNED),
+        ffCheck(av_tx_init(&forward, &m_forwardFn, AV_TX_FLOAT_RDFT, 0, m_size, &scale, 0),
                 "Préparation de l'annulation d'écho");
         m_forward.reset(forward);
-        ffCheck(av_tx_init(&inverse, &m_inverseFn, AV_TX_FLOAT_RDFT, 1, m_size, &scale, AV_TX_UNALIGNED),
+        ffCheck(av_tx_init(&inverse, &m_inverseFn, AV_TX_FLOAT_RDFT, 1, m_size, &scale, 0),
                 "Préparation de l'annulation d'écho");
         m_inverse.reset(inverse);
         const size_t bins = static_cast<size_t>(m_size / 2 + 1);
@@ -206,15 +226,15 @@ public:
             m_sum[k] = m_sum[k] * kMemory + m_micSpectrum[k] * std::conj(m_farSpectrum[k]);
             m_micEnergy += std::norm(m_micSpectrum[k]);
             m_farEnergy += std::norm(m_farSpectrum[k]);
-            meanMagnitude += std::abs(m_sum[k]);
+            meanMagnitude += std::sqrt(std::norm(m_sum[k]));
         }
         meanMagnitude /= m_highBin - m_lowBin;
         // Phase transform; empty bins (digital silence in one of the tracks) would only add noise.
-        std::vector<std::complex<float>>& weighted = m_micSpectrum;
+        AlignedVector<std::complex<float>>& weighted = m_micSpectrum;
         std::fill(weighted.begin(), weighted.end(), std::complex<float>{});
         int used = 0;
         for (int k = m_lowBin; k < m_highBin; ++k) {
-            const float magnitude = std::abs(m_sum[k]);
+            const float magnitude = std::sqrt(std::norm(m_sum[k])); // std::abs is hypot: slow and careful
             if (magnitude > 1e-3 * meanMagnitude && magnitude > 0.0f) {
                 weighted[k] = m_sum[k] / magnitude;
                 ++used;
@@ -240,7 +260,7 @@ public:
 private:
     static constexpr float kMemory = 0.8f; // per hop of far end: the last 2 to 3 s weigh most
 
-    void transform(const float* samples, int count, std::vector<std::complex<float>>& spectrum) {
+    void transform(const float* samples, int count, AlignedVector<std::complex<float>>& spectrum) {
         std::fill(m_time.begin(), m_time.end(), 0.0f);
         std::copy_n(samples, count, m_time.begin());
         m_forwardFn(m_forward.get(), spectrum.data(), m_time.data(), sizeof(float));
@@ -253,8 +273,10 @@ private:
             return 0.0f;
         const double omega = 2.0 * std::numbers::pi * (delay - kMaxDelay) / m_size;
         double cross = 0.0;
-        for (int k = m_lowBin; k < m_highBin; ++k)
-            cross += std::real(std::complex<double>(m_sum[k]) * std::polar(1.0, omega * k));
+        const std::complex<double> turn = std::polar(1.0, omega);
+        std::complex<double> phase = std::polar(1.0, omega * m_lowBin);
+        for (int k = m_lowBin; k < m_highBin; ++k, phase *= turn)
+            cross += std::real(std::complex<double>(m_sum[k]) * phase);
         return static_cast<float>(cross / std::sqrt(m_micEnergy * m_farEnergy));
     }
 
@@ -264,9 +286,9 @@ private:
     av_tx_fn m_forwardFn = nullptr;
     av_tx_fn m_inverseFn = nullptr;
     std::vector<std::complex<float>> m_sum; // cross-spectrum, averaged over the hops with far end
-    std::vector<std::complex<float>> m_micSpectrum;
-    std::vector<std::complex<float>> m_farSpectrum;
-    std::vector<float> m_time;
+    AlignedVector<std::complex<float>> m_micSpectrum;
+    AlignedVector<std::complex<float>> m_farSpectrum;
+    AlignedVector<float> m_time;
     int m_lowBin = 0;
     int m_highBin = 0;
     double m_micEnergy = 0.0; // averaged like m_sum, in the band
@@ -325,19 +347,26 @@ public:
         const int64_t ready = m_finished ? m_raw.end() : std::min(m_raw.end(), m_cleaned.end());
         const int64_t count = std::max<int64_t>(0, std::min(capacity, ready - m_outPosition));
         const float step = 1.0f / static_cast<float>(std::max(1, m_crossfadeFrames));
-        for (int64_t i = 0; i < count; ++i) {
-            const int64_t position = m_outPosition + i;
+        for (int64_t done = 0; done < count;) {
+            // One hop at a time: the same target all along.
+            const int64_t position = m_outPosition + done;
             const int64_t hop = position / m_hopFrames;
+            const int64_t run = std::min(count - done, (hop + 1) * m_hopFrames - position);
             const float target = hopAt(hop + kLookAheadHops).echo ? 1.0f : 0.0f;
-            m_weight = target > m_weight ? std::min(target, m_weight + step) : std::max(target, m_weight - step);
-            const float raw = *m_raw.at(position);
-            if (m_weight == 0.0f) {
-                out[i] = raw; // left alone, bit for bit
-                continue;
+            const float* raw = m_raw.at(position);
+            float* to = out + done;
+            if (target == 0.0f && m_weight == 0.0f) {
+                std::copy_n(raw, run, to); // left alone, bit for bit
+            } else {
+                const float* cleaned = m_cleaned.at(position);
+                for (int64_t i = 0; i < run; ++i) {
+                    m_weight =
+                        target > m_weight ? std::min(target, m_weight + step) : std::max(target, m_weight - step);
+                    to[i] = m_weight * cleaned[i] + (1.0f - m_weight) * raw[i];
+                }
+                m_echoUsed = true;
             }
-            const float cleaned = *m_cleaned.at(position);
-            out[i] = m_weight == 1.0f ? cleaned : m_weight * cleaned + (1.0f - m_weight) * raw;
-            m_echoUsed = true;
+            done += run;
         }
         m_outPosition += count;
         m_raw.dropBefore(m_outPosition);
