@@ -419,14 +419,15 @@ private:
         Hop hop = hopAt(static_cast<int64_t>(m_hops.size()) - 1);
         hop.farActive = finding.farActive;
         if (finding.farActive) {
+            const bool evidence = finding.peak >= kEchoPeak && finding.correlation >= kEchoCorrelation;
+            // Once the echo is known, a weaker peak (a drifting delay blurs it) still tells where it is.
+            const bool trace = hop.echo && finding.peak >= kNoEchoPeak;
             const double foundMs = finding.delay * 1000.0 / kCancelRateHz;
-            if (finding.peak >= kEchoPeak || (hop.echo && finding.peak >= kNoEchoPeak)) {
-                // Once the echo is known, a weaker peak (a drifting delay blurs it) still tells where it is.
-                if (std::abs(foundMs - m_delayMs) > kDelayHysteresisMs || !hop.echo)
-                    m_delayMs = foundMs;
+            if ((evidence || trace) && (std::abs(foundMs - m_delayMs) > kDelayHysteresisMs || !hop.echo)) {
+                m_delayMs = foundMs;
                 hop.cancellerDelayMs = std::max(0, static_cast<int>(std::lround(m_delayMs)) - kDelayMarginMs);
             }
-            if (finding.peak >= kEchoPeak && finding.correlation >= kEchoCorrelation) {
+            if (evidence) {
                 hop.echo = true;
                 m_hopsWithoutEcho = 0;
             } else if (finding.peak >= kNoEchoPeak) {
