@@ -50,7 +50,7 @@ const Conversation& conversation() {
                 track[at + i] += speech[i];
             return Stretch{at, at + speech.size()};
         };
-        const size_t pause = kRate / 2;
+        const size_t pause = kRate; // longer than any echo with its reverberation
         size_t at = pause;
         c.farAlone[0] =
             place(c.far, spoken("Bonjour à tous, nous commençons par les ventes du trimestre.", "fr+m3"), at);
