@@ -352,7 +352,7 @@ public:
             const int64_t position = m_outPosition + done;
             const int64_t hop = position / m_hopFrames;
             const int64_t run = std::min(count - done, (hop + 1) * m_hopFrames - position);
-            const float target = hopAt(hop + kLookAheadHops).echo ? 1.0f : 0.0f;
+            const float target = cleanedAt(hop) ? 1.0f : 0.0f;
             const float* raw = m_raw.at(position);
             float* to = out + done;
             if (target == 0.0f && m_weight == 0.0f) {
@@ -397,7 +397,7 @@ private:
 
     const Hop& hopAt(int64_t hop) const {
         static const Hop kNone;
-        if (m_hops.empty())
+        if (m_hops.empty() || hop < 0)
             return kNone;
         return m_hops[static_cast<size_t>(std::min<int64_t>(hop, static_cast<int64_t>(m_hops.size()) - 1))];
     }
@@ -439,13 +439,16 @@ private:
         m_hops.push_back(hop);
     }
 
-    /// The canceller needs this stretch when the output takes it, or is about to (half a second of run-up).
-    bool cancellerNeeded(int64_t hop) const {
-        for (int64_t h = hop; h <= hop + kLookAheadHops + 1; ++h)
-            if (hopAt(h).echo)
-                return true;
-        return false;
+    /// Where the output takes the cleaned microphone: echo found (looking ahead), and the far end played in
+    /// this hop or the two before, so that its echo may be in the microphone. Elsewhere (the user talking
+    /// alone, silence) the microphone goes out as it is, and the canceller has nothing to do.
+    bool cleanedAt(int64_t hop) const {
+        return hopAt(hop + kLookAheadHops).echo &&
+               (hopAt(hop).farActive || hopAt(hop - 1).farActive || hopAt(hop - 2).farActive);
     }
+
+    /// The canceller runs half a second before the output takes it, and while it cross-fades away.
+    bool cancellerNeeded(int64_t hop) const { return cleanedAt(hop - 1) || cleanedAt(hop) || cleanedAt(hop + 1); }
 
     void cancel(bool draining) {
         const webrtc::StreamConfig mono(kCancelRateHz, 1);
@@ -469,7 +472,7 @@ private:
             } else {
                 std::fill_n(out, kFrame, 0.0f); // never heard: the output takes the original here
             }
-            measureRemoval(needed && hopAt(hop + kLookAheadHops).echo, out);
+            measureRemoval(cleanedAt(hop), out);
             const int skip = std::min(kFrame, m_latencyLeft);
             m_latencyLeft -= skip;
             m_up.convert(out + skip, kFrame - skip, m_cleaned);
