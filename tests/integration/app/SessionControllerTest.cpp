@@ -174,14 +174,16 @@ TEST_F(SessionControllerTest, FailedStartShowsOneAlertWithTheErrorAndChangesNoth
     QString expected;
     bool probed = false;
     AudioRecorder probe;
-    auto probing = [&]() -> QCoro::Task<> {
+    // A named closure: the coroutine refers to its captures until it ends.
+    auto probeStart = [&]() -> QCoro::Task<> {
         try {
             co_await probe.startRecording();
         } catch (const Error& error) {
             expected = error.localizedDescription();
         }
         probed = true;
-    }();
+    };
+    auto probing = probeStart();
     ASSERT_TRUE(waitUntil([&] { return probed; }, 10s));
     ASSERT_FALSE(expected.isEmpty()) << "the recorder started without a server";
 
