@@ -54,7 +54,8 @@ constexpr float kNoEchoPeak = 0.2f;
 constexpr float kEchoCorrelation = 0.1f;
 constexpr int kNoEchoHops = 20; // 10 s of far end without its echo before the microphone is left alone again
 constexpr int kCrossfadeMs = 10;
-// Frequencies the estimator compares: speech, within what 16 kHz carries.
+// Frequencies the estimator compares: where speech is strongest, and low enough that a slowly drifting delay
+// does not turn their phases from one hop to the next.
 constexpr int kBandLowHz = 200;
 constexpr int kBandHighHz = 3500;
 

@@ -10,8 +10,9 @@
 //   canceller.finish();                      // after the last push; pull then drains the rest
 //
 // The output is exactly as long as the microphone input and lines up with it sample for sample. Where the
-// microphone does not hear the system audio (a headset, nothing played) the output is the input unchanged,
-// bit for bit: the canceller only takes over where it found the far end in the microphone.
+// microphone does not hear the system audio (a headset, nothing played), and where the far end has been
+// silent for a second (the user talking alone), the output is the input unchanged, bit for bit: the
+// canceller only takes over where it found the far end in the microphone.
 //
 // Inside: both streams are taken down to 16 kHz, where WebRTC's echo canceller works best and fastest; a
 // delay estimator (phase-transform cross-correlation, a few seconds ahead of the canceller) finds whether
@@ -33,7 +34,7 @@ public:
         double delayMs = 0.0;
     };
 
-    /// Throws `EchoCancellerError` when the canceller cannot be set up.
+    /// Throws `Error` when the canceller cannot be set up.
     explicit EchoCanceller(int sampleRateHz);
     ~EchoCanceller();
     EchoCanceller(const EchoCanceller&) = delete;
