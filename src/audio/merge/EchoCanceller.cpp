@@ -34,9 +34,14 @@ namespace tavrel {
 namespace {
 
 constexpr int kCancelRateHz = 16000;
-constexpr int kFrame = kCancelRateHz / 100;  // WebRTC works on 10 ms frames
-constexpr int kHop = kCancelRateHz / 2;      // the estimator's step: 0.5 s
-constexpr int kMaxDelay = kCancelRateHz / 2; // acoustic delays searched: 0 to 500 ms, what WebRTC accepts
+constexpr int kFrame = kCancelRateHz / 100; // WebRTC works on 10 ms frames
+constexpr int kHop = kCancelRateHz / 2;     // the estimator's step: 0.5 s
+// Delays searched: from the microphone 100 ms ahead of the system track (a capture that lined the tracks up
+// imperfectly) to 400 ms late. The canceller gets the far end kLead early, so that what it is told stays
+// within the 0 to 500 ms it accepts.
+constexpr int kLead = kCancelRateHz / 10;
+constexpr int kSpan = kCancelRateHz / 2;
+constexpr int kLagBack = kSpan - kLead; // the far end the estimator looks at before a hop
 // The estimator runs this far ahead of the canceller, so that the echo's first words are already known
 // when the canceller reaches them.
 constexpr int kLookAheadHops = 6;
@@ -189,7 +194,7 @@ public:
     };
 
     DelayEstimator() {
-        while (m_size < kHop + kMaxDelay)
+        while (m_size < kHop + kSpan)
             m_size *= 2;
         const float scale = 1.0f;
         AVTXContext* forward = nullptr;
@@ -209,17 +214,17 @@ public:
         m_highBin = kBandHighHz * m_size / kCancelRateHz;
     }
 
-    /// `mic`: one hop; `far`: kMaxDelay samples before the same hop and the hop itself.
+    /// `mic`: one hop; `far`: from kLagBack before the same hop to kLead after it.
     Finding analyse(const float* mic, const float* far) {
         double farEnergy = 0.0;
-        for (int i = kMaxDelay; i < kMaxDelay + kHop; ++i)
+        for (int i = kLagBack; i < kLagBack + kHop; ++i)
             farEnergy += double(far[i]) * far[i];
         Finding finding{10.0 * std::log10(farEnergy / kHop + 1e-30) > kFarActiveDb, m_peak, m_delay, m_correlation};
         if (!finding.farActive)
             return finding; // nothing to learn from: what the far end said before still stands
 
         transform(mic, kHop, m_micSpectrum);
-        transform(far, kMaxDelay + kHop, m_farSpectrum);
+        transform(far, kSpan + kHop, m_farSpectrum);
         double meanMagnitude = 0.0;
         m_micEnergy *= kMemory;
         m_farEnergy *= kMemory;
@@ -244,11 +249,11 @@ public:
         if (used == 0)
             return finding;
         m_inverseFn(m_inverse.get(), m_time.data(), weighted.data(), sizeof(std::complex<float>));
-        // `used` unit bins of a real transform peak at 2 * used; lag d sits at index d - kMaxDelay.
+        // `used` unit bins of a real transform peak at 2 * used; lag d sits at index d - kLagBack.
         const float scale = 0.5f / static_cast<float>(used);
         m_peak = 0.0f;
-        for (int delay = 0; delay <= kMaxDelay; ++delay) {
-            const float value = m_time[static_cast<size_t>((delay - kMaxDelay + m_size) % m_size)] * scale;
+        for (int delay = -kLead; delay <= kLagBack; ++delay) {
+            const float value = m_time[static_cast<size_t>((delay - kLagBack + m_size) % m_size)] * scale;
             if (value > m_peak) {
                 m_peak = value;
                 m_delay = delay;
@@ -272,7 +277,7 @@ private:
     float plainCorrelation(int delay) const {
         if (m_micEnergy <= 0.0 || m_farEnergy <= 0.0)
             return 0.0f;
-        const double omega = 2.0 * std::numbers::pi * (delay - kMaxDelay) / m_size;
+        const double omega = 2.0 * std::numbers::pi * (delay - kLagBack) / m_size;
         double cross = 0.0;
         const std::complex<double> turn = std::polar(1.0, omega);
         std::complex<double> phase = std::polar(1.0, omega * m_lowBin);
@@ -306,8 +311,8 @@ public:
     explicit Impl(int sampleRateHz)
         : m_hopFrames(sampleRateHz / 2), m_crossfadeFrames(sampleRateHz * kCrossfadeMs / 1000),
           m_micDown(sampleRateHz, kCancelRateHz), m_farDown(sampleRateHz, kCancelRateHz),
-          m_up(kCancelRateHz, sampleRateHz), m_far(-kMaxDelay) {
-        m_far.padTo(0);        // the estimator looks back kMaxDelay before time zero
+          m_up(kCancelRateHz, sampleRateHz), m_far(-kLagBack) {
+        m_far.padTo(0);        // the estimator looks back before time zero
         webrtc::Config config; // the canceller is told the delay: no delay-agnostic mode, normal filter
         m_apm.reset(webrtc::AudioProcessing::Create(config));
         if (!m_apm)
@@ -337,7 +342,7 @@ public:
         // Whole frames, and enough of them to bring the canceller's late output out.
         const int64_t end = (m_mic.end() + kCancellerLatency + kFrame - 1) / kFrame * kFrame;
         m_mic.padTo(end);
-        m_far.padTo(end);
+        m_far.padTo(end + kLead);
         estimate();
         cancel(true);
         m_up.convert(nullptr, 0, m_cleaned);
@@ -404,17 +409,18 @@ private:
     }
 
     void estimate() {
-        const int64_t available = std::min(m_mic.end(), m_far.end());
-        for (; m_estimated + kHop <= available; m_estimated += kHop)
-            decide(m_estimator.analyse(m_mic.at(m_estimated), m_far.at(m_estimated - kMaxDelay)));
-        if (m_finished && m_estimated < available) { // the last, partial hop: no new evidence, the state holds
+        for (; m_estimated + kHop <= m_mic.end() && m_estimated + kHop + kLead <= m_far.end(); m_estimated += kHop)
+            decide(m_estimator.analyse(m_mic.at(m_estimated), m_far.at(m_estimated - kLagBack)));
+        if (m_finished && m_estimated < m_mic.end()) { // the last, partial hop: no new evidence, the state holds
             Hop last = hopAt(static_cast<int64_t>(m_hops.size()) - 1);
             last.farActive = false;
             m_hops.push_back(last);
             m_estimated += kHop;
         }
-        m_far.dropBefore(std::min(m_cancelled, m_estimated - kMaxDelay));
+        dropFar();
     }
+
+    void dropFar() { m_far.dropBefore(std::min(m_cancelled + kLead, m_estimated - kLagBack)); }
 
     void decide(const DelayEstimator::Finding& finding) {
         Hop hop = hopAt(static_cast<int64_t>(m_hops.size()) - 1);
@@ -426,7 +432,8 @@ private:
             const double foundMs = finding.delay * 1000.0 / kCancelRateHz;
             if ((evidence || trace) && (std::abs(foundMs - m_delayMs) > kDelayHysteresisMs || !hop.echo)) {
                 m_delayMs = foundMs;
-                hop.cancellerDelayMs = std::max(0, static_cast<int>(std::lround(m_delayMs)) - kDelayMarginMs);
+                hop.cancellerDelayMs = std::max(0, static_cast<int>(std::lround(m_delayMs)) +
+                                                       kLead * 1000 / kCancelRateHz - kDelayMarginMs);
             }
             if (evidence) {
                 hop.echo = true;
@@ -440,12 +447,12 @@ private:
         m_hops.push_back(hop);
     }
 
-    /// Where the output takes the cleaned microphone: echo found (looking ahead), and the far end played in
-    /// this hop or the two before, so that its echo may be in the microphone. Elsewhere (the user talking
-    /// alone, silence) the microphone goes out as it is, and the canceller has nothing to do.
+    /// Where the output takes the cleaned microphone: echo found (looking ahead), and the far end played
+    /// around this hop (the two before, the one after), so that its echo may be in the microphone. Elsewhere (the user
+    /// talking alone, silence) the microphone goes out as it is, and the canceller has nothing to do.
     bool cleanedAt(int64_t hop) const {
-        return hopAt(hop + kLookAheadHops).echo &&
-               (hopAt(hop).farActive || hopAt(hop - 1).farActive || hopAt(hop - 2).farActive);
+        return hopAt(hop + kLookAheadHops).echo && (hopAt(hop + 1).farActive || hopAt(hop).farActive ||
+                                                    hopAt(hop - 1).farActive || hopAt(hop - 2).farActive);
     }
 
     /// The canceller runs half a second before the output takes it, and while it cross-fades away.
@@ -455,13 +462,13 @@ private:
         const webrtc::StreamConfig mono(kCancelRateHz, 1);
         float out[kFrame];
         float farCopy[kFrame];
-        for (; m_cancelled + kFrame <= std::min(m_mic.end(), m_far.end()); m_cancelled += kFrame) {
+        for (; m_cancelled + kFrame <= std::min(m_mic.end(), m_far.end() - kLead); m_cancelled += kFrame) {
             const int64_t hop = m_cancelled / kHop;
             if (!draining && hop + kLookAheadHops + 1 >= static_cast<int64_t>(m_hops.size()))
                 break; // what the output will do here is not known yet
             const bool needed = cancellerNeeded(hop);
             if (needed) {
-                std::copy_n(m_far.at(m_cancelled), kFrame, farCopy);
+                std::copy_n(m_far.at(m_cancelled + kLead), kFrame, farCopy);
                 const float* farFrame = farCopy;
                 float* farOut = farCopy;
                 const float* micFrame = m_mic.at(m_cancelled);
@@ -479,7 +486,7 @@ private:
             m_up.convert(out + skip, kFrame - skip, m_cleaned);
         }
         m_mic.dropBefore(m_cancelled);
-        m_far.dropBefore(std::min(m_cancelled, m_estimated - kMaxDelay));
+        dropFar();
     }
 
     /// How much of a frame the canceller took out, where the far end played and the output uses it. A
@@ -494,7 +501,7 @@ private:
         };
         if (m_pending.used)
             m_removal.add(m_pending.micEnergy, m_pending.cleanedEnergy + energy(out, kCancellerLatency));
-        const float* far = m_far.at(m_cancelled);
+        const float* far = m_far.at(m_cancelled + kLead);
         const float* mic = m_mic.at(m_cancelled);
         m_pending.used = used && 10.0 * std::log10(energy(far, kFrame) / kFrame + 1e-30) > kFarActiveDb;
         m_pending.micEnergy = energy(mic, kFrame);
@@ -512,7 +519,7 @@ private:
     SampleQueue m_raw;     // the microphone as given, until output
     SampleQueue m_cleaned; // the canceller's output at the track's rate, lined up with m_raw
     SampleQueue m_mic;     // 16 kHz, from what the canceller has not taken yet
-    SampleQueue m_far;     // 16 kHz, from kMaxDelay before what the estimator has not taken yet
+    SampleQueue m_far;     // 16 kHz, from what the estimator or the canceller still needs
     std::vector<Hop> m_hops;
     int64_t m_estimated = 0; // 16 kHz position up to which the estimator has looked
     int64_t m_cancelled = 0; // 16 kHz position up to which the canceller has run

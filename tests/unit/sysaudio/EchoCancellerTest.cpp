@@ -90,12 +90,10 @@ std::vector<float> throughRoom(const TempDir& dir, const std::vector<float>& far
     QStringList effects;
     if (speed != 1.0)
         effects << "speed" << QString::number(speed, 'f', 6) << "rate" << QString::number(kRate);
-    effects << "reverb"
-            << "30"
-            << "50"
-            << "40"
-            << "pad" << QString::number(delayMs / 1000.0, 'f', 4) << "gain"
-            << "-6";
+    // A negative delay: the recorder lined the tracks up imperfectly, the microphone is ahead.
+    effects += QStringList{
+        "reverb", "30", "50", "40", delayMs < 0 ? "trim" : "pad", QString::number(std::abs(delayMs) / 1000.0, 'f', 4),
+        "gain",   "-6"};
     std::vector<float> echo = decodeToMonoFloat(soxFile(dir, QStringLiteral("echo"), far, effects), kRate);
     echo.resize(far.size());
     return echo;
@@ -183,8 +181,8 @@ TEST_P(EchoRoomTest, removesTheFarEndAndKeepsTheUser) {
     const std::vector<float> out = cancel(mic, c.far, report);
     ASSERT_EQ(out.size(), mic.size());
 
-    const double finalDelayMs = room.finalDelayMs > 0 ? room.finalDelayMs : room.delayMs;
-    const size_t tail = static_cast<size_t>((finalDelayMs + 300.0) / 1000.0 * kRate);
+    const double finalDelayMs = room.finalDelayMs != 0 ? room.finalDelayMs : room.delayMs;
+    const size_t tail = static_cast<size_t>((std::max(0.0, finalDelayMs) + 300.0) / 1000.0 * kRate);
     double echoBefore = 0.0, echoAfter = 0.0;
     for (Stretch farAlone : c.farAlone) {
         farAlone.to += tail; // the echo and its reverberation outlast the far end's words
@@ -203,7 +201,7 @@ INSTANTIATE_TEST_SUITE_P(Delays, EchoRoomTest,
                          ::testing::Values(RoomCase{"ms40", 40}, RoomCase{"ms120", 120}, RoomCase{"ms250", 250},
                                            // two devices' clocks 100 ppm apart, more than most: 2 ms over the talk
                                            RoomCase{"drifting", 120, 0.9999, 0, 122},
-                                           RoomCase{"jumping", 120, 1.0, 15, 135}),
+                                           RoomCase{"jumping", 120, 1.0, 15, 135}, RoomCase{"microphoneAhead", -60}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 class NoEchoTest : public ::testing::TestWithParam<const char*> {
