@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
     const QString farEnd = "anoisesrc=color=pink:sample_rate=48000:amplitude=0.1:seed=7:duration=" + seconds;
     if (!runFfmpeg({"-f", "lavfi", "-i", "sine=frequency=220:sample_rate=44100:duration=" + seconds, "-f", "lavfi",
                     "-i", farEnd, "-filter_complex",
-                    "[1]adelay=120,volume=0.5,aresample=44100[echo];[0]volume=0.05[user];"
+                    "[1]adelay=120,volume=0.5,aresample=44100[echo];[0]volume=0.005[user];"
                     "[user][echo]amix=inputs=2:normalize=0:duration=first",
                     "-c:a", "aac", mic}) ||
         !runFfmpeg({"-f", "lavfi", "-i", farEnd, "-ac", "2", "-c:a", "pcm_f32le", tap}))
