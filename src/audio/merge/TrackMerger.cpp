@@ -283,8 +283,9 @@ EchoCanceller::Report mergeAudioFilesInto(const QString& mic, const QStringList&
     if (echoRemoval == EchoRemoval::automatic && !systemDecoders.empty()) {
         try {
             canceller = std::make_unique<EchoCanceller>(kMergedSampleRateHz);
-        } catch (const Error& error) { // the plain sum is still a recording
+        } catch (const Error& error) { // the plain sum is still a recording; this is the merge's one line
             logLine(QStringLiteral("[TrackMerger] Annulation d'écho impossible : ") + error.localizedDescription());
+            echoRemoval = EchoRemoval::off;
         }
     }
     auto micPipe = std::make_unique<DecoderPipe>(std::move(micDecoder));
