@@ -4,8 +4,8 @@
 #include "TestSupport.h"
 #include "audio/AudioRecorder.h"
 #include "audio/sources/SystemAudioBackends.h"
-#include "core/RecordingFiles.h"
 #include "core/Log.h"
+#include "core/RecordingFiles.h"
 
 #include <QDir>
 #include <QFileInfo>
