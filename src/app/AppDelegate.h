@@ -54,8 +54,10 @@ struct AppServices {
     /// left behind. Empty: there is nothing to look up.
     std::function<std::optional<AudioRouting::Device>(const QString& uid)> deviceWithUID;
     std::function<bool(const AudioRouting::Device& device)> destroyDevice;
-    /// Makes a recording interrupted by a crash readable again. Empty: nothing is repaired.
-    std::function<void(const QString& path)> recoverInterruptedRecording;
+    /// Rebuilds the recordings that a crash interrupted; the pending check waits for it. Called once at launch
+    /// on the main thread, it decides there what it will look at (a recording may start right after) and does
+    /// the work elsewhere. Empty: nothing is rebuilt.
+    std::function<QCoro::Task<>()> recoverInterruptedRecordings;
     /// The status item's clock. Empty: the system clock.
     std::function<QDateTime()> now;
     /// Wake-ups from suspend: uploads under way are sent again at once. None: not followed.
@@ -152,7 +154,7 @@ private:
     void refreshStatusIcon();
     void closePopover();
     void removeStaleRoutingDevice();
-    void recoverInterruptedRecordings();
+    QCoro::Task<> recoverThenCheckPending();
     QDateTime now() const;
     QCoro::Task<> runStart();
     QCoro::Task<> runStop();

@@ -7,6 +7,7 @@
 #include <QCoro/QCoroTask>
 #include <QDateTime>
 #include <QString>
+#include <QStringList>
 #include <atomic>
 #include <exception>
 #include <memory>
@@ -17,6 +18,7 @@
 namespace tavrel {
 
 class MicRecorder;
+class RecordingJournal;
 
 /// Errors of the microphone start.
 enum class RecordError { recordFailed, microphoneDenied };
@@ -41,8 +43,13 @@ public:
     QCoro::Task<> startRecording();
     void pauseRecording();
     void resumeRecording();
-    /// Stops every track, mixes them and yields the final recording, or none when nothing was recording.
+    /// Stops every track, mixes them, writes the notes file beside the result and yields the final recording,
+    /// or none when nothing was recording. When the mix fails, the microphone file is the recording and the
+    /// system tracks stay in the capture directory for the next launch's recovery.
     QCoro::Task<std::optional<QString>> stopRecording();
+    /// Whether `path` is a file of the recording that is running or stopping (the microphone file, its
+    /// working copies, the mix on its way in): it is not a recording to offer, send or delete yet.
+    bool isInUse(const QString& path) const;
 
     float currentMicLevel();
     float currentSystemLevel() const;
@@ -68,6 +75,11 @@ private:
     };
     /// Starts `source` and keeps it; logs nothing.
     QCoro::Task<SourceStart> startSource(std::unique_ptr<SystemAudioSource> source);
+    /// A start that failed leaves no file and no journal.
+    void abandonStart();
+    /// The last step of a stop: the notes file beside `finalFile`, the journal gone unless the next launch has
+    /// work left (`tracksKept`, or a mix outside the recordings folder).
+    QString settleStop(const QString& finalFile, bool tracksKept);
 
     SystemAudioBackends m_backends;
     // Polled by the recording panel's timer while the start and stop coroutines change them.
@@ -85,7 +97,9 @@ private:
     bool m_screenCapturePermissionMissing = false;
     std::vector<Note> m_notes;
     std::optional<QDateTime> m_recordingStart;
-    int64_t m_timelineOriginNs = 0; // the microphone's time zero, handed to the system-audio sources
+    int64_t m_timelineOriginNs = 0;              // the microphone's time zero, handed to the system-audio sources
+    std::unique_ptr<RecordingJournal> m_journal; // the running or stopping recording's record on disk
+    QStringList m_filesInUse;
 };
 
 } // namespace tavrel

@@ -65,7 +65,7 @@ void CafWriter::append(const float* interleaved, int64_t frames) {
                 m_file.get());
     m_endFrames += frames;
     m_framesSinceFlush += frames;
-    if (m_framesSinceFlush >= m_sampleRateHz) { // at most a second lost to a crash
+    if (m_framesSinceFlush >= m_sampleRateHz / 4) { // at most a quarter of a second lost to a crash
         std::fflush(m_file.get());
         m_framesSinceFlush = 0;
     }

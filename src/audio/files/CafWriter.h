@@ -10,7 +10,7 @@ namespace tavrel {
 /// Uncompressed 32-bit float PCM in a Core Audio Format file, written as it comes.
 ///
 /// The data chunk is declared "to the end of the file" until `finish()` writes its size, so a file cut
-/// short by a crash stays readable up to the last flushed second. Positions work as in the AAC writer: a
+/// short by a crash stays readable up to the last quarter of a second flushed. Positions work as in the AAC writer: a
 /// chunk placed past the end is preceded by silence, frames placed before the end are dropped.
 class CafWriter {
 public:

@@ -3,12 +3,16 @@
 #include "audio/BackgroundTask.h"
 #include "audio/ffmpeg/AacEncoder.h"
 #include "audio/ffmpeg/FfmpegHandles.h"
-#include "audio/files/TemporaryCaptureFile.h"
 #include "audio/sources/SystemAudioSource.h"
+#include "core/Log.h"
+#include "core/RecordingFiles.h"
 
 #include <QDateTime>
 #include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <algorithm>
+#include <cmath>
 #include <condition_variable>
 #include <deque>
 #include <exception>
@@ -22,6 +26,11 @@
 // spread over the processor's threads, see ParallelM4aWriter). A stereo input is folded with 1/2 + 1/2 (a
 // centred voice keeps its level) rather than swresample's default downmix, which adds the channels up; the
 // tracks themselves are then summed at unit gain.
+//
+// Echo removal runs here rather than live during the recording: the merge already has every track decoded
+// on the same timeline, so the canceller can look a few seconds ahead for the delay, costs nothing while
+// recording, and runs on the merge's own thread while the encoders fill the other cores; the raw
+// microphone file stays the recording of record until the merge has succeeded.
 
 namespace tavrel {
 
@@ -31,13 +40,16 @@ constexpr int kChunkFrames = 16384; // hand-over unit between a decoder thread a
 constexpr size_t kQueueDepth = 6;   // chunks buffered per input: bounded memory, some slack for jitter
 // Timestamps that jump by less than this are decoder rounding, not a hole in the recording.
 constexpr int64_t kGapToleranceFrames = 64;
+// Decoded audio may fall this short of the length the container states (priming, rounding) before the file
+// counts as cut short.
+constexpr int64_t kShortfallToleranceFrames = kMergedSampleRateHz / 2;
 
 /// One input file, decoded and resampled to the mix format, read in order from time zero.
 class TrackDecoder {
 public:
     /// Opens `path`; throws `FfmpegError` when the file cannot be read. `hasAudio()` tells whether it has
     /// an audio stream worth decoding.
-    explicit TrackDecoder(const QString& path) : m_input(openInput(path)) {
+    explicit TrackDecoder(const QString& path) : m_path(path), m_input(openInput(path)) {
         const int index = av_find_best_stream(m_input.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
         if (index < 0)
             return;
@@ -87,22 +99,42 @@ private:
             finish();
             return;
         }
-        if (received != AVERROR(EAGAIN)) {
-            // A damaged packet: keep what decoded so far rather than lose the whole track.
-            finish();
-            return;
-        }
+        // A track that breaks part-way fails the merge: mixing what came before would cut that side short, and
+        // the inputs are deleted once the mix is made.
+        if (received != AVERROR(EAGAIN))
+            throw damaged(QStringLiteral("Décodage audio"), received);
         const int readResult = av_read_frame(m_input.get(), m_packet.get());
-        if (readResult < 0) {
+        if (readResult == AVERROR_EOF) {
+            checkComplete();
             avcodec_send_packet(m_decoder.get(), nullptr); // drain
             return;
         }
+        if (readResult < 0)
+            throw damaged(QStringLiteral("Lecture audio"), readResult);
         if (m_packet->stream_index == m_stream->index) {
             const int sent = avcodec_send_packet(m_decoder.get(), m_packet.get());
-            if (sent < 0 && sent != AVERROR(EAGAIN) && sent != AVERROR_INVALIDDATA)
-                finish();
+            if (sent < 0 && sent != AVERROR(EAGAIN)) {
+                av_packet_unref(m_packet.get());
+                throw damaged(QStringLiteral("Décodage audio"), sent);
+            }
         }
         av_packet_unref(m_packet.get());
+    }
+
+    DamagedTrackError damaged(const QString& step, int averror) const {
+        return DamagedTrackError(m_path, FfmpegError(step, averror).localizedDescription());
+    }
+
+    /// A file whose container states its length must deliver all of it: the rest was lost (a file cut short).
+    void checkComplete() const {
+        if (m_input->duration_estimation_method != AVFMT_DURATION_FROM_STREAM || m_stream->duration <= 0)
+            return;
+        const int64_t statedFrames =
+            av_rescale_q(m_stream->duration, m_stream->time_base, AVRational{1, m_inputRateHz});
+        if (m_inputFrames + kShortfallToleranceFrames < statedFrames)
+            throw DamagedTrackError(m_path, QStringLiteral("Fichier audio tronqué : %1 s lues sur %2 s")
+                                                .arg(static_cast<double>(m_inputFrames) / m_inputRateHz, 0, 'f', 1)
+                                                .arg(static_cast<double>(statedFrames) / m_inputRateHz, 0, 'f', 1));
     }
 
     void ensureResampler(const AVFrame* frame) {
@@ -175,6 +207,7 @@ private:
         m_pending.resize(before + static_cast<size_t>(std::max(0, flushed)));
     }
 
+    QString m_path;
     AVFormatInputPtr m_input;
     AVStream* m_stream = nullptr;
     AVCodecContextPtr m_decoder;
@@ -207,11 +240,14 @@ public:
     DecoderPipe(const DecoderPipe&) = delete;
     DecoderPipe& operator=(const DecoderPipe&) = delete;
 
+    /// The next chunk; rethrows the decoder's failure in place of the last one.
     std::vector<float> take() {
         std::unique_lock lock(m_mutex);
         m_changed.wait(lock, [this] { return !m_chunks.empty(); });
         std::vector<float> chunk = std::move(m_chunks.front());
         m_chunks.pop_front();
+        if (m_failure && m_chunks.empty() && chunk.size() < static_cast<size_t>(kChunkFrames))
+            std::rethrow_exception(m_failure);
         lock.unlock();
         m_changed.notify_all();
         return chunk;
@@ -223,14 +259,16 @@ private:
         while (more) {
             std::vector<float> chunk(kChunkFrames);
             int frames = 0;
+            std::exception_ptr failure;
             try {
                 frames = m_decoder->read(chunk.data(), kChunkFrames);
-            } catch (const std::exception&) {
-                frames = 0; // an input that breaks mid-way ends there
+            } catch (...) {
+                failure = std::current_exception();
             }
-            chunk.resize(static_cast<size_t>(frames));
-            more = frames == kChunkFrames;
+            chunk.resize(failure ? 0 : static_cast<size_t>(frames));
+            more = !failure && frames == kChunkFrames;
             std::unique_lock lock(m_mutex);
+            m_failure = failure;
             m_changed.wait(lock, [this] { return m_chunks.size() < kQueueDepth || m_cancelled; });
             if (m_cancelled)
                 return;
@@ -244,58 +282,125 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::deque<std::vector<float>> m_chunks;
+    std::exception_ptr m_failure; // the input broke part-way; handed over with the last chunk
     bool m_cancelled = false;
     std::thread m_thread; // last: starts once everything above exists
 };
 
 /// A system file that cannot be opened or has no audio is left out of the mix.
 std::unique_ptr<TrackDecoder> openSystemTrack(const QString& path) {
+    QString problem = QStringLiteral("aucune piste audio");
     try {
         auto decoder = std::make_unique<TrackDecoder>(path);
         if (decoder->hasAudio())
             return decoder;
-    } catch (const FfmpegError&) {
+    } catch (const FfmpegError& error) {
+        problem = error.localizedDescription();
     }
+    logLine(QStringLiteral("[TrackMerger] Piste illisible laissée de côté : %1 (%2)")
+                .arg(QFileInfo(path).fileName(), problem));
     return nullptr;
 }
 
 } // namespace
 
-void mergeAudioFilesInto(const QString& mic, const QStringList& systems, const QString& outputPath,
-                         const ParallelM4aWriter::Tuning& encoding) {
-    std::vector<std::unique_ptr<TrackDecoder>> decoders;
+EchoCanceller::Report mergeAudioFilesInto(const QString& mic, const QStringList& systems, const QString& outputPath,
+                                          const ParallelM4aWriter::Tuning& encoding, EchoRemoval echoRemoval) {
     auto micDecoder = std::make_unique<TrackDecoder>(mic); // unreadable: FfmpegError goes to the caller
     if (!micDecoder->hasAudio())
         throw SystemAudioFailure(SystemAudioError::mergeFailed);
-    decoders.push_back(std::move(micDecoder));
+    std::vector<std::unique_ptr<TrackDecoder>> systemDecoders;
     for (const QString& system : systems)
         if (auto decoder = openSystemTrack(system))
-            decoders.push_back(std::move(decoder));
+            systemDecoders.push_back(std::move(decoder));
 
     ParallelM4aWriter encoder(outputPath, kMergedSampleRateHz, aacBitRateFor(kMergedChannels), encoding);
-    std::vector<std::unique_ptr<DecoderPipe>> pipes;
-    for (auto& decoder : decoders)
-        pipes.push_back(std::make_unique<DecoderPipe>(std::move(decoder)));
+    std::unique_ptr<EchoCanceller> canceller;
+    if (echoRemoval == EchoRemoval::automatic && !systemDecoders.empty()) {
+        try {
+            canceller = std::make_unique<EchoCanceller>(kMergedSampleRateHz);
+        } catch (const Error& error) { // the plain sum is still a recording; this is the merge's one line
+            logLine(QStringLiteral("[TrackMerger] Annulation d'écho impossible : ") + error.localizedDescription());
+            echoRemoval = EchoRemoval::off;
+        }
+    }
+    auto micPipe = std::make_unique<DecoderPipe>(std::move(micDecoder));
+    std::vector<std::unique_ptr<DecoderPipe>> systemPipes;
+    for (auto& decoder : systemDecoders)
+        systemPipes.push_back(std::make_unique<DecoderPipe>(std::move(decoder)));
 
-    std::vector<float> mix(kChunkFrames);
-    while (!pipes.empty()) {
-        std::fill(mix.begin(), mix.end(), 0.0f);
-        size_t mixFrames = 0;
-        for (auto it = pipes.begin(); it != pipes.end();) {
+    // The mix from `written` on (at `mix[mixStart]`): the system tracks' sum as far as decoded, plus the
+    // microphone up to `micEnd`, which the canceller hands out a few seconds behind the input. What lies
+    // before `micEnd` is complete and goes to the encoder, which works in parallel on its own threads.
+    std::vector<float> mix;
+    size_t mixStart = 0;
+    int64_t written = 0;
+    int64_t micEnd = 0;
+    const auto addMic = [&](const float* samples, int64_t count) {
+        float* to = mix.data() + mixStart + (micEnd - written);
+        for (int64_t i = 0; i < count; ++i)
+            to[i] += samples[i];
+        micEnd += count;
+    };
+    std::vector<float> far(kChunkFrames);
+    std::vector<float> cleaned(kChunkFrames);
+    while (micPipe || !systemPipes.empty()) {
+        std::vector<float> micChunk;
+        if (micPipe) {
+            micChunk = micPipe->take();
+            if (micChunk.size() < static_cast<size_t>(kChunkFrames))
+                micPipe.reset();
+        }
+        std::fill(far.begin(), far.end(), 0.0f);
+        size_t span = micChunk.size();
+        for (auto it = systemPipes.begin(); it != systemPipes.end();) {
             const std::vector<float> chunk = (*it)->take();
             for (size_t i = 0; i < chunk.size(); ++i)
-                mix[i] += chunk[i];
-            mixFrames = std::max(mixFrames, chunk.size());
-            it = chunk.size() < static_cast<size_t>(kChunkFrames) ? pipes.erase(it) : it + 1;
+                far[i] += chunk[i];
+            span = std::max(span, chunk.size());
+            it = chunk.size() < static_cast<size_t>(kChunkFrames) ? systemPipes.erase(it) : it + 1;
         }
-        encoder.write(mix.data(), static_cast<int64_t>(mixFrames));
+        mix.insert(mix.end(), far.begin(), far.begin() + static_cast<std::ptrdiff_t>(span));
+        if (canceller) {
+            canceller->push(micChunk.data(), far.data(), static_cast<int64_t>(micChunk.size()));
+            if (!micPipe)
+                canceller->finish();
+            for (int64_t count; (count = canceller->pull(cleaned.data(), kChunkFrames)) > 0;)
+                addMic(cleaned.data(), count);
+        } else {
+            addMic(micChunk.data(), static_cast<int64_t>(micChunk.size()));
+        }
+        const int64_t complete = micPipe ? micEnd : written + static_cast<int64_t>(mix.size() - mixStart);
+        encoder.write(mix.data() + mixStart, complete - written);
+        mixStart += static_cast<size_t>(complete - written);
+        written = complete;
+        if (mixStart > mix.size() / 2) {
+            mix.erase(mix.begin(), mix.begin() + static_cast<std::ptrdiff_t>(mixStart));
+            mixStart = 0;
+        }
     }
     encoder.finish();
+
+    const EchoCanceller::Report report = canceller ? canceller->report() : EchoCanceller::Report{};
+    if (echoRemoval == EchoRemoval::automatic) {
+        if (report.echoFound)
+            logLine(QStringLiteral("[TrackMerger] Écho des haut-parleurs retiré du micro : %1 dB (retard %2 ms)")
+                        .arg(report.removedDb, 0, 'f', 1)
+                        .arg(std::lround(report.delayMs)));
+        else
+            logLine(QStringLiteral("[TrackMerger] Pas d'écho des haut-parleurs dans le micro"));
+    }
+    return report;
 }
 
 QCoro::Task<QString> mergeAudioFiles(QString mic, QStringList systems) {
-    const QString outputPath = temporaryCaptureFile(QStringLiteral("tavrel_merged_"), QStringLiteral("m4a"));
-    co_await runInBackground([&] { mergeAudioFilesInto(mic, systems, outputPath); });
+    const QString outputPath = RecordingFiles::mergedFile();
+    try {
+        co_await runInBackground([&] { mergeAudioFilesInto(mic, systems, outputPath); });
+    } catch (...) {
+        QFile::remove(outputPath); // half a mix is nobody's recording
+        throw;
+    }
     co_return outputPath;
 }
 

@@ -1,12 +1,12 @@
 #include "audio/sources/BlackHoleRecorder.h"
 
 #include "audio/files/M4aWriter.h"
-#include "audio/files/TemporaryCaptureFile.h"
 #include "audio/pulse/PulseCapture.h"
 #include "audio/pulse/PulseContext.h"
 #include "audio/timeline/SampleHandOff.h"
 #include "core/Level.h"
 #include "core/Log.h"
+#include "core/RecordingFiles.h"
 
 #include <QFileInfo>
 #include <chrono>
@@ -188,8 +188,7 @@ void BlackHoleRecorder::startBlocking() {
         throw BlackHoleFailure(BlackHoleError::sessionFailed);
     }
     const bool m4a = canWriteM4a();
-    const QString path =
-        temporaryCaptureFile(QStringLiteral("tavrel_bh_"), m4a ? QStringLiteral("m4a") : QStringLiteral("aiff"));
+    const QString path = RecordingFiles::virtualDeviceFile(m4a);
     m_outputURL = path;
     try {
         if (m4a)

@@ -1,11 +1,11 @@
 #include "audio/sources/ProcessTapRecorder.h"
 
 #include "audio/files/CafWriter.h"
-#include "audio/files/TemporaryCaptureFile.h"
 #include "audio/sources/OutputChain.h"
 #include "audio/timeline/SampleHandOff.h"
 #include "core/Level.h"
 #include "core/Log.h"
+#include "core/RecordingFiles.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -174,7 +174,7 @@ void ProcessTapRecorder::startBlocking() {
             fail();
         m_linkVerified.store(true);
 
-        const QString path = temporaryCaptureFile(QStringLiteral("tavrel_tap_"), QStringLiteral("caf"));
+        const QString path = RecordingFiles::tapFile();
         m_outputURL = path;
         try {
             m_file = std::make_unique<CafWriter>(path, kSampleRateHz, kChannels);

@@ -1,12 +1,12 @@
 #include "audio/sources/SystemAudioRecorder.h"
 
 #include "audio/files/M4aWriter.h"
-#include "audio/files/TemporaryCaptureFile.h"
 #include "audio/pulse/PulseCapture.h"
 #include "audio/pulse/PulseContext.h"
 #include "audio/sources/OutputChain.h"
 #include "audio/timeline/SampleHandOff.h"
 #include "core/Log.h"
+#include "core/RecordingFiles.h"
 
 #include <QFileInfo>
 #include <algorithm>
@@ -102,7 +102,7 @@ void SystemAudioRecorder::startBlocking() {
     if (!output)
         throw SystemAudioFailure(SystemAudioError::noDisplay);
 
-    const QString path = temporaryCaptureFile(QStringLiteral("tavrel_sys_"), QStringLiteral("m4a"));
+    const QString path = RecordingFiles::screenCaptureFile();
     m_outputURL = path;
     m_writer = std::make_unique<M4aWriter>(path, kSampleRateHz, kChannels);
     M4aWriter* writer = m_writer.get();
