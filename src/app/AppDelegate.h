@@ -162,6 +162,8 @@ private:
     QCoro::Task<> runUploadDialog(QString fileURL, DialogQueue::Place place);
     QCoro::Task<> runPendingCheck();
     QCoro::Task<QString> describeRecording(QString path);
+    /// Runs `work` (file writes that wait for the disk) on the file thread; false when the delegate went away.
+    QCoro::Task<bool> onFileThread(std::function<void()> work);
     QCoro::Task<> followJob(FollowedJob job);
     QCoro::Task<> showUploadFailure(QString fileURL, QString title, qint64 clientId, QString synthesisType,
                                     QString depth, QString notes, std::exception_ptr failure);
@@ -196,7 +198,7 @@ private:
     std::vector<std::shared_ptr<RunningUpload>> m_uploads;
     QTimer m_uploadProgressTimer; ///< refreshes the tooltip's progress while uploads run
     DialogQueue m_dialogs;
-    /// Reads recordings' headers for the dialogs' titles, removes the recordings sent.
+    /// Reads recordings' headers for the dialogs' titles, keeps the followed jobs, removes the recordings sent.
     std::unique_ptr<WorkerThread> m_fileWorker;
     QString m_statusTitle;
     QPoint m_lastClickPos;

@@ -151,21 +151,17 @@ QCoro::Task<> AppDelegate::uploadFile(QString fileURL, QString title, qint64 cli
         co_return;
     }
 
-    // The job is on disk before the recording goes: whatever happens next, its end will be told.
-    FollowedJobs::store(FollowedJob{result->jobId, result->title, 0, {}});
-    // The backend has the recording: the local copy and its notes may go (off this thread: freeing a long
-    // recording's blocks takes the file system a while).
+    // The job is on disk before the recording goes: whatever happens next, its end will be told. Then the
+    // local copy and its notes may go. Both wait for the disk (a write made durable, a long recording's
+    // blocks freed): on the file thread.
+    const FollowedJob job{result->jobId, result->title, 0, {}};
     const QString path = localPath(fileURL);
-    const auto removeFiles = [path] {
+    const std::function<void()> keepJobDropRecording = [job, path] {
+        FollowedJobs::store(job);
         QFile::remove(RecordingFiles::notesFileFor(path));
-        return QFile::remove(path);
+        QFile::remove(path);
     };
-    try {
-        co_await m_fileWorker->run(removeFiles);
-    } catch (const Error&) {
-        // The delegate is going away; the job is kept, the recording will be offered again.
-    }
-    if (!self)
+    if (!co_await onFileThread(keepJobDropRecording))
         co_return;
     notify(QStringLiteral("⬆️ Enregistrement envoyé"),
            quoted(result->title) + QStringLiteral(" — transcription en cours, vous serez notifié."));
@@ -214,7 +210,13 @@ QCoro::Task<> AppDelegate::followJob(FollowedJob job) {
     const QPointer<AppDelegate> self(this);
     const std::chrono::milliseconds interval = m_services.jobPollIntervalMs;
     setBusyIndicator(true, kJobSymbol);
-    FollowedJobs::store(job);
+    // Every change is on disk (on the file thread) before the next wait: a quit or a crash loses nothing.
+    const auto keep = [](FollowedJob state) -> std::function<void()> {
+        return [state] { FollowedJobs::store(state); };
+    };
+    std::function<void()> keepJob = keep(job);
+    if (!co_await onFileThread(keepJob))
+        co_return;
 
     while (job.polls < kMaxJobPolls) {
         co_await QCoro::sleepFor(interval);
@@ -236,7 +238,9 @@ QCoro::Task<> AppDelegate::followJob(FollowedJob job) {
                            QStringLiteral(") : interrogation échouée"),
                        failure);
             ++job.polls;
-            FollowedJobs::store(job);
+            keepJob = keep(job);
+            if (!co_await onFileThread(keepJob))
+                co_return;
             continue;
         }
         if (state->status == kSummarizing && job.lastStatus != kSummarizing) {
@@ -257,10 +261,13 @@ QCoro::Task<> AppDelegate::followJob(FollowedJob job) {
         }
         job.lastStatus = state->status;
         ++job.polls;
-        FollowedJobs::store(job);
+        keepJob = keep(job);
+        if (!co_await onFileThread(keepJob))
+            co_return;
     }
-    FollowedJobs::remove(job.jobId);
     setBusyIndicator(false, kJobSymbol);
+    const std::function<void()> forgetJob = [jobId = job.jobId] { FollowedJobs::remove(jobId); };
+    co_await onFileThread(forgetJob);
 }
 
 void AppDelegate::resumeFollowedJobs() {
@@ -287,6 +294,20 @@ void AppDelegate::refreshUploadProgress() {
     for (const std::shared_ptr<RunningUpload>& upload : m_uploads)
         lines << QStringLiteral("Envoi de %1 : %2 %").arg(quoted(upload->title)).arg(upload->percent->load());
     m_services.statusItem->setToolTipDetail(lines.join(QLatin1Char('\n')));
+}
+
+QCoro::Task<bool> AppDelegate::onFileThread(std::function<void()> work) {
+    const QPointer<AppDelegate> self(this);
+    const auto job = [work] {
+        work();
+        return true;
+    };
+    try {
+        co_await m_fileWorker->run(job);
+    } catch (const Error&) {
+        co_return false; // the delegate is going away
+    }
+    co_return !self.isNull();
 }
 
 QCoro::Task<QString> AppDelegate::describeRecording(QString path) {

@@ -15,7 +15,8 @@ struct FollowedJob {
 
 /// The jobs being followed, kept on disk so that a quit, a crash or a restart does not lose their
 /// notifications: `<XDG data>/TavrelRecorder/jobs.json`, rewritten whole (atomically) at every change.
-/// An unreadable or garbled file counts as empty and is logged once. Main thread only.
+/// An unreadable or garbled file counts as empty and is logged once. One thread at a time (the program keeps
+/// them from its file thread: a durable write waits for the disk).
 class FollowedJobs {
 public:
     static QString filePath();
