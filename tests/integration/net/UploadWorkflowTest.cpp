@@ -117,7 +117,12 @@ TEST_F(UploadWorkflowTest, JobFollowingNotifiesAtEachStage) {
 TEST_F(UploadWorkflowTest, FollowingGivesUpSilentlyAfter540Polls) {
     // A failed poll and the polls that find the job still running all count.
     h.backend.control(R"({"sequence": [{"http": 500, "body": "Panne"}, "transcribing"]})");
+    QStringList log;
+    const LogCapture capture([&](const QString& line) { log << line; });
     upload(h, h.makeRecording(QStringLiteral("r.m4a")));
+    // The failed poll is logged with its cause, once.
+    EXPECT_EQ(log.filter(QStringLiteral("interrogation échouée")).size(), 1) << log.join(u'\n').toStdString();
+    EXPECT_EQ(log.filter(QStringLiteral("HTTP 500 : Panne")).size(), 1) << log.join(u'\n').toStdString();
     const QString jobId = h.backend.upload(1).value("job_id").toString();
     EXPECT_EQ(h.backend.requestsTo("/backend/transcriptions/jobs/" + jobId), 540);
     EXPECT_EQ(h.notificationTitles(), QStringList{kUploadedTitle});
