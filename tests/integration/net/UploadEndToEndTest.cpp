@@ -113,13 +113,16 @@ protected:
 // unsent recordings' order), each titled with its recording, and the title typed in each goes with that one.
 TEST_F(UploadEndToEndTest, PendingRecordingsGetRealDialogsOneAtATimeEachForItsOwnRecording) {
     // Nothing in the program reads a variable of the tests.
+    int sources = 0;
     for (QDirIterator it(qEnvironmentVariable("TAVREL_SOURCE_DIR") + QStringLiteral("/src"), QDir::Files,
                          QDirIterator::Subdirectories);
          it.hasNext();) {
         QFile source(it.next());
         ASSERT_TRUE(source.open(QIODevice::ReadOnly));
         EXPECT_FALSE(source.readAll().contains("TAVREL_TEST")) << source.fileName().toStdString();
+        ++sources;
     }
+    ASSERT_GT(sources, 50) << "the sources are not where TAVREL_SOURCE_DIR says";
 
     WindowManager openbox;
     ASSERT_TRUE(openbox.start(mergedEnvironment({m_bus->variables(), m_xvfb->variables()})));
