@@ -95,10 +95,11 @@ TEST_F(CallSessionTest, IgnoredCallRecordsNothingAndAnAcceptedOneRecordsThroughM
     ManagedProcess meeting;
     ASSERT_TRUE(meeting.start(options)) << meeting.errorString().toStdString();
     const auto expectLine = [&](const char* line) {
-        std::optional<QByteArray> said;
-        while ((said = meeting.readStdoutLine(10s)) && *said != line) {
+        for (;;) {
+            const std::optional<QByteArray> said = meeting.readStdoutLine(10s);
+            if (!said || *said == line)
+                return said.has_value();
         }
-        return said.has_value();
     };
     ASSERT_TRUE(expectLine("ready")) << meeting.describe().toStdString();
     ASSERT_TRUE(waitUntil([&] { return m_delegate->isRecording(); }, 20s))
