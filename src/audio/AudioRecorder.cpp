@@ -8,6 +8,8 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <QPromise>
+#include <QScopeGuard>
 #include <algorithm>
 #include <chrono>
 
@@ -33,9 +35,24 @@ void removeFile(const QString& path) {
     QFile::remove(path);
 }
 
+/// One start or stop's place in the line: it may run once `previous` has finished, and the next one waits
+/// for `mine`, which finishes when this one ends, however it ends.
+struct Turn {
+    QFuture<void> previous;
+    std::shared_ptr<QPromise<void>> mine;
+};
+
+Turn takeTurn(QFuture<void>& last) {
+    Turn turn{{}, std::make_shared<QPromise<void>>()};
+    turn.mine->start();
+    turn.previous = std::exchange(last, turn.mine->future());
+    return turn;
+}
+
 } // namespace
 
-AudioRecorder::AudioRecorder(SystemAudioBackends backends) : m_backends(std::move(backends)) {}
+AudioRecorder::AudioRecorder(SystemAudioBackends backends)
+    : m_backends(std::move(backends)), m_lastOperation(QtFuture::makeReadyFuture()) {}
 
 AudioRecorder::~AudioRecorder() = default;
 
@@ -44,8 +61,16 @@ QString AudioRecorder::recordingsDir() {
 }
 
 QCoro::Task<> AudioRecorder::startRecording() {
+    const Turn turn = takeTurn(m_lastOperation);
+    const auto done = qScopeGuard([mine = turn.mine] { mine->finish(); });
+    co_await turn.previous;
+    auto starting = startRecordingInTurn();
+    co_await starting;
+}
+
+QCoro::Task<> AudioRecorder::startRecordingInTurn() {
     if (m_isRecording)
-        co_return;
+        co_return; // the start before this one made the recording that is running
 
     // The server's answer about the default source stands for the microphone permission.
     // Work for other threads and the tasks that carry it are named before they are awaited: GCC 12 destroys some
@@ -112,6 +137,8 @@ QCoro::Task<AudioRecorder::SourceStart> AudioRecorder::startSource(std::unique_p
         source->setTimelineOrigin(m_timelineOriginNs);
         auto starting = source->start();
         co_await starting;
+        if (m_isPaused) // paused while this source was starting
+            source->pause();
         m_sysRecorders.push_back(std::move(source));
     } catch (...) {
         outcome.failure = std::current_exception();
@@ -256,6 +283,14 @@ void AudioRecorder::resumeRecording() {
 }
 
 QCoro::Task<std::optional<QString>> AudioRecorder::stopRecording() {
+    const Turn turn = takeTurn(m_lastOperation);
+    const auto done = qScopeGuard([mine = turn.mine] { mine->finish(); });
+    co_await turn.previous;
+    auto stopping = stopRecordingInTurn();
+    co_return co_await stopping;
+}
+
+QCoro::Task<std::optional<QString>> AudioRecorder::stopRecordingInTurn() {
     if (!m_isRecording)
         co_return std::nullopt;
     m_isRecording = false;

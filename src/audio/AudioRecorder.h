@@ -6,6 +6,7 @@
 
 #include <QCoro/QCoroTask>
 #include <QDateTime>
+#include <QFuture>
 #include <QString>
 #include <atomic>
 #include <exception>
@@ -38,6 +39,9 @@ public:
 
     /// Starts the microphone, then the system-audio sources. Throws an `Error` (a `RecordFailure` or the
     /// microphone's own error) when the microphone cannot start; system-audio failures never throw.
+    /// Starts and stops take turns: one that arrives while another runs waits for it to finish, so a stop
+    /// issued during a start stops everything that start made, and a second start finds the first one's
+    /// recording running and leaves it alone.
     QCoro::Task<> startRecording();
     void pauseRecording();
     void resumeRecording();
@@ -62,6 +66,9 @@ public:
     bool screenCapturePermissionMissing() const { return m_screenCapturePermissionMissing; }
 
 private:
+    /// The bodies of start and stop, run once every start and stop issued before has finished.
+    QCoro::Task<> startRecordingInTurn();
+    QCoro::Task<std::optional<QString>> stopRecordingInTurn();
     QCoro::Task<> startSystemAudio();
     struct SourceStart {
         std::exception_ptr failure; ///< none when the source runs
@@ -86,6 +93,7 @@ private:
     std::vector<Note> m_notes;
     std::optional<QDateTime> m_recordingStart;
     int64_t m_timelineOriginNs = 0; // the microphone's time zero, handed to the system-audio sources
+    QFuture<void> m_lastOperation;  // the latest start or stop; the next one waits for it
 };
 
 } // namespace tavrel

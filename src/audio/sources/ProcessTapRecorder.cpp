@@ -114,86 +114,90 @@ void ProcessTapRecorder::roundTrip() {
 }
 
 void ProcessTapRecorder::startBlocking() {
-    const auto fail = [this] {
-        releaseAll();
-        throw SystemAudioFailure(SystemAudioError::tapFailed);
-    };
     ensurePipeWireInitialised();
     m_startNs = timelineStartNs();
     m_loop.reset(pw_thread_loop_new(kThreadName, nullptr));
-    if (!m_loop)
-        fail();
-    m_context.reset(pw_context_new(pw_thread_loop_get_loop(m_loop.get()), nullptr, 0));
-    if (!m_context || pw_thread_loop_start(m_loop.get()) != 0)
-        fail();
-    {
+    if (m_loop)
+        m_context.reset(pw_context_new(pw_thread_loop_get_loop(m_loop.get()), nullptr, 0));
+    bool started = false;
+    if (m_context && pw_thread_loop_start(m_loop.get()) == 0) {
         PwLoopLock lock(m_loop.get());
-        m_core.reset(pw_context_connect(m_context.get(), nullptr, 0));
-        if (!m_core)
-            fail();
-        static pw_core_events events = [] {
-            pw_core_events e = kCoreEvents;
-            e.done = &ProcessTapRecorder::onCoreDone;
-            e.error = &ProcessTapRecorder::onCoreError;
-            return e;
-        }();
-        pw_core_add_listener(m_core.get(), &m_coreListener, &events, this);
-
-        m_registry.reset(reinterpret_cast<pw_proxy*>(pw_core_get_registry(m_core.get(), PW_VERSION_REGISTRY, 0)));
-        if (!m_registry)
-            fail();
-        static pw_registry_events registryEvents = [] {
-            pw_registry_events e = kRegistryEvents;
-            e.global = &ProcessTapRecorder::onGlobal;
-            e.global_remove = &ProcessTapRecorder::onGlobalRemove;
-            return e;
-        }();
-        pw_registry_add_listener(reinterpret_cast<pw_registry*>(m_registry.get()), &m_registryListener, &registryEvents,
-                                 this);
-        roundTrip(); // every global, and the "default" metadata bound
-        roundTrip(); // the metadata's properties and the bound nodes' full properties
-        if (m_defaultSink.isEmpty())
-            fail();
-        m_targetSink = endOfDefaultChain();
-        m_announcedDefault = m_defaultSink;
-        connectStream();
-        if (!m_stream)
-            fail();
-        const bool connected = waitLocked(
-            [this] {
-                return m_streamState == PW_STREAM_STATE_ERROR ||
-                       ((m_streamState == PW_STREAM_STATE_PAUSED || m_streamState == PW_STREAM_STATE_STREAMING) &&
-                        m_formatKnown);
-            },
-            kConnectTimeout);
-        if (!connected || m_streamState == PW_STREAM_STATE_ERROR)
-            fail();
-        // A stream whose target is not there ends up on the default microphone without a word: only an
-        // established link to an output device counts as started.
-        if (!waitLocked([this] { return linkedSourceNode().has_value(); }, kLinkTimeout) || !linkedToTargetSink())
-            fail();
-        m_linkVerified.store(true);
-
-        const QString path = temporaryCaptureFile(QStringLiteral("tavrel_tap_"), QStringLiteral("caf"));
-        m_outputURL = path;
-        try {
-            m_file = std::make_unique<CafWriter>(path, kSampleRateHz, kChannels);
-        } catch (const Error&) {
-            fail();
-        }
-        CafWriter* file = m_file.get();
-        m_handOff = std::make_unique<SampleHandOff>(
-            kChannels, kHandOffSeconds * kSampleRateHz,
-            [file](const float* samples, int64_t frames, int64_t position) { file->write(samples, frames, position); },
-            kThreadName);
-        m_timeline.emplace(m_startNs, kSampleRateHz);
-        m_started = true;
-        m_writing.store(true);
+        started = connectLocked();
+    }
+    // Every failure leaves the locked scope first: the loop cannot be stopped while its lock is held.
+    if (!started) {
+        releaseAll();
+        throw SystemAudioFailure(SystemAudioError::tapFailed);
     }
     logLine(QStringLiteral("[ProcessTap] Capture démarrée → ") + QFileInfo(*m_outputURL).fileName());
     const QString target = targetSink();
     if (target != m_announcedDefault)
         logLine(QStringLiteral("[ProcessTap] Sortie filtrée, capture du périphérique → ") + target);
+}
+
+bool ProcessTapRecorder::connectLocked() {
+    m_core.reset(pw_context_connect(m_context.get(), nullptr, 0));
+    if (!m_core)
+        return false;
+    static pw_core_events events = [] {
+        pw_core_events e = kCoreEvents;
+        e.done = &ProcessTapRecorder::onCoreDone;
+        e.error = &ProcessTapRecorder::onCoreError;
+        return e;
+    }();
+    pw_core_add_listener(m_core.get(), &m_coreListener, &events, this);
+
+    m_registry.reset(reinterpret_cast<pw_proxy*>(pw_core_get_registry(m_core.get(), PW_VERSION_REGISTRY, 0)));
+    if (!m_registry)
+        return false;
+    static pw_registry_events registryEvents = [] {
+        pw_registry_events e = kRegistryEvents;
+        e.global = &ProcessTapRecorder::onGlobal;
+        e.global_remove = &ProcessTapRecorder::onGlobalRemove;
+        return e;
+    }();
+    pw_registry_add_listener(reinterpret_cast<pw_registry*>(m_registry.get()), &m_registryListener, &registryEvents,
+                             this);
+    roundTrip(); // every global, and the "default" metadata bound
+    roundTrip(); // the metadata's properties and the bound nodes' full properties
+    if (m_defaultSink.isEmpty())
+        return false;
+    m_targetSink = endOfDefaultChain();
+    m_announcedDefault = m_defaultSink;
+    connectStream();
+    if (!m_stream)
+        return false;
+    const bool connected = waitLocked(
+        [this] {
+            return m_streamState == PW_STREAM_STATE_ERROR ||
+                   ((m_streamState == PW_STREAM_STATE_PAUSED || m_streamState == PW_STREAM_STATE_STREAMING) &&
+                    m_formatKnown);
+        },
+        kConnectTimeout);
+    if (!connected || m_streamState == PW_STREAM_STATE_ERROR)
+        return false;
+    // A stream whose target is not there ends up on the default microphone without a word: only an
+    // established link to an output device counts as started.
+    if (!waitLocked([this] { return linkedSourceNode().has_value(); }, kLinkTimeout) || !linkedToTargetSink())
+        return false;
+    m_linkVerified.store(true);
+
+    const QString path = temporaryCaptureFile(QStringLiteral("tavrel_tap_"), QStringLiteral("caf"));
+    m_outputURL = path;
+    try {
+        m_file = std::make_unique<CafWriter>(path, kSampleRateHz, kChannels);
+    } catch (const Error&) {
+        return false;
+    }
+    CafWriter* file = m_file.get();
+    m_handOff = std::make_unique<SampleHandOff>(
+        kChannels, kHandOffSeconds * kSampleRateHz,
+        [file](const float* samples, int64_t frames, int64_t position) { file->write(samples, frames, position); },
+        kThreadName);
+    m_timeline.emplace(m_startNs, kSampleRateHz);
+    m_started = true;
+    m_writing.store(true);
+    return true;
 }
 
 void ProcessTapRecorder::connectStream() {

@@ -65,6 +65,8 @@ private:
         uint32_t inputNode = 0;
     };
 
+    /// Everything of the start that runs under the loop lock; false on any failure.
+    bool connectLocked();
     void connectStream();
     bool waitLocked(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
     void roundTrip();
