@@ -130,6 +130,7 @@ private:
     QDateTime now() const;
     QCoro::Task<> runStart();
     QCoro::Task<> runStop();
+    void onCaptureEvent(const CaptureEvent& event);
     QCoro::Task<> runUploadDialog(QString fileURL);
 
     AppServices m_services;

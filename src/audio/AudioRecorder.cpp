@@ -2,6 +2,7 @@
 
 #include "audio/BackgroundTask.h"
 #include "audio/sources/MicRecorder.h"
+#include "audio/timeline/RecordingClock.h"
 #include "core/Level.h"
 #include "core/Log.h"
 #include "core/RecordingFiles.h"
@@ -14,6 +15,13 @@
 #include <chrono>
 
 namespace tavrel {
+
+/// Carries capture events from the capture threads to the recorder's own thread, where the handler runs. It
+/// lives as long as the last track that may report, and is deleted on its own thread.
+class CaptureEventRelay : public QObject {
+public:
+    std::function<void(const CaptureEvent&)> handler;
+};
 
 namespace {
 
@@ -52,9 +60,33 @@ Turn takeTurn(QFuture<void>& last) {
 } // namespace
 
 AudioRecorder::AudioRecorder(SystemAudioBackends backends)
-    : m_backends(std::move(backends)), m_lastOperation(QtFuture::makeReadyFuture()) {}
+    : m_backends(std::move(backends)), m_lastOperation(QtFuture::makeReadyFuture()),
+      m_relay(new CaptureEventRelay, [](CaptureEventRelay* relay) { relay->deleteLater(); }) {}
 
-AudioRecorder::~AudioRecorder() = default;
+AudioRecorder::~AudioRecorder() {
+    m_relay->handler = nullptr;
+}
+
+void AudioRecorder::setEventHandler(std::function<void(const CaptureEvent&)> handler) {
+    m_relay->handler = std::move(handler);
+}
+
+CaptureEvents AudioRecorder::eventSink() const {
+    // One recording tells of its first write failure only: one full disk fails every track at once.
+    auto writeFailureTold = std::make_shared<std::atomic<bool>>(false);
+    return [relay = m_relay, writeFailureTold](const CaptureEvent& event) {
+        if (event.kind == CaptureEvent::Kind::writeFailed && writeFailureTold->exchange(true))
+            return;
+        CaptureEventRelay* target = relay.get();
+        QMetaObject::invokeMethod(
+            target,
+            [target, event] {
+                if (target->handler)
+                    target->handler(event);
+            },
+            Qt::QueuedConnection);
+    };
+}
 
 QString AudioRecorder::recordingsDir() {
     return RecordingFiles::recordingsDir();
@@ -86,18 +118,18 @@ QCoro::Task<> AudioRecorder::startRecordingInTurn() {
     struct Opened {
         std::shared_ptr<MicRecorder> recorder;
         bool recording = false;
-        int64_t originNs = 0;
     };
     Opened opened;
+    // Time zero of every track: from now on the microphone's stream may deliver.
+    auto clock = std::make_shared<RecordingClock>();
+    const CaptureEvents events = eventSink();
     try {
-        auto open = [micPath] {
+        auto open = [micPath, clock, events] {
             Opened result;
-            result.recorder = std::make_shared<MicRecorder>(micPath);
+            result.recorder = std::make_shared<MicRecorder>(micPath, clock, events);
             result.recording = result.recorder->record();
-            // The microphone's file begins with what it captured from about now.
-            result.originNs = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                  std::chrono::steady_clock::now().time_since_epoch())
-                                  .count();
+            if (!result.recording)
+                logLine(QStringLiteral("[AudioRecorder] Micro indisponible : ") + result.recorder->lastError());
             return result;
         };
         auto opening = runInBackground(std::move(open));
@@ -120,7 +152,8 @@ QCoro::Task<> AudioRecorder::startRecordingInTurn() {
     }
 
     m_micRecorder = std::move(opened.recorder);
-    m_timelineOriginNs = opened.originNs;
+    m_clock = std::move(clock);
+    m_events = events;
     m_recordingStart = QDateTime::currentDateTime();
     m_notes.clear();
     m_isRecording = true;
@@ -134,7 +167,7 @@ QCoro::Task<AudioRecorder::SourceStart> AudioRecorder::startSource(std::unique_p
     try {
         if (!source)
             throw Error(QStringLiteral("source indisponible"));
-        source->setTimelineOrigin(m_timelineOriginNs);
+        source->setCaptureContext(m_clock, m_events);
         auto starting = source->start();
         co_await starting;
         if (m_isPaused) // paused while this source was starting
@@ -265,8 +298,9 @@ QCoro::Task<> AudioRecorder::startSystemAudio() {
 void AudioRecorder::pauseRecording() {
     if (!m_isRecording || m_isPaused)
         return;
-    if (m_micRecorder)
-        m_micRecorder->pause();
+    // Every track leaves out the same stretch, by capture time; the sources only quieten their levels.
+    if (m_clock)
+        m_clock->pause();
     for (const auto& source : m_sysRecorders)
         source->pause();
     m_isPaused = true;
@@ -275,8 +309,8 @@ void AudioRecorder::pauseRecording() {
 void AudioRecorder::resumeRecording() {
     if (!m_isRecording || !m_isPaused)
         return;
-    if (m_micRecorder)
-        m_micRecorder->record();
+    if (m_clock)
+        m_clock->resume();
     for (const auto& source : m_sysRecorders)
         source->resume();
     m_isPaused = false;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "audio/CaptureEvent.h"
 #include "audio/sources/SystemAudioBackends.h"
 #include "core/Error.h"
 #include "core/Notes.h"
@@ -17,7 +18,9 @@
 
 namespace tavrel {
 
+class CaptureEventRelay;
 class MicRecorder;
+class RecordingClock;
 
 /// Errors of the microphone start.
 enum class RecordError { recordFailed, microphoneDenied };
@@ -48,6 +51,11 @@ public:
     /// Stops every track, mixes them and yields the final recording, or none when nothing was recording.
     QCoro::Task<std::optional<QString>> stopRecording();
 
+    /// Where the tracks tell what the user must know while recording (a side lost, a failed write, a side
+    /// that delivers only digital silence). Called on the recorder's thread; the first write failure of a
+    /// recording only.
+    void setEventHandler(std::function<void(const CaptureEvent&)> handler);
+
     float currentMicLevel();
     float currentSystemLevel() const;
     /// Microphone frames handed to the encoder in the current recording (0 when idle); for diagnostics.
@@ -75,6 +83,8 @@ private:
     };
     /// Starts `source` and keeps it; logs nothing.
     QCoro::Task<SourceStart> startSource(std::unique_ptr<SystemAudioSource> source);
+    /// Where one recording's tracks report, from any thread.
+    CaptureEvents eventSink() const;
 
     SystemAudioBackends m_backends;
     // Polled by the recording panel's timer while the start and stop coroutines change them.
@@ -92,8 +102,10 @@ private:
     bool m_screenCapturePermissionMissing = false;
     std::vector<Note> m_notes;
     std::optional<QDateTime> m_recordingStart;
-    int64_t m_timelineOriginNs = 0; // the microphone's time zero, handed to the system-audio sources
-    QFuture<void> m_lastOperation;  // the latest start or stop; the next one waits for it
+    std::shared_ptr<RecordingClock> m_clock; // time zero and pauses of the recording, shared by every track
+    CaptureEvents m_events;                  // the recording's event sink, handed to every source
+    QFuture<void> m_lastOperation;           // the latest start or stop; the next one waits for it
+    std::shared_ptr<CaptureEventRelay> m_relay;
 };
 
 } // namespace tavrel

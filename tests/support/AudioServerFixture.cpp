@@ -8,7 +8,9 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <csignal>
 #include <ostream>
+#include <thread>
 
 namespace tavrel::test {
 
@@ -46,6 +48,20 @@ void AudioServerFixture::stop() {
     m_daemons.clear();
     m_exported.restore();
     m_running = false;
+}
+
+::testing::AssertionResult AudioServerFixture::restart(std::chrono::milliseconds downFor) {
+    m_keepAlive.clear();
+    for (auto daemon = m_daemons.rbegin(); daemon != m_daemons.rend(); ++daemon)
+        daemon->sendSignal(SIGKILL);
+    for (ManagedProcess& daemon : m_daemons)
+        daemon.wait(std::chrono::seconds(5));
+    m_daemons.clear();
+    m_running = false;
+    // The private session bus does not take over an address that is still there.
+    QFile::remove(m_dir.filePath(QStringLiteral("run/bus")));
+    std::this_thread::sleep_for(downFor);
+    return start();
 }
 
 QProcessEnvironment AudioServerFixture::environment() const {

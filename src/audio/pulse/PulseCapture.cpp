@@ -1,6 +1,6 @@
 #include "audio/pulse/PulseCapture.h"
 
-#include "audio/timeline/CaptureTimeline.h"
+#include "audio/timeline/RecordingClock.h"
 
 namespace tavrel {
 
@@ -137,8 +137,7 @@ void PulseCapture::onRead(pa_stream* stream, size_t, void* userdata) {
             latencyUs = 0;
         // The oldest unread frame was captured `latency` ago; a hole (data == nullptr) is silence.
         const int64_t captureNs = monotonicNowNs() - static_cast<int64_t>(latencyUs) * 1000;
-        if (data)
-            self->m_onChunk(static_cast<const float*>(data), frames, captureNs);
+        self->m_onChunk(static_cast<const float*>(data), frames, captureNs);
         pa_stream_drop(stream);
     }
 }

@@ -13,9 +13,12 @@ namespace tavrel {
 /// One libpulse record stream of float samples on a named source, with each chunk's capture time.
 ///
 /// Chunks reach `onChunk` on the libpulse mainloop thread with the monotonic time at which their first frame
-/// was captured (arrival time less the stream's reported latency): the handler must copy and return. Small
-/// fragments are asked for, so that data arrives every ~20 ms and nothing is held back at stop. A stream the
-/// server ends (source gone, server gone) is reported once through `onEnded`; `disconnect()` does not report.
+/// was captured (arrival time less the stream's reported latency): the handler must copy and return. A
+/// stretch the server could not capture (a hole in the stream) comes with `interleaved` == nullptr. The
+/// server converts the source's rate and channels to the stream's, so a device that changes rate (a headset
+/// switching profile) changes neither pitch nor time here. Small fragments are asked for, so that data
+/// arrives every few tens of ms and nothing is held back at stop. A stream the server ends (source gone,
+/// server gone) is reported once through `onEnded`; `disconnect()` does not report.
 class PulseCapture {
 public:
     using ChunkHandler = std::function<void(const float* interleaved, int64_t frames, int64_t captureNs)>;

@@ -8,6 +8,8 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonObject>
+#include <QProcess>
 #include <QRandomGenerator>
 #include <QStandardPaths>
 #include <algorithm>
@@ -247,6 +249,123 @@ TEST_F(MicRecording, aKilledRecorderLeavesAFileReadableToWithinTwoSecondsThatRec
     EXPECT_TRUE(info.moovBeforeMdat) << info.topLevelBoxes.join(',').toStdString();
     EXPECT_NEAR(info.formatDurationS, readableS, 0.1);
     EXPECT_EQ(recoverInterruptedRecording(path), RecoveryResult::untouched);
+}
+
+namespace {
+
+/// Frequency of a steady tone in [fromS, toS), from its zero crossings.
+double toneFrequencyHz(const std::vector<float>& samples, int rateHz, double fromS, double toS) {
+    const auto from = static_cast<size_t>(fromS * rateHz);
+    const auto to = std::min(samples.size(), static_cast<size_t>(toS * rateHz));
+    int crossings = 0;
+    for (size_t i = from + 1; i < to; ++i)
+        crossings += (samples[i - 1] < 0.0f) != (samples[i] < 0.0f) ? 1 : 0;
+    return to > from ? crossings / 2.0 / (static_cast<double>(to - from) / rateHz) : 0.0;
+}
+
+enum class SourceChange { newDefaultSource, deviceReplugged16kHz };
+
+class MicrophoneFollows : public PulseSuite, public ::testing::WithParamInterface<SourceChange> {
+protected:
+    RecordingHome m_home;
+};
+
+} // namespace
+
+// The user picks another microphone, or the headset's source goes away and comes back at 16 kHz (a headset
+// switching profile): the recording follows within a second, never ends, and keeps pitch and time right. One
+// player feeds both microphones, so that the two tones sit exactly 3.5 s apart in what it plays (a new second
+// microphone of another kind than the first: two virtual sources on one feed disturb each other's rate).
+TEST_P(MicrophoneFollows, theDefaultSourceWhateverHappensToTheDevice) {
+    TempDir dir;
+    ASSERT_TRUE(makeTone(440.0, 0.6, dir.filePath("low.wav")));
+    ASSERT_TRUE(makeSilence(2.9, dir.filePath("gap.wav")));
+    ASSERT_TRUE(makeTone(880.0, 1.0, dir.filePath("high.wav")));
+    const QString tones = dir.filePath("tones.wav");
+    ASSERT_TRUE(concatenateAudio({dir.filePath("low.wav"), dir.filePath("gap.wav"), dir.filePath("high.wav")}, tones));
+    const bool replug = GetParam() == SourceChange::deviceReplugged16kHz;
+    AudioRecorder recorder;
+    const auto start = std::chrono::steady_clock::now();
+    const auto since = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(); };
+    ASSERT_FALSE(startAndWait(recorder));
+    std::this_thread::sleep_for(300ms);
+    auto player = pulse().playIntoMicrophone(tones);
+    std::this_thread::sleep_for(1500ms);
+    std::optional<int> added;
+    if (replug) {
+        for (const auto& source : pulse().list("sources"))
+            if (source.toObject().value("name").toString() == pulse().micSource())
+                ASSERT_TRUE(pulse().unloadModule(source.toObject().value("owner_module").toVariant().toInt()));
+        std::this_thread::sleep_for(300ms);
+        ASSERT_TRUE(
+            pulse().loadModule("module-virtual-source",
+                               QStringLiteral("source_name=%1 master=%2 rate=16000")
+                                   .arg(pulse().micSource(), AudioServerFixture::monitorOf(pulse().micFeedSink()))));
+        ASSERT_TRUE(pulse().setDefaultSource(pulse().micSource()));
+    } else {
+        added = pulse().loadModule("module-remap-source",
+                                   "source_name=vmic2 master=" + AudioServerFixture::monitorOf(pulse().micFeedSink()));
+        ASSERT_TRUE(added);
+        ASSERT_TRUE(pulse().setDefaultSource("vmic2"));
+    }
+    player.wait(10s);
+    std::this_thread::sleep_for(300ms);
+    const double totalS = since();
+    const std::optional<QString> file = stopAndWait(recorder);
+    if (added) {
+        pulse().setDefaultSource(pulse().micSource());
+        pulse().unloadModule(*added);
+    }
+    ASSERT_TRUE(file);
+
+    const std::vector<float> decoded = decodeToMonoFloat(*file);
+    EXPECT_NEAR(static_cast<double>(decoded.size()) / 44100.0, totalS, 0.3) << "the recording went on in one file";
+    const std::vector<double> onsets = findSoundOnsets(decoded, 44100, -30.0, 300);
+    ASSERT_EQ(onsets.size(), 2u) << ::testing::PrintToString(onsets);
+    // The two kinds of virtual microphone report their own delay differently, by about 0.1 s.
+    EXPECT_NEAR(onsets[1] - onsets[0], 3.5, 0.15) << "time kept across the change";
+    EXPECT_NEAR(toneFrequencyHz(decoded, 44100, onsets[1] + 0.2, onsets[1] + 0.8), 880.0, 15.0) << "pitch kept";
+}
+
+INSTANTIATE_TEST_SUITE_P(Changes, MicrophoneFollows,
+                         ::testing::Values(SourceChange::newDefaultSource, SourceChange::deviceReplugged16kHz),
+                         [](const auto& info) {
+                             return info.param == SourceChange::newDefaultSource ? "newDefaultSource"
+                                                                                 : "deviceReplugged16kHz";
+                         });
+
+// A microphone that delivers nothing but zeros for 15 s while unmuted is told once, and its mark goes when sound
+// comes back; speech followed by the quiet of a room (a noise floor, never exact zeros) is never told.
+TEST_F(MicRecording, onlyDigitalSilenceIsToldAndOnlyOnce) {
+    TempDir dir;
+    const QString speech = speechFile(kSpeech);
+    const QString quiet = dir.filePath("quiet.wav");
+    ASSERT_EQ(
+        QProcess::execute("ffmpeg", {"-v", "error", "-y", "-f", "lavfi", "-i",
+                                     "anoisesrc=color=pink:amplitude=0.0005:sample_rate=44100:duration=17", quiet}),
+        0);
+    const QString speechThenQuiet = dir.filePath("speech-then-quiet.wav");
+    ASSERT_TRUE(concatenateAudio({speech, quiet}, speechThenQuiet));
+    AudioRecorder recorder;
+    std::vector<std::pair<double, CaptureEvent>> events;
+    const auto start = std::chrono::steady_clock::now();
+    const auto since = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(); };
+    recorder.setEventHandler([&](const CaptureEvent& event) { events.emplace_back(since(), event); });
+    ASSERT_FALSE(startAndWait(recorder));
+    ASSERT_TRUE(waitUntil([&] { return !events.empty(); }, 25s));
+    EXPECT_EQ(events[0].second.kind, CaptureEvent::Kind::silenceStarted);
+    EXPECT_EQ(events[0].second.side, CaptureSide::microphone);
+    EXPECT_GT(events[0].first, 14.5);
+    const std::optional<Notification> told = notificationFor(events[0].second);
+    ASSERT_TRUE(told);
+    EXPECT_EQ(told->title, QStringLiteral("⚠️ Aucun son capté"));
+
+    auto player = pulse().playIntoMicrophone(speechThenQuiet);
+    ASSERT_TRUE(waitUntil([&] { return events.size() == 2; }, 3s)) << "the mark stays after sound came back";
+    EXPECT_EQ(events[1].second.kind, CaptureEvent::Kind::silenceEnded);
+    player.wait(40s);
+    stopAndWait(recorder);
+    EXPECT_EQ(events.size(), 2u) << "quiet is not silence";
 }
 
 TEST_F(MicRecording, theSharedConnectionAnswersServerQueries) {

@@ -148,12 +148,13 @@ Built build(const Scenario& setup) {
     return built;
 }
 
-/// Log lines of the orchestrator, with the microphone file's own name replaced by "MIC".
+/// Log lines of the orchestrator (not the microphone track's own), with the microphone file's own name replaced
+/// by "MIC".
 class AudioLog {
 public:
     AudioLog()
         : m_capture([this](const QString& line) {
-              if (line.startsWith("[AudioRecorder]"))
+              if (line.startsWith("[AudioRecorder]") && !line.startsWith("[AudioRecorder] Micro :"))
                   m_lines << line;
           }) {}
     QStringList lines(const QString& micName = {}) const {

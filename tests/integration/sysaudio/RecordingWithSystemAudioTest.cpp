@@ -8,7 +8,11 @@
 #include <QDir>
 #include <QFileInfo>
 #include <chrono>
+#include <csignal>
+#include <cstring>
 #include <gtest/gtest.h>
+#include <set>
+#include <sys/resource.h>
 #include <thread>
 
 namespace tavrel::test {
@@ -21,6 +25,11 @@ constexpr int kRate = 44100;
 
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+void sleepUntil(Clock::time_point start, double atS) {
+    std::this_thread::sleep_until(start +
+                                  std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(atS)));
 }
 
 // QCoro 0.8's waitFor never returns when the task throws: catch inside.
@@ -65,8 +74,9 @@ protected:
     std::vector<ManagedProcess> m_players;
 };
 
-// Each side plays its own tone at its own time; the merged recording holds every one of them, at its time.
-TEST_P(RecordingWithSystemAudioTest, mergedRecordingHoldsEverySideAtItsTime) {
+// Each side plays its own tone at its own time, with a 3 s pause in the middle: the merged recording holds every
+// tone played outside the pause, each at its time less the pause, and nothing played during it.
+TEST_P(RecordingWithSystemAudioTest, mergedRecordingHoldsEverySideAtItsTimeAndLeavesThePauseOut) {
     AudioRecorder recorder(linuxSystemAudioBackends());
     const Clock::time_point start = Clock::now();
     ASSERT_TRUE(QCoro::waitFor(startedOk(recorder)));
@@ -77,18 +87,27 @@ TEST_P(RecordingWithSystemAudioTest, mergedRecordingHoldsEverySideAtItsTime) {
     EXPECT_TRUE(recorder.systemAudioActive());
 
     std::vector<Played> played;
+    double pausedS = 0.0;
     const auto playAt = [&](double atS, double frequencyHz, const QString& sink) {
         const QString file = tone(frequencyHz);
-        std::this_thread::sleep_until(start +
-                                      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(atS)));
-        played.push_back(Played{secondsSince(start), frequencyHz});
+        sleepUntil(start, atS);
+        if (!recorder.isPaused())
+            played.push_back(Played{secondsSince(start) - pausedS, frequencyHz});
         m_players.push_back(sink.isEmpty() ? m_server->playIntoMicrophone(file) : m_server->playIntoSink(sink, file));
     };
-    playAt(1.5, 660, m_server->speakerSink());
-    playAt(3.0, 440, QString());
-    if (!pipeWire)
-        playAt(4.5, 990, m_server->blackHoleSink());
-    std::this_thread::sleep_until(start + (pipeWire ? 4500ms : 6000ms));
+    playAt(1.0, 660, m_server->speakerSink());
+    sleepUntil(start, 2.0);
+    const double pausedAt = secondsSince(start);
+    recorder.pauseRecording();
+    playAt(2.5, 550, m_server->speakerSink());
+    playAt(3.0, 330, QString());
+    sleepUntil(start, 5.0);
+    recorder.resumeRecording();
+    pausedS = secondsSince(start) - pausedAt;
+    playAt(5.5, 440, QString());
+    playAt(6.5, 990, pipeWire ? m_server->speakerSink() : m_server->blackHoleSink());
+    sleepUntil(start, 8.0);
+    const double totalS = secondsSince(start);
     const auto merged = QCoro::waitFor(recorder.stopRecording());
 
     ASSERT_TRUE(merged);
@@ -96,6 +115,7 @@ TEST_P(RecordingWithSystemAudioTest, mergedRecordingHoldsEverySideAtItsTime) {
     const MediaInfo info = probe(*merged);
     ASSERT_TRUE(info.valid) << info.error.toStdString();
     EXPECT_EQ(info.codecName, "aac");
+    EXPECT_NEAR(info.formatDurationS, totalS - pausedS, 0.3) << "every track leaves the same pause out";
     const std::vector<float> samples = decodeToMonoFloat(*merged, kRate);
     const std::vector<double> onsets = findSoundOnsets(samples, kRate, -35.0, 300);
     ASSERT_EQ(onsets.size(), played.size()) << ::testing::PrintToString(onsets);
@@ -109,6 +129,96 @@ TEST_P(RecordingWithSystemAudioTest, mergedRecordingHoldsEverySideAtItsTime) {
         EXPECT_NEAR(onsets[i] - played[i].atS, onsets[0] - played[0].atS, 0.05) << "offsets: " << offsets;
     // The intermediate files are gone.
     EXPECT_TRUE(QDir(m_dir.filePath("tmp")).entryList({"tavrel_tap_*", "tavrel_sys_*", "tavrel_bh_*"}).isEmpty());
+}
+
+// The audio server goes away in the middle of a recording (PulseAudio for longer than a side may be lost without
+// a word, PipeWire with pipewire-pulse only for a moment) and comes back: every side reconnects by itself within
+// 3 s and goes on in the same files; the merged recording keeps wall-clock time and holds the tones played on
+// both sides after the restart. Only the long outage is told, once per side.
+TEST_P(RecordingWithSystemAudioTest, everySideComesBackAfterTheAudioServerRestarts) {
+    const bool pipeWire = GetParam() == AudioServerKind::PipeWire;
+    AudioRecorder recorder(linuxSystemAudioBackends());
+    std::vector<CaptureEvent> events;
+    recorder.setEventHandler([&](const CaptureEvent& event) { events.push_back(event); });
+    const Clock::time_point start = Clock::now();
+    ASSERT_TRUE(QCoro::waitFor(startedOk(recorder)));
+    std::vector<Played> played;
+    const auto playNow = [&](double frequencyHz, const QString& sink) {
+        const QString file = tone(frequencyHz);
+        played.push_back(Played{secondsSince(start), frequencyHz});
+        m_players.push_back(sink.isEmpty() ? m_server->playIntoMicrophone(file) : m_server->playIntoSink(sink, file));
+    };
+    sleepUntil(start, 1.0);
+    playNow(660, m_server->speakerSink());
+    sleepUntil(start, 2.0);
+    playNow(440, QString());
+    sleepUntil(start, 3.0);
+    m_players.clear();
+    const auto outage = pipeWire ? 0ms : 11000ms;
+    ASSERT_TRUE(m_server->restart(outage));
+    ASSERT_TRUE(m_server->warmUp());
+    std::this_thread::sleep_for(3s);
+    playNow(880, m_server->speakerSink());
+    std::this_thread::sleep_for(1s);
+    playNow(330, QString());
+    std::this_thread::sleep_for(1500ms);
+    const double totalS = secondsSince(start);
+    const auto merged = QCoro::waitFor(recorder.stopRecording());
+    waitUntil([] { return false; }, 100ms); // events still on their way
+
+    ASSERT_TRUE(merged);
+    const std::vector<float> samples = decodeToMonoFloat(*merged, kRate);
+    EXPECT_NEAR(static_cast<double>(samples.size()) / kRate, totalS, 1.0);
+    const std::vector<double> onsets = findSoundOnsets(samples, kRate, -35.0, 300);
+    std::string times;
+    for (const Played& tone : played)
+        times += std::to_string(tone.atS) + " ";
+    ASSERT_EQ(onsets.size(), played.size()) << ::testing::PrintToString(onsets) << " played at " << times;
+    for (size_t i = 0; i < played.size(); ++i)
+        EXPECT_NEAR(onsets[i], played[i].atS, 0.3) << "tone " << played[i].frequencyHz;
+    std::multiset<std::pair<CaptureEvent::Kind, CaptureSide>> told;
+    for (const CaptureEvent& event : events)
+        if (event.kind == CaptureEvent::Kind::sideLost)
+            told.emplace(event.kind, event.side);
+    std::multiset<std::pair<CaptureEvent::Kind, CaptureSide>> expected;
+    if (!pipeWire) {
+        for (CaptureSide side : {CaptureSide::microphone, CaptureSide::systemAudio, CaptureSide::virtualDevice})
+            expected.emplace(CaptureEvent::Kind::sideLost, side);
+    }
+    EXPECT_EQ(told, expected);
+}
+
+// The file-size limit of the process stands in for a full disk (writes fail with EFBIG): every track fails within
+// seconds, the user is told once, nothing crashes, and what was written before makes the recording.
+TEST_P(RecordingWithSystemAudioTest, aFullDiskIsToldOnceAndWhatWasWrittenIsKept) {
+    AudioRecorder recorder(linuxSystemAudioBackends());
+    std::vector<CaptureEvent> events;
+    recorder.setEventHandler([&](const CaptureEvent& event) { events.push_back(event); });
+    ASSERT_TRUE(makeTone(500, 8.0, m_dir.filePath("long.wav"), 2, kRate, 0.4)); // before the limit: sox obeys it too
+    rlimit saved{};
+    getrlimit(RLIMIT_FSIZE, &saved);
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit = saved;
+    limit.rlim_cur = 40 * 1024;
+    setrlimit(RLIMIT_FSIZE, &limit);
+    const bool started = QCoro::waitFor(startedOk(recorder));
+    auto speaker = m_server->playIntoSink(m_server->speakerSink(), m_dir.filePath("long.wav"));
+    auto microphone = m_server->playIntoMicrophone(m_dir.filePath("long.wav"));
+    const bool told = waitUntil([&] { return !events.empty(); }, 8s);
+    waitUntil([] { return false; }, 2s); // any further failure would be told by now
+    setrlimit(RLIMIT_FSIZE, &saved);
+    std::signal(SIGXFSZ, handler);
+    ASSERT_TRUE(started);
+    const auto recording = QCoro::waitFor(recorder.stopRecording());
+
+    EXPECT_TRUE(told);
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].kind, CaptureEvent::Kind::writeFailed);
+    EXPECT_EQ(events[0].detail, QString::fromLocal8Bit(std::strerror(EFBIG)));
+    ASSERT_TRUE(recording);
+    const MediaInfo info = probe(*recording);
+    ASSERT_TRUE(info.valid) << info.error.toStdString();
+    EXPECT_GT(rmsDb(decodeToMonoFloat(*recording, kRate)), -30.0) << "the tone written before the failure";
 }
 
 INSTANTIATE_TEST_SUITE_P(Servers, RecordingWithSystemAudioTest,
