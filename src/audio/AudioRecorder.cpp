@@ -327,6 +327,9 @@ QCoro::Task<std::optional<QString>> AudioRecorder::stopRecording() {
 QCoro::Task<std::optional<QString>> AudioRecorder::stopRecordingInTurn() {
     if (!m_isRecording)
         co_return std::nullopt;
+    // Every track ends here, whatever its stream still delivers while the sources stop one after another.
+    if (m_clock)
+        m_clock->pause();
     m_isRecording = false;
     m_isPaused = false;
 

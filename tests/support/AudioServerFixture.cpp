@@ -8,6 +8,7 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <algorithm>
 #include <csignal>
 #include <ostream>
 #include <thread>
@@ -298,6 +299,9 @@ ManagedProcess AudioServerFixture::startRecordingClient(const RecordingClientOpt
     QStringList sources{micSource()};
     for (const char* sink : {kSpeakerSink, kBlackHoleSink, kMicFeedSink})
         sources << monitorOf(utf8(sink));
+    // A sink that was removed and made again lost its keep-alive: give every sink a new one.
+    if (std::any_of(m_keepAlive.begin(), m_keepAlive.end(), [](ManagedProcess& p) { return !p.isRunning(); }))
+        m_keepAlive.clear();
     if (kind() == AudioServerKind::PulseAudio && m_keepAlive.empty()) {
         for (const char* sink : {kSpeakerSink, kBlackHoleSink, kMicFeedSink}) {
             m_keepAlive.push_back(

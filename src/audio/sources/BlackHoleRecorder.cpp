@@ -77,9 +77,7 @@ bool BlackHoleRecorder::canWriteM4a() {
 }
 
 float BlackHoleRecorder::currentLevel() const {
-    if (m_isPaused.load() || !m_running.load())
-        return 0.0f;
-    return m_level.load();
+    return m_running.load() ? latestLevel() : 0.0f;
 }
 
 bool BlackHoleRecorder::isConnected() const {
@@ -151,9 +149,8 @@ void BlackHoleRecorder::startBlocking() {
         track.side = CaptureSide::virtualDevice;
         track.logPrefix = kLogPrefix;
         m_track = std::make_unique<CaptureTrack>(
-            std::move(file), clock, track, m_events, [this](const float* samples, int64_t frames) {
-                m_level.store(chunkLevel(samples, frames, kChannels), std::memory_order_relaxed);
-            });
+            std::move(file), clock, track, m_events,
+            [this](const float* samples, int64_t frames) { storeLevel(chunkLevel(samples, frames, kChannels)); });
         PulseStreamKeeper::Settings stream;
         stream.streamName = QStringLiteral("TaVREL BlackHole");
         stream.sampleRateHz = kSampleRateHz;
@@ -184,6 +181,7 @@ void BlackHoleRecorder::startBlocking() {
 std::optional<QString> BlackHoleRecorder::stopBlocking() {
     if (!m_running.exchange(false))
         return m_outputURL; // never started, or already stopped: whatever file there is
+    endTrackNow();
     m_keeper->stop();
     try {
         m_track->finish();

@@ -4,6 +4,7 @@
 
 #include <QString>
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <optional>
 
@@ -29,10 +30,19 @@ public:
 protected:
     /// The recording's clock, or one of this source's own that starts now.
     std::shared_ptr<RecordingClock> recordingClock();
+    /// The track ends now: what the stream still delivers while it stops is left out. (The orchestrator has
+    /// already ended a shared clock before it stops the first source.)
+    void endTrackNow();
+    /// The writer thread's latest level.
+    void storeLevel(float level);
+    /// The latest level; 0 while paused, and once no audio came for a moment (a stream that went away must not
+    /// leave its meter standing as if it still recorded).
+    float latestLevel() const;
 
     std::optional<QString> m_outputURL;
     std::atomic<bool> m_isPaused{false};
     std::atomic<float> m_level{0.0f};
+    std::atomic<int64_t> m_levelAtNs{0};
     std::shared_ptr<RecordingClock> m_clock;
     CaptureEvents m_events;
 };

@@ -55,7 +55,7 @@ ProcessTapRecorder::~ProcessTapRecorder() {
 }
 
 float ProcessTapRecorder::currentLevel() const {
-    return m_isPaused.load() ? 0.0f : m_level.load();
+    return latestLevel();
 }
 
 QString ProcessTapRecorder::targetSink() const {
@@ -77,10 +77,9 @@ void ProcessTapRecorder::startBlocking() {
         track.threadName = kThreadName;
         track.side = CaptureSide::systemAudio;
         track.logPrefix = kLogPrefix;
-        m_track = std::make_unique<CaptureTrack>(std::make_unique<CafWriter>(path, kSampleRateHz, kChannels), clock,
-                                                 track, m_events, [this](const float* samples, int64_t frames) {
-                                                     m_level.store(levelOf(samples, frames), std::memory_order_relaxed);
-                                                 });
+        m_track = std::make_unique<CaptureTrack>(
+            std::make_unique<CafWriter>(path, kSampleRateHz, kChannels), clock, track, m_events,
+            [this](const float* samples, int64_t frames) { storeLevel(levelOf(samples, frames)); });
     } catch (const Error&) {
         throw SystemAudioFailure(SystemAudioError::tapFailed);
     }
@@ -232,6 +231,7 @@ void ProcessTapRecorder::supervise(std::stop_token stop) {
 std::optional<QString> ProcessTapRecorder::stopBlocking() {
     if (!m_running.exchange(false))
         return m_outputURL;
+    endTrackNow();
     if (m_connected.load())
         std::this_thread::sleep_for(kTailWait);
     m_supervisor.request_stop();

@@ -69,9 +69,7 @@ SystemAudioRecorder::~SystemAudioRecorder() {
 }
 
 float SystemAudioRecorder::currentLevel() const {
-    if (!m_isRecording.load() || m_isPaused.load())
-        return 0.0f;
-    return m_level.load();
+    return m_isRecording.load() ? latestLevel() : 0.0f;
 }
 
 QString SystemAudioRecorder::expectedSource() const {
@@ -107,8 +105,7 @@ void SystemAudioRecorder::startBlocking() {
     m_track = std::make_unique<CaptureTrack>(
         std::make_unique<M4aWriter>(path, kSampleRateHz, kChannels), clock, track, m_events,
         [this](const float* samples, int64_t frames) {
-            m_level.store(smoothedLevel(m_level.load(std::memory_order_relaxed), samples, frames * kChannels),
-                          std::memory_order_relaxed);
+            storeLevel(smoothedLevel(m_level.load(std::memory_order_relaxed), samples, frames * kChannels));
         });
     PulseStreamKeeper::Settings stream;
     stream.streamName = QStringLiteral("TaVREL sortie système");
@@ -154,6 +151,7 @@ float SystemAudioRecorder::smoothedLevel(float previous, const float* samples, i
 std::optional<QString> SystemAudioRecorder::stopBlocking() {
     if (!m_isRecording.exchange(false))
         return std::nullopt;
+    endTrackNow();
     m_keeper->stop();
     try {
         m_track->finish();

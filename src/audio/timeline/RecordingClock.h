@@ -28,7 +28,8 @@ public:
     explicit RecordingClock(int64_t originNs = monotonicNowNs()) : m_originNs(originNs) {}
 
     int64_t originNs() const { return m_originNs; }
-    /// Does nothing when already paused.
+    /// Does nothing when already paused. Also ends a recording: nothing captured after a pause that is never
+    /// resumed reaches any track.
     void pause(int64_t atNs = monotonicNowNs());
     /// Does nothing when not paused.
     void resume(int64_t atNs = monotonicNowNs());

@@ -3,10 +3,12 @@
 
 #include "TestSupport.h"
 #include "audio/AudioRecorder.h"
+#include "audio/sources/ProcessTapRecorder.h"
 #include "audio/sources/SystemAudioBackends.h"
 
 #include <QDir>
 #include <QFileInfo>
+#include <QThreadPool>
 #include <chrono>
 #include <csignal>
 #include <cstring>
@@ -225,6 +227,73 @@ INSTANTIATE_TEST_SUITE_P(Servers, RecordingWithSystemAudioTest,
                          ::testing::Values(AudioServerKind::PulseAudio, AudioServerKind::PipeWire),
                          [](const auto& info) {
                              return info.param == AudioServerKind::PipeWire ? "PipeWire" : "PulseAudio";
+                         });
+
+// The tap fails at each step of its start in turn, on a real PipeWire: the start returns, the output's monitor
+// records in its place, and no thread is left waiting on the tap.
+class TapFailureTest : public ::testing::TestWithParam<ProcessTapRecorder::Step> {
+protected:
+    static void SetUpTestSuite() {
+        QString missing;
+        if (!PipeWireFixture::isAvailable(&missing))
+            return;
+        s_server = std::make_unique<PipeWireFixture>();
+        if (!s_server->start() || !s_server->warmUp())
+            s_server.reset();
+    }
+    static void TearDownTestSuite() { s_server.reset(); }
+    void SetUp() override {
+        if (!s_server)
+            GTEST_SKIP() << "no PipeWire here";
+        m_environment.set("TMPDIR", m_dir.filePath("tmp", true).toUtf8());
+        m_environment.set("XDG_DATA_HOME", m_dir.filePath("data", true).toUtf8());
+    }
+    static std::unique_ptr<PipeWireFixture> s_server;
+    TempDir m_dir{QStringLiteral("tapfail")};
+    ScopedEnvironment m_environment;
+};
+
+std::unique_ptr<PipeWireFixture> TapFailureTest::s_server;
+
+TEST_P(TapFailureTest, theMonitorTakesOverAndNothingIsLeftBehind) {
+    SystemAudioBackends backends = linuxSystemAudioBackends();
+    backends.makeProcessTap = [step = GetParam()] {
+        return std::make_unique<ProcessTapRecorder>(ProcessTapRecorder::Options{step});
+    };
+    AudioRecorder recorder(backends);
+    const Clock::time_point start = Clock::now();
+    ASSERT_TRUE(QCoro::waitFor(startedOk(recorder)));
+    EXPECT_LT(secondsSince(start), 10.0);
+    EXPECT_FALSE(recorder.usingProcessTap());
+    EXPECT_TRUE(recorder.screenCaptureActive());
+    EXPECT_TRUE(waitUntil([] { return QThreadPool::globalInstance()->activeThreadCount() == 0; }, 5s))
+        << "a pool thread still works for the failed tap";
+    EXPECT_TRUE(QDir(m_dir.filePath("tmp")).entryList({"tavrel_tap_*"}).isEmpty()) << "the tap's file stays";
+    const auto recording = QCoro::waitFor(recorder.stopRecording());
+    ASSERT_TRUE(recording);
+    EXPECT_TRUE(probe(*recording).valid);
+}
+
+INSTANTIATE_TEST_SUITE_P(Steps, TapFailureTest,
+                         ::testing::Values(ProcessTapRecorder::Step::file, ProcessTapRecorder::Step::connect,
+                                           ProcessTapRecorder::Step::defaultOutput, ProcessTapRecorder::Step::stream,
+                                           ProcessTapRecorder::Step::format, ProcessTapRecorder::Step::link),
+                         [](const auto& info) {
+                             switch (info.param) {
+                             case ProcessTapRecorder::Step::file:
+                                 return "file";
+                             case ProcessTapRecorder::Step::connect:
+                                 return "connect";
+                             case ProcessTapRecorder::Step::defaultOutput:
+                                 return "defaultOutput";
+                             case ProcessTapRecorder::Step::stream:
+                                 return "stream";
+                             case ProcessTapRecorder::Step::format:
+                                 return "format";
+                             case ProcessTapRecorder::Step::link:
+                                 return "link";
+                             }
+                             return "";
                          });
 
 } // namespace

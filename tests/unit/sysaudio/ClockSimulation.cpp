@@ -41,7 +41,7 @@ std::vector<double> expectedClickPositions(const SimulatedRecording& recording) 
 }
 
 std::vector<double> simulatedClickPositions(const SimulatedSide& side, const SimulatedRecording& recording,
-                                            int sampleRateHz) {
+                                            int sampleRateHz, TrackBuilding building) {
     auto clock = std::make_shared<RecordingClock>(kOriginNs);
     for (const auto& [from, to] : recording.pauses) {
         clock->pause(kOriginNs + static_cast<int64_t>(from * 1e9));
@@ -57,6 +57,7 @@ std::vector<double> simulatedClickPositions(const SimulatedSide& side, const Sim
     const int64_t chunkFrames = int64_t{sampleRateHz} * side.chunkMs / 1000;
     const double deviceRate = sampleRateHz * side.clockRatio;
     int64_t missing = 0;
+    int64_t appended = 0;
     for (int64_t chunk = 0;; ++chunk) {
         const double startS = static_cast<double>(chunk * chunkFrames) / deviceRate;
         const double endS = static_cast<double>((chunk + 1) * chunkFrames) / deviceRate;
@@ -73,6 +74,15 @@ std::vector<double> simulatedClickPositions(const SimulatedSide& side, const Sim
             continue;
         }
         const int64_t captureNs = kOriginNs + static_cast<int64_t>(startS * 1e9) + jitter(random);
+        if (building == TrackBuilding::appendOnly) {
+            if (inside(recording.pauses, startS))
+                continue;
+            for (size_t click = firstClick; click < nextClick; ++click)
+                positions[click] =
+                    static_cast<double>(appended) / sampleRateHz + (clicks[click] - startS) * side.clockRatio;
+            appended += chunkFrames;
+            continue;
+        }
         const int64_t streamFrame = timeline.place(captureNs, chunkFrames, std::exchange(missing, 0));
         timeline.toFile(streamFrame, chunkFrames, [&](int64_t position, int64_t offset, int64_t frames) {
             for (size_t click = firstClick; click < nextClick; ++click) {

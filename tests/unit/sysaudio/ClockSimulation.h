@@ -24,10 +24,16 @@ struct SimulatedRecording {
     double clickEveryS = 10.0;
 };
 
+/// How a track is built from what arrives.
+enum class TrackBuilding {
+    timeline,   ///< placed by capture time on the recording's clock (what every track does)
+    appendOnly, ///< appended as it comes, paused chunks dropped (what a naive recorder does)
+};
+
 /// Where each click (every `clickEveryS` of real time, outside pauses) lands in the side's file, in seconds;
 /// a negative value where the side delivered nothing at that moment.
 std::vector<double> simulatedClickPositions(const SimulatedSide& side, const SimulatedRecording& recording,
-                                            int sampleRateHz = 48000);
+                                            int sampleRateHz = 48000, TrackBuilding building = TrackBuilding::timeline);
 /// Where each click belongs: its time less the paused time before it.
 std::vector<double> expectedClickPositions(const SimulatedRecording& recording);
 
