@@ -40,7 +40,9 @@ public:
     void connect(const QString& source, ChunkHandler onChunk, EndedHandler onEnded = {}, MovedHandler onMoved = {});
     /// Moves the running stream to another source (no reconnection, no gap of our own). False on failure.
     bool moveTo(const QString& source);
-    /// The source the stream is on now (empty when not connected).
+    /// The source the stream is on now, as the server says (empty when not connected or not known). Asks the
+    /// server: libpulse's own idea can lag behind a move (pipewire-pulse does not always report them). Not from
+    /// the mainloop thread.
     QString sourceName() const;
     /// Stops delivery and releases the stream. Idempotent.
     void disconnect();

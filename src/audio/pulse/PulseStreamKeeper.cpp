@@ -39,10 +39,12 @@ void PulseStreamKeeper::start(std::shared_ptr<PulseContext> pulse, const Target&
     m_watcher = std::jthread([this](std::stop_token stop) { watch(stop); });
 }
 
-void PulseStreamKeeper::stop() {
+void PulseStreamKeeper::stop(std::optional<int64_t> capturedUntilNs) {
     if (m_watcher.joinable()) {
-        if (m_connected.load())
-            std::this_thread::sleep_for(kTailWait);
+        // Sources stopped one after another wait only for what remains of the tail, not each a whole one.
+        const int64_t waitNs = capturedUntilNs.value_or(monotonicNowNs()) + nanoseconds(kTailWait) - monotonicNowNs();
+        if (m_connected.load() && waitNs > 0)
+            std::this_thread::sleep_for(std::chrono::nanoseconds(waitNs));
         m_watcher.request_stop();
         m_watcher.join();
     }
@@ -72,6 +74,7 @@ void PulseStreamKeeper::connect(std::shared_ptr<PulseContext> pulse, const Targe
     }
     m_capture = std::move(capture);
     m_pulse = std::move(pulse);
+    m_movedTo.clear();
     m_connected.store(true);
 }
 
@@ -111,8 +114,10 @@ void PulseStreamKeeper::watch(std::stop_token stop) {
         bool woken = false;
         {
             std::unique_lock lock(m_mutex);
-            woken = m_wake.wait_for(lock, stop, m_connected.load() ? kPollInterval : kRetryInterval,
-                                    [this] { return m_wakePending; });
+            const auto interval = !m_connected.load()                   ? kRetryInterval
+                                  : std::exchange(m_recheckSoon, false) ? kMoveCheckInterval
+                                                                        : kPollInterval;
+            woken = m_wake.wait_for(lock, stop, interval, [this] { return m_wakePending; });
             m_wakePending = false;
         }
         if (stop.stop_requested())
@@ -177,9 +182,35 @@ void PulseStreamKeeper::refresh() {
         setTarget(*target);
     const QString expected = this->target();
     const QString current = m_capture->sourceName();
-    m_verified.store(current == expected);
-    if (m_settings.follow && !current.isEmpty() && current != expected)
-        m_capture->moveTo(expected);
+    if (current.isEmpty())
+        return; // the server did not say; the next look will
+    if (current == expected) {
+        m_verified.store(true);
+        return;
+    }
+    m_verified.store(false);
+    if (!m_settings.follow)
+        return;
+    // Moving keeps the stream without a gap. pipewire-pulse may say yes and leave the stream where its policy put
+    // it: a move that did not stick is not tried again, a new stream on the target does it.
+    if (m_movedTo != expected && m_capture->moveTo(expected)) {
+        m_movedTo = expected;
+        m_recheckSoon = true;
+        const QString now = m_capture->sourceName();
+        m_verified.store(now == expected);
+        logLine(m_settings.logPrefix + QStringLiteral(" Flux déplacé de ") + current + QStringLiteral(" vers ") +
+                expected + (now == expected ? QString() : QStringLiteral(" (toujours sur ") + now + u')'));
+        return;
+    }
+    logLine(m_settings.logPrefix + QStringLiteral(" Flux resté sur ") + current + QStringLiteral(", nouveau flux → ") +
+            expected);
+    std::shared_ptr<PulseContext> pulse = m_pulse;
+    disconnect();
+    try {
+        connect(std::move(pulse), *target);
+    } catch (const PulseError& error) {
+        onEnded(error.localizedDescription());
+    }
 }
 
 void PulseStreamKeeper::onChunk(const float* samples, int64_t frames, int64_t captureNs) {

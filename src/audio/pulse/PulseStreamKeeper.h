@@ -65,9 +65,11 @@ public:
     static constexpr std::chrono::milliseconds kRetryInterval{250};
     /// How often a running stream's target is looked at without any event.
     static constexpr std::chrono::milliseconds kPollInterval{2000};
+    /// How soon after a move the stream is looked at again, to see that the move stuck.
+    static constexpr std::chrono::milliseconds kMoveCheckInterval{300};
     /// How long a burst of server events is left to settle before the target is looked at.
     static constexpr std::chrono::milliseconds kSettle{100};
-    /// What the server still holds when the recording stops arrives within this.
+    /// What the server still holds when the recording stops arrives within this after it was captured.
     static constexpr std::chrono::milliseconds kTailWait{120};
 
     PulseStreamKeeper(Settings settings, Resolve resolve, CaptureTrack& track, CaptureEvents events);
@@ -77,8 +79,9 @@ public:
 
     /// Connects to `first` and starts watching. Throws `PulseError` when the stream cannot run.
     void start(std::shared_ptr<PulseContext> pulse, const Target& first);
-    /// Lets the server hand over what it captured up to now, then ends the stream and the watching.
-    void stop();
+    /// Lets the server hand over what it captured up to `capturedUntilNs` (monotonic; now when not given), then
+    /// ends the stream and the watching.
+    void stop(std::optional<int64_t> capturedUntilNs = std::nullopt);
 
     /// The source the side means now.
     QString target() const;
@@ -108,6 +111,8 @@ private:
     std::unique_ptr<PulseCapture> m_capture;
     PulseSubscription m_subscription;
     QString m_label;
+    QString m_movedTo; // the last target the stream was moved to (a move is tried once per target)
+    bool m_recheckSoon = false;
     int64_t m_lostSinceNs = 0;
     bool m_lostReported = false;
 

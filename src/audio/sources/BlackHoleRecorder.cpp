@@ -182,7 +182,7 @@ std::optional<QString> BlackHoleRecorder::stopBlocking() {
     if (!m_running.exchange(false))
         return m_outputURL; // never started, or already stopped: whatever file there is
     endTrackNow();
-    m_keeper->stop();
+    m_keeper->stop(m_clock->pausedSinceNs());
     try {
         m_track->finish();
     } catch (const Error& error) {

@@ -40,7 +40,7 @@ MicRecorder::Access MicRecorder::microphoneAccess() {
 }
 
 MicRecorder::MicRecorder(const QString& path, std::shared_ptr<RecordingClock> clock, CaptureEvents events)
-    : m_path(path), m_pulse(PulseContext::instance()) {
+    : m_path(path), m_clock(clock), m_pulse(PulseContext::instance()) {
     CaptureTrack::Settings track;
     track.sampleRateHz = kSampleRateHz;
     track.channels = kChannels;
@@ -100,7 +100,7 @@ void MicRecorder::stop() {
     if (m_stopped)
         return;
     m_stopped = true;
-    m_keeper->stop();
+    m_keeper->stop(m_clock->pausedSinceNs());
     m_track->finish();
 }
 

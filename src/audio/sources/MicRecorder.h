@@ -56,6 +56,7 @@ public:
 
 private:
     QString m_path;
+    std::shared_ptr<const RecordingClock> m_clock;
     std::shared_ptr<PulseContext> m_pulse;
     std::unique_ptr<CaptureTrack> m_track;
     std::unique_ptr<PulseStreamKeeper> m_keeper;

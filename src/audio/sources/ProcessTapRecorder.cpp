@@ -232,8 +232,10 @@ std::optional<QString> ProcessTapRecorder::stopBlocking() {
     if (!m_running.exchange(false))
         return m_outputURL;
     endTrackNow();
-    if (m_connected.load())
-        std::this_thread::sleep_for(kTailWait);
+    const int64_t waitNs = m_clock->pausedSinceNs().value_or(monotonicNowNs()) +
+                           std::chrono::nanoseconds(kTailWait).count() - monotonicNowNs();
+    if (m_connected.load() && waitNs > 0)
+        std::this_thread::sleep_for(std::chrono::nanoseconds(waitNs));
     m_supervisor.request_stop();
     m_supervisor.join();
     closeSession();

@@ -152,7 +152,7 @@ std::optional<QString> SystemAudioRecorder::stopBlocking() {
     if (!m_isRecording.exchange(false))
         return std::nullopt;
     endTrackNow();
-    m_keeper->stop();
+    m_keeper->stop(m_clock->pausedSinceNs());
     try {
         m_track->finish();
     } catch (const Error& error) {

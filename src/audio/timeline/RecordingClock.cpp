@@ -29,6 +29,13 @@ void RecordingClock::resume(int64_t atNs) {
     m_version.fetch_add(1, std::memory_order_release);
 }
 
+std::optional<int64_t> RecordingClock::pausedSinceNs() const {
+    std::lock_guard lock(m_mutex);
+    if (!m_paused.load())
+        return std::nullopt;
+    return m_pauses.back().startNs;
+}
+
 std::vector<RecordingClock::Pause> RecordingClock::pauses() const {
     std::lock_guard lock(m_mutex);
     return m_pauses;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <limits>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 namespace tavrel {
@@ -34,6 +35,8 @@ public:
     /// Does nothing when not paused.
     void resume(int64_t atNs = monotonicNowNs());
     bool isPaused() const { return m_paused.load(); }
+    /// When the current pause (or the end) began; none while running.
+    std::optional<int64_t> pausedSinceNs() const;
 
     /// Every pause so far, in order; the last one is open while paused.
     std::vector<Pause> pauses() const;

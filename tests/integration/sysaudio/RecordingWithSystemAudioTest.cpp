@@ -3,6 +3,7 @@
 
 #include "TestSupport.h"
 #include "audio/AudioRecorder.h"
+#include "audio/merge/TrackMerger.h"
 #include "audio/sources/ProcessTapRecorder.h"
 #include "audio/sources/SystemAudioBackends.h"
 
@@ -76,59 +77,81 @@ protected:
     std::vector<ManagedProcess> m_players;
 };
 
-// Each side plays its own tone at its own time, with a 3 s pause in the middle: the merged recording holds every
-// tone played outside the pause, each at its time less the pause, and nothing played during it.
-TEST_P(RecordingWithSystemAudioTest, mergedRecordingHoldsEverySideAtItsTimeAndLeavesThePauseOut) {
-    AudioRecorder recorder(linuxSystemAudioBackends());
+// A 3 s pause in the middle of a recording: the merged file leaves it out, with what was played meanwhile, and a
+// tone played after it on every side at once (one player into a sink that feeds the speakers, the microphone and
+// the virtual device together) sits at the same place in every track, within 50 ms.
+TEST_P(RecordingWithSystemAudioTest, everyTrackLeavesThePauseOutAndStaysAligned) {
+    const bool pipeWire = GetParam() == AudioServerKind::PipeWire;
+    QStringList slaves{m_server->speakerSink(), m_server->micFeedSink()};
+    if (!pipeWire)
+        slaves << m_server->blackHoleSink();
+    ASSERT_TRUE(m_server->loadModule("module-combine-sink", "sink_name=everyside slaves=" + slaves.join(',')))
+        << m_server->logs().toStdString();
+    // The microphone hears the feed's monitor itself, as the tap and the monitor source hear the speakers': the
+    // virtual microphone's filter would add a delay of its own, which PipeWire does not report.
+    ASSERT_TRUE(m_server->setDefaultSource(AudioServerFixture::monitorOf(m_server->micFeedSink())));
+    // The tracks as the merge receives them, kept for a look at each one.
+    QStringList tracks;
+    SystemAudioBackends backends = linuxSystemAudioBackends();
+    backends.merge = [&tracks, keep = m_dir.filePath("tracks", true)](QString mic, QStringList systems) {
+        for (const QString& track : QStringList{mic} + systems) {
+            tracks << keep + '/' + QFileInfo(track).fileName();
+            QFile::copy(track, tracks.back());
+        }
+        return mergeAudioFiles(std::move(mic), std::move(systems));
+    };
+    AudioRecorder recorder(backends);
     const Clock::time_point start = Clock::now();
     ASSERT_TRUE(QCoro::waitFor(startedOk(recorder)));
-    const bool pipeWire = GetParam() == AudioServerKind::PipeWire;
     EXPECT_EQ(recorder.usingProcessTap(), pipeWire);
     EXPECT_EQ(recorder.screenCaptureActive(), !pipeWire) << "the tap runs alone";
     EXPECT_EQ(recorder.usingBlackHole(), !pipeWire) << "the tap runs alone";
-    EXPECT_TRUE(recorder.systemAudioActive());
 
-    std::vector<Played> played;
-    double pausedS = 0.0;
     const auto playAt = [&](double atS, double frequencyHz, const QString& sink) {
         const QString file = tone(frequencyHz);
         sleepUntil(start, atS);
-        if (!recorder.isPaused())
-            played.push_back(Played{secondsSince(start) - pausedS, frequencyHz});
-        m_players.push_back(sink.isEmpty() ? m_server->playIntoMicrophone(file) : m_server->playIntoSink(sink, file));
+        const double launched = secondsSince(start);
+        m_players.push_back(m_server->playIntoSink(sink, file));
+        return launched;
     };
-    playAt(1.0, 660, m_server->speakerSink());
+    const double before = playAt(1.0, 660, m_server->speakerSink());
     sleepUntil(start, 2.0);
     const double pausedAt = secondsSince(start);
     recorder.pauseRecording();
     playAt(2.5, 550, m_server->speakerSink());
-    playAt(3.0, 330, QString());
+    playAt(3.0, 330, m_server->micFeedSink());
     sleepUntil(start, 5.0);
     recorder.resumeRecording();
-    pausedS = secondsSince(start) - pausedAt;
-    playAt(5.5, 440, QString());
-    playAt(6.5, 990, pipeWire ? m_server->speakerSink() : m_server->blackHoleSink());
-    sleepUntil(start, 8.0);
+    const double pausedS = secondsSince(start) - pausedAt;
+    const double after = playAt(5.5, 880, QStringLiteral("everyside")) - pausedS;
+    sleepUntil(start, 7.5);
     const double totalS = secondsSince(start);
     const auto merged = QCoro::waitFor(recorder.stopRecording());
 
     ASSERT_TRUE(merged);
-    EXPECT_TRUE(QFileInfo(*merged).fileName().startsWith("tavrel_merged_")) << merged->toStdString();
     const MediaInfo info = probe(*merged);
     ASSERT_TRUE(info.valid) << info.error.toStdString();
-    EXPECT_EQ(info.codecName, "aac");
     EXPECT_NEAR(info.formatDurationS, totalS - pausedS, 0.3) << "every track leaves the same pause out";
-    const std::vector<float> samples = decodeToMonoFloat(*merged, kRate);
-    const std::vector<double> onsets = findSoundOnsets(samples, kRate, -35.0, 300);
-    ASSERT_EQ(onsets.size(), played.size()) << ::testing::PrintToString(onsets);
-    for (size_t i = 0; i < played.size(); ++i)
-        EXPECT_NEAR(onsets[i], played[i].atS, 0.2) << "tone " << played[i].frequencyHz;
-    // Every side is late or early by the same amount (the player's own start-up): the tracks line up.
-    std::string offsets;
-    for (size_t i = 0; i < played.size(); ++i)
-        offsets += std::to_string(onsets[i] - played[i].atS) + " ";
-    for (size_t i = 1; i < played.size(); ++i)
-        EXPECT_NEAR(onsets[i] - played[i].atS, onsets[0] - played[0].atS, 0.05) << "offsets: " << offsets;
+    const std::vector<double> onsets = findSoundOnsets(decodeToMonoFloat(*merged, kRate), kRate, -35.0, 300);
+    ASSERT_EQ(onsets.size(), 2u) << ::testing::PrintToString(onsets) << " (paused tones got in?)";
+    EXPECT_NEAR(onsets[0], before, 0.2) << "the player's start-up included";
+    EXPECT_NEAR(onsets[1], after, 0.2) << "the player's start-up included";
+    ASSERT_EQ(tracks.size(), pipeWire ? 2 : 3);
+    std::vector<double> trackOnsets;
+    for (const QString& track : tracks) {
+        const std::vector<float> samples = decodeToMonoFloat(track, kRate);
+        trackOnsets.push_back(-1.0);
+        for (double onset : findSoundOnsets(samples, kRate, -35.0, 300))
+            if (onset > after - 0.5 && trackOnsets.back() < 0.0)
+                trackOnsets.back() = onset;
+    }
+    // Through pipewire-pulse, the latency a record stream reports is now and then short by about a fragment and a
+    // quantum, which the microphone's track inherits; the tap times its buffers from the graph itself.
+    const double toleranceS = pipeWire ? 0.1 : 0.05;
+    for (size_t i = 1; i < trackOnsets.size(); ++i)
+        EXPECT_NEAR(trackOnsets[i], trackOnsets[0], toleranceS)
+            << QFileInfo(tracks[static_cast<qsizetype>(i)]).fileName().toStdString()
+            << " against the microphone: " << ::testing::PrintToString(trackOnsets);
     // The intermediate files are gone.
     EXPECT_TRUE(QDir(m_dir.filePath("tmp")).entryList({"tavrel_tap_*", "tavrel_sys_*", "tavrel_bh_*"}).isEmpty());
 }

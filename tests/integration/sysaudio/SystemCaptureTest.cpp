@@ -259,7 +259,9 @@ TEST_F(PulseCaptureTest, virtualDeviceThatGoesAwayAndComesBackKeepsOneFileOnReal
     const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
     EXPECT_NEAR(static_cast<double>(samples.size()) / kRate, totalS, 0.3) << "real time kept through the gap";
     const double onset = onsetAfter(samples, 0.0);
-    EXPECT_NEAR(onset, played, 0.3) << "the first sound must be the tone played on the device that came back";
+    // A null sink made anew renders ahead of time until something plays on it, and its monitor's timing with it:
+    // what is checked here is that the tone is there, after the device came back, and nothing before it.
+    EXPECT_NEAR(onset, played, 0.5) << "the first sound must be the tone played on the device that came back";
     EXPECT_LT(rmsDbBetween(samples, kRate, 0.0, onset - 0.1), -60.0) << "the microphone got in";
 }
 
@@ -306,8 +308,8 @@ protected:
     std::unique_ptr<AudioServerFixture> m_server;
 };
 
-// One player plays a tone, a second one 2 s later and a third 5 s after the first; the source is paused over the
-// second. Its file leaves the pause out, the second tone with it, and keeps the other two exactly as far apart
+// One player plays a tone, a second one 2 s later and a third 5.1 s after the first; the source is paused over
+// the second. Its file leaves the pause out, the second tone with it, and keeps the other two exactly as far apart
 // as they were played, less the pause.
 TEST_P(PausedSourceTest, leavesThePauseOutAndKeepsTimeAroundIt) {
     const QString tones = m_dir.filePath("tones.wav");
@@ -380,7 +382,8 @@ TEST_P(PausedSourceTest, leavesThePauseOutAndKeepsTimeAroundIt) {
     const double first = onsetAfter(samples, 0.0);
     EXPECT_NEAR(first, launched, 0.3) << "launch-to-sound latency of the player included";
     const double last = onsetAfter(samples, first + 1.0);
-    EXPECT_NEAR(last - first, 5.0 - pausedS, 0.05);
+    const double playedApartS = 0.5 + 1.5 + 0.6 + 2.5; // first tone, gap, second tone, gap
+    EXPECT_NEAR(last - first, playedApartS - pausedS, 0.05);
     EXPECT_LT(rmsDbBetween(samples, kRate, first + 0.6, last - 0.1), -50.0) << "what was played while paused got in";
     const QStringList lines = log.lines();
     EXPECT_TRUE(lines.contains(started + QFileInfo(*file).fileName())) << lines.join('\n').toStdString();
