@@ -95,7 +95,6 @@ int main(int argc, char** argv) {
     const int seconds = argc > 1 ? std::max(1, atoi(argv[1])) : 60;
 
     SessionBusFixture::Options busOptions;
-    busOptions.statusNotifierWatcher = true;
     busOptions.exportEnvironment = false;
     SessionBusFixture bus(busOptions);
     XvfbFixture::Options xOptions;
@@ -109,6 +108,12 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "set-up failed: %s\n", started.message());
             return 1;
         }
+    }
+    // The program's tray item lives in a real tray host, as on a desktop.
+    TrayHost tray;
+    if (const auto started = tray.start(mergedEnvironment({bus.variables(), xvfb.variables()})); !started) {
+        std::fprintf(stderr, "set-up failed: %s\n", started.message());
+        return 1;
     }
     TempDir dir(QStringLiteral("tavrel-bench"));
     QProcessEnvironment env = mergedEnvironment({pulse.variables(), bus.variables(), xvfb.variables()});

@@ -1,6 +1,7 @@
 // Time to merge a long microphone track (AAC mono) with a long tap track (float stereo CAF), against
-// ffmpeg's own amix writing AAC from the same inputs in the same run, and against our own merge with the
-// whole timeline on one encoder thread.
+// ffmpeg's own amix writing AAC from the same inputs in the same run, and against our own merge without
+// echo removal. The microphone hears the far end all along (the tap's noise, 120 ms late and 6 dB down):
+// the canceller works on every second of it, the worst case.
 //
 //   bench_sysaudio_merge [minutes, default 60] [work directory, default a fresh one under /tmp]
 //
@@ -53,10 +54,13 @@ int main(int argc, char** argv) {
 
     std::printf("generating %d min of microphone (AAC mono 44.1 kHz) and tap (f32 stereo 48 kHz CAF)...\n", minutes);
     std::fflush(stdout);
-    if (!runFfmpeg({"-f", "lavfi", "-i", "sine=frequency=220:sample_rate=44100:duration=" + seconds, "-af",
-                    "volume=0.3", "-c:a", "aac", mic}) ||
-        !runFfmpeg({"-f", "lavfi", "-i", "anoisesrc=color=pink:sample_rate=48000:amplitude=0.1:duration=" + seconds,
-                    "-ac", "2", "-c:a", "pcm_f32le", tap}))
+    const QString farEnd = "anoisesrc=color=pink:sample_rate=48000:amplitude=0.1:seed=7:duration=" + seconds;
+    if (!runFfmpeg({"-f", "lavfi", "-i", "sine=frequency=220:sample_rate=44100:duration=" + seconds, "-f", "lavfi",
+                    "-i", farEnd, "-filter_complex",
+                    "[1]adelay=120,volume=0.5,aresample=44100[echo];[0]volume=0.005[user];"
+                    "[user][echo]amix=inputs=2:normalize=0:duration=first",
+                    "-c:a", "aac", mic}) ||
+        !runFfmpeg({"-f", "lavfi", "-i", farEnd, "-ac", "2", "-c:a", "pcm_f32le", tap}))
         return 1;
 
     qint64 referenceMs = 0;
@@ -70,37 +74,51 @@ int main(int argc, char** argv) {
     struct Run {
         qint64 wallMs = 0;
         double cpuS = 0.0;
+        double mergeThreadCpuS = 0.0; // mixing and echo removal; decoders and encoders have their own threads
     };
-    const auto merge = [&](const tavrel::ParallelM4aWriter::Tuning& encoding, Run& run) {
+    tavrel::EchoCanceller::Report echo;
+    const auto merge = [&](tavrel::EchoRemoval echoRemoval, Run& run) {
         const double cpuBefore = cpuSeconds(RUSAGE_SELF);
+        const double threadCpuBefore = cpuSeconds(RUSAGE_THREAD);
         QElapsedTimer timer;
         timer.start();
         try {
-            tavrel::mergeAudioFilesInto(mic, {tap}, dir.filePath("merged.m4a"), encoding);
+            const auto report = tavrel::mergeAudioFilesInto(mic, {tap}, dir.filePath("merged.m4a"), {}, echoRemoval);
+            if (echoRemoval == tavrel::EchoRemoval::automatic)
+                echo = report;
         } catch (const std::exception& error) {
             std::fprintf(stderr, "merge failed: %s\n", error.what());
             return false;
         }
         run.wallMs = timer.elapsed();
         run.cpuS = cpuSeconds(RUSAGE_SELF) - cpuBefore;
+        run.mergeThreadCpuS = cpuSeconds(RUSAGE_THREAD) - threadCpuBefore;
         return true;
     };
     Run ours;
-    Run oneEncoder; // the same merge with the whole timeline on one encoder thread: what the segments buy
-    if (!merge({}, ours) || !merge({int64_t{1} << 40, 1}, oneEncoder))
+    Run plain; // the same merge without echo removal: what the canceller costs
+    if (!merge(tavrel::EchoRemoval::automatic, ours) || !merge(tavrel::EchoRemoval::off, plain))
         return 1;
     const qint64 oursMs = ours.wallMs;
     const double oursCpu = ours.cpuS;
 
-    std::printf("audio length            %d min\n", minutes);
-    std::printf("ffmpeg amix -> AAC       %.2f s\n", referenceMs / 1000.0);
-    std::printf("mergeAudioFiles          %.2f s\n", oursMs / 1000.0);
-    std::printf("wall ratio (goal <= 0.5) %.3f\n", static_cast<double>(oursMs) / static_cast<double>(referenceMs));
-    std::printf("CPU: ffmpeg %.2f s, ours %.2f s, ratio %.3f\n", referenceCpu, oursCpu, oursCpu / referenceCpu);
-    std::printf("one encoder thread       %.2f s (CPU %.2f s), segments on %u threads are %.2fx faster\n",
-                oneEncoder.wallMs / 1000.0, oneEncoder.cpuS, std::max(1u, std::thread::hardware_concurrency()),
-                static_cast<double>(oneEncoder.wallMs) / static_cast<double>(oursMs));
-    // On a machine shared with other work the wall times swing; the CPU ratio is the steadier figure.
+    std::printf("audio length             %d min, encoders on %u threads\n", minutes,
+                std::max(1u, std::thread::hardware_concurrency()));
+    std::printf("echo                     %s, %.1f dB removed, delay %.0f ms\n", echo.echoFound ? "found" : "not found",
+                echo.removedDb, echo.delayMs);
+    std::printf("ffmpeg amix -> AAC       %.2f s (CPU %.2f s)\n", referenceMs / 1000.0, referenceCpu);
+    std::printf("mergeAudioFiles          %.2f s (CPU %.2f s, %.2f s of it on the merging thread)\n", oursMs / 1000.0,
+                oursCpu, ours.mergeThreadCpuS);
+    std::printf("  without echo removal   %.2f s (CPU %.2f s, %.2f s of it on the merging thread)\n",
+                plain.wallMs / 1000.0, plain.cpuS, plain.mergeThreadCpuS);
+    std::printf("wall ratio (goal <= 0.5) %.3f (without echo removal %.3f)\n",
+                static_cast<double>(oursMs) / static_cast<double>(referenceMs),
+                static_cast<double>(plain.wallMs) / static_cast<double>(referenceMs));
+    // On a machine shared with other work the wall times swing; the CPU ratios are the steadier figures.
+    std::printf("CPU ratio to ffmpeg      %.3f (without echo removal %.3f)\n", oursCpu / referenceCpu,
+                plain.cpuS / referenceCpu);
+    std::printf("echo removal costs       %.2f s CPU, %.0fx real time\n", oursCpu - plain.cpuS,
+                minutes * 60.0 / std::max(1e-3, oursCpu - plain.cpuS));
     std::printf("speed                    %.0fx real time\n", minutes * 60000.0 / static_cast<double>(oursMs));
     return 0;
 }

@@ -52,7 +52,16 @@ QRect popoverRect(QPoint click) {
 
 AppDelegate::AppDelegate(AppServices services, QObject* parent)
     : QObject(parent), m_services(std::move(services)), m_recorder(m_services.audioBackends),
-      m_hud(std::make_unique<RecordingHUD>()) {}
+      m_hud(std::make_unique<RecordingHUD>()) {
+    if (m_services.alerts) {
+        // An alert blocks the program: a popover left open under it must not act meanwhile.
+        const QPointer<AppDelegate> weak(this);
+        m_services.alerts->onAlertUp = [weak] {
+            if (weak)
+                weak->closePopover();
+        };
+    }
+}
 
 AppDelegate::~AppDelegate() {
     if (m_popover)
@@ -127,8 +136,22 @@ bool AppDelegate::isPopoverShown() const {
     return m_popover && m_popover->isVisible();
 }
 
+bool AppDelegate::raiseAlertIfUp() {
+    if (m_services.alerts && m_services.alerts->isAlertUp()) {
+        m_services.alerts->raiseAlert();
+        return true;
+    }
+    // A modal dialog that did not come through the presenter blocks the program just as well.
+    if (QWidget* modal = QApplication::activeModalWidget()) {
+        modal->raise();
+        modal->activateWindow();
+        return true;
+    }
+    return false;
+}
+
 void AppDelegate::showPopover() {
-    if (isPopoverShown())
+    if (raiseAlertIfUp() || isPopoverShown())
         return;
     m_lastClickPos = QCursor::pos();
     togglePopover();
@@ -139,6 +162,8 @@ void AppDelegate::togglePopover() {
         closePopover();
         return;
     }
+    if (raiseAlertIfUp())
+        return;
     const qint64 nowMs = QDateTime::currentMSecsSinceEpoch();
     if (m_popoverClosedAtMs != 0 && nowMs - m_popoverClosedAtMs < kReopenGuardMs) {
         m_popoverClosedAtMs = 0;
@@ -157,7 +182,7 @@ void AppDelegate::togglePopover() {
 
     const QPointer<AppDelegate> weak(this);
     controller->onStartStop = [weak] {
-        if (!weak)
+        if (!weak || weak->raiseAlertIfUp() || weak->m_sessionTask != SessionTask::none)
             return;
         weak->closePopover();
         if (!weak->m_isRecording)
@@ -166,14 +191,18 @@ void AppDelegate::togglePopover() {
             weak->stopRecording();
     };
     controller->onSettings = [weak] {
-        if (!weak)
+        if (!weak || weak->raiseAlertIfUp())
             return;
         weak->closePopover();
         weak->openSettings();
     };
     controller->onPause = [weak] {
-        if (weak)
+        if (weak && !weak->raiseAlertIfUp())
             weak->togglePause();
+    };
+    controller->onQuit = [weak] {
+        if (weak && !weak->raiseAlertIfUp())
+            QCoreApplication::quit();
     };
     controller->openURL = [weak](const QUrl& url) {
         if (weak && weak->m_services.desktop)
@@ -189,6 +218,7 @@ void AppDelegate::togglePopover() {
     m_popover = popover;
     m_popoverController = controller;
     m_popoverClosedAtMs = 0;
+    showSessionTask();
 
     popover->setGeometry(popoverRect(m_lastClickPos.isNull() ? QCursor::pos() : m_lastClickPos));
     popover->show();
@@ -221,7 +251,7 @@ void AppDelegate::refreshStatusIcon() {
         return;
     if (m_isRecording)
         m_services.statusItem->setIcon(StatusIcon::recording);
-    else if (m_activeJobs > 0)
+    else if (m_activeJobs > 0 || m_sessionTask != SessionTask::none)
         m_services.statusItem->setIcon(StatusIcon::busy);
     else
         m_services.statusItem->setIcon(StatusIcon::idle);

@@ -70,8 +70,14 @@ public:
     void notify(const QString& title, const QString& body);
     static QString appVersionString();
 
+    /// When an alert waits for the user, brings it back to the front and returns true: what the user asks
+    /// from the tray, the popover or the desktop meanwhile is not done (the alert blocks the program).
+    bool raiseAlertIfUp();
+
     // --- session controller (AppDelegateSession.cpp) ---
+    /// Starts a session. While a start runs it does nothing more; while a stop runs the start waits for it.
     void startRecording();
+    /// Stops the session. While a stop runs it does nothing more; while a start runs the stop waits for it.
     void stopRecording();
     void togglePause();
     void promptNote();
@@ -99,6 +105,9 @@ public:
     // --- state, read by the D-Bus face and tests ---
     bool isRecording() const { return m_isRecording; }
     bool isPaused() const { return m_isPaused; }
+    /// The recorder is starting or stopping: the popover shows it and its round button waits.
+    bool isStarting() const { return m_sessionTask == SessionTask::starting; }
+    bool isStopping() const { return m_sessionTask == SessionTask::stopping; }
     int activeJobs() const { return m_activeJobs; }
     QString statusTitle() const { return m_statusTitle; }
     AudioRecorder& recorder() { return m_recorder; }
@@ -131,6 +140,7 @@ private:
     QCoro::Task<> runStart();
     QCoro::Task<> runStop();
     void onCaptureEvent(const CaptureEvent& event);
+    void showSessionTask();
     QCoro::Task<> runUploadDialog(QString fileURL);
 
     AppServices m_services;
@@ -139,6 +149,11 @@ private:
     std::optional<QDateTime> m_startTime;
     bool m_isRecording = false;
     bool m_isPaused = false;
+    enum class SessionTask { none, starting, stopping };
+    SessionTask m_sessionTask = SessionTask::none;
+    /// Asked for while the other task ran; done when it ends.
+    bool m_stopWhenStarted = false;
+    bool m_startWhenStopped = false;
     std::unique_ptr<RecordingHUD> m_hud;
     QPointer<QWidget> m_popover;
     QPointer<MainPopoverController> m_popoverController;

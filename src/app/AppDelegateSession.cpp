@@ -12,6 +12,7 @@
 
 #include <QFileInfo>
 #include <QSaveFile>
+#include <utility>
 
 namespace tavrel {
 
@@ -29,7 +30,28 @@ QString notesPathFor(const QString& recordingPath) {
 } // namespace
 
 void AppDelegate::startRecording() {
+    if (m_sessionTask == SessionTask::starting)
+        return;
+    if (m_sessionTask == SessionTask::stopping) {
+        // The recorder is still finishing the previous recording (merging takes seconds): start right after.
+        m_startWhenStopped = true;
+        return;
+    }
+    m_sessionTask = SessionTask::starting;
+    showSessionTask();
     runStart();
+}
+
+void AppDelegate::showSessionTask() {
+    if (m_popoverController) {
+        QString caption;
+        if (m_sessionTask == SessionTask::starting)
+            caption = QStringLiteral("Démarrage de l'enregistrement…");
+        else if (m_sessionTask == SessionTask::stopping)
+            caption = QStringLiteral("Arrêt de l'enregistrement…");
+        m_popoverController->setBusyCaption(caption);
+    }
+    refreshStatusIcon();
 }
 
 QCoro::Task<> AppDelegate::runStart() {
@@ -48,6 +70,9 @@ QCoro::Task<> AppDelegate::runStart() {
     }
     if (!self)
         co_return;
+    m_sessionTask = SessionTask::none;
+    showSessionTask();
+    const bool stopAtOnce = std::exchange(m_stopWhenStarted, false);
     if (!failure.isNull()) {
         AlertSpec alert;
         alert.message = QStringLiteral("Impossible de démarrer");
@@ -64,6 +89,10 @@ QCoro::Task<> AppDelegate::runStart() {
         m_popoverController->setIsRecording(true);
     refreshStatusIcon();
     emit recordingStateChanged();
+    if (stopAtOnce) {
+        stopRecording();
+        co_return;
+    }
     warnIfSystemAudioMissing();
 }
 
@@ -115,6 +144,13 @@ void AppDelegate::warnIfSystemAudioMissing() {
 }
 
 void AppDelegate::stopRecording() {
+    if (m_sessionTask == SessionTask::stopping)
+        return;
+    if (m_sessionTask == SessionTask::starting) {
+        // Stopped before the recorder answered: the recording stops as soon as it has started.
+        m_stopWhenStarted = true;
+        return;
+    }
     m_isRecording = false;
     m_isPaused = false;
     m_autoStartedRecording = false;
@@ -124,7 +160,8 @@ void AppDelegate::stopRecording() {
         m_popoverController->setIsRecording(false);
         m_popoverController->setIsPaused(false);
     }
-    refreshStatusIcon();
+    m_sessionTask = SessionTask::stopping;
+    showSessionTask();
     emit recordingStateChanged();
     runStop();
 }
@@ -135,6 +172,10 @@ QCoro::Task<> AppDelegate::runStop() {
     if (!self)
         co_return;
     const QString notes = m_recorder.formattedNotes();
+    m_sessionTask = SessionTask::none;
+    showSessionTask();
+    if (std::exchange(m_startWhenStopped, false))
+        startRecording();
     if (!fileURL)
         co_return;
     if (!notes.isEmpty()) {

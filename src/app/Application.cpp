@@ -2,6 +2,7 @@
 
 #include "AppDelegate.h"
 #include "CrashHooks.h"
+#include "DisplayChoice.h"
 #include "LaunchRequest.h"
 #include "RecorderDBusService.h"
 #include "audio/files/M4aWriter.h"
@@ -17,13 +18,30 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <cstdio>
+#include <vector>
 
 namespace tavrel {
 
 int runApplication(int argc, char** argv, const AlertPresenterFactory& makeAlerts) {
     installCrashHooks();
 
-    QApplication app(argc, argv);
+    // The window system is chosen on the command line Qt reads, not through QT_QPA_PLATFORM: programs we
+    // open (browser, file manager) must not inherit our choice.
+    QStringList arguments;
+    for (int index = 0; index < argc; ++index)
+        arguments << QString::fromLocal8Bit(argv[index]);
+    const DisplayChoice display = DisplayChoice::forSession(QProcessEnvironment::systemEnvironment(), arguments);
+    QByteArray platformOption("-platform");
+    QByteArray platformPlugins = display.platformPlugins.toLatin1();
+    std::vector<char*> qtArguments(argv, argv + argc);
+    if (!platformPlugins.isEmpty())
+        qtArguments.insert(qtArguments.begin() + (argc > 0 ? 1 : 0), {platformOption.data(), platformPlugins.data()});
+    qtArguments.push_back(nullptr);
+    int qtArgumentCount = static_cast<int>(qtArguments.size()) - 1;
+
+    QApplication app(qtArgumentCount, qtArguments.data());
+    if (display.waylandOnly || (!platformPlugins.isEmpty() && QGuiApplication::platformName() != QLatin1String("xcb")))
+        logLine(DisplayChoice::waylandOnlyWarning());
     QApplication::setApplicationName(QStringLiteral("TavrelRecorder"));
     QApplication::setApplicationDisplayName(QStringLiteral("TaVREL Recorder"));
     QApplication::setApplicationVersion(AppDelegate::appVersionString());

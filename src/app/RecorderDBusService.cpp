@@ -149,6 +149,12 @@ void RecorderDBusService::handle(const LaunchRequest& request) {
         break;
     }
     const QString& action = request.action;
+    // Like the tray, the desktop's actions wait for an alert that is up; a note given as text needs no one.
+    const bool asksTheUser = action != QStringLiteral("add-note") || request.parameters.isEmpty();
+    if (asksTheUser && delegate->raiseAlertIfUp()) {
+        logLine(QStringLiteral("[DBus] action %1 ignorée : une alerte attend une réponse").arg(action));
+        return;
+    }
     if (action == QStringLiteral("start-recording")) {
         // The same guard as the popover's button: a second start while recording does nothing.
         if (!delegate->isRecording())

@@ -31,6 +31,14 @@ public:
     /// Runs the alert modally and returns kFirstButton + index of the chosen button (or a value
     /// below kFirstButton when the alert was closed without a button).
     virtual int run(const AlertSpec& alertSpec) = 0;
+
+    /// Whether an alert waits for the user. Its event loop keeps serving the tray, D-Bus and timers
+    /// meanwhile; what the user starts from there must wait for the alert.
+    virtual bool isAlertUp() const { return false; }
+    /// Brings the alert that waits for the user back to the front; nothing when none does.
+    virtual void raiseAlert() {}
+    /// Called as an alert comes up, before it waits for the user. Optional.
+    std::function<void()> onAlertUp;
 };
 
 } // namespace tavrel

@@ -27,6 +27,7 @@ const QColor kSecondaryLabel = QColor::fromRgbF(0.0f, 0.0f, 0.0f, 0.5f);
 const QColor kSeparator = QColor::fromRgbF(0.0f, 0.0f, 0.0f, 0.1f);
 const QColor kSystemRed = QColor::fromRgbF(1.0f, 0.231f, 0.188f);
 const QColor kDarkerRed = QColor::fromRgbF(0.75f, 0.12f, 0.12f);
+const QColor kBusyGray = QColor::fromRgbF(0.6f, 0.6f, 0.62f);
 
 constexpr int kHeaderHeightPx = 46;
 constexpr int kSecondaryRowHeightPx = 30;
@@ -138,6 +139,12 @@ void MainPopoverController::setIsPaused(bool paused) {
         this, [this] { updatePauseButton(); }, Qt::QueuedConnection);
 }
 
+void MainPopoverController::setBusyCaption(const QString& caption) {
+    m_busyCaption = caption;
+    updateStartStop();
+    updatePauseButton();
+}
+
 qreal MainPopoverController::pauseContainerOpacity() const {
     return m_pauseOpacity;
 }
@@ -187,10 +194,7 @@ void MainPopoverController::buildUI(const QString& versionString) {
     rowLayout->setSpacing(10);
     m_circleButton = new CircleButton(m_startRow);
     m_circleButton->setFixedSize(36, 36);
-    m_circleButton->onTap = [this] {
-        if (onStartStop)
-            onStartStop();
-    };
+    m_circleButton->onTap = [this] { didTapStartRow(); };
     m_actionLabel = new QLabel(m_startRow);
     m_actionLabel->setFont(systemFont(13, QFont::Medium));
     setTextColor(m_actionLabel, kLabel);
@@ -276,9 +280,14 @@ QWidget* MainPopoverController::makeSeparator() {
 }
 
 void MainPopoverController::updateStartStop() {
-    if (!m_circleButton || !m_actionLabel)
+    if (!m_circleButton || !m_actionLabel || !m_startRow)
         return;
-    if (m_isRecording) {
+    m_startRow->setEnabled(m_busyCaption.isEmpty());
+    if (!m_busyCaption.isEmpty()) {
+        m_actionLabel->setText(m_busyCaption);
+        m_circleButton->setColor(kBusyGray);
+        m_circleButton->setIcon(QStringLiteral("hourglass"));
+    } else if (m_isRecording) {
         m_actionLabel->setText(QStringLiteral("Arrêter l'enregistrement"));
         m_circleButton->setColor(kDarkerRed);
         m_circleButton->setIcon(QStringLiteral("stop.fill"));
@@ -292,21 +301,22 @@ void MainPopoverController::updateStartStop() {
 void MainPopoverController::updatePauseButton() {
     if (!m_pauseBtn || !m_pauseContainer)
         return;
-    m_pauseOpacity = m_isRecording ? 1.0 : 0.4;
+    const bool usable = m_isRecording && m_busyCaption.isEmpty();
+    m_pauseOpacity = usable ? 1.0 : 0.4;
     static_cast<SecondaryContainer*>(m_pauseContainer.data())->setOpacity(m_pauseOpacity);
-    m_pauseBtn->setEnabled(m_isRecording);
+    m_pauseBtn->setEnabled(usable);
     m_pauseSymbol = m_isPaused ? QStringLiteral("play.fill") : QStringLiteral("pause.fill");
     m_pauseBtn->setText(m_isPaused ? QStringLiteral(" Reprendre") : QStringLiteral(" Pause"));
     styleSecondaryButton(m_pauseBtn, m_pauseSymbol, m_pauseOpacity);
 }
 
 void MainPopoverController::didTapStartRow() {
-    if (onStartStop)
+    if (m_busyCaption.isEmpty() && onStartStop)
         onStartStop();
 }
 
 void MainPopoverController::didTapPause() {
-    if (onPause)
+    if (m_busyCaption.isEmpty() && onPause)
         onPause();
 }
 

@@ -41,6 +41,11 @@ public:
     /// The new value shows after the current main-thread work ends (the update is queued).
     void setIsRecording(bool recording);
     void setIsPaused(bool paused);
+    /// A start or a stop under way: while the caption is not empty it replaces the round button's, and the
+    /// round button, its row and the pause button do nothing. Applies at once, so that a second click
+    /// already queued finds the row disabled.
+    void setBusyCaption(const QString& caption);
+    QString busyCaption() const { return m_busyCaption; }
 
     void didTapStartRow();
     void didTapPause();
@@ -72,6 +77,7 @@ private:
 
     bool m_isRecording = false;
     bool m_isPaused = false;
+    QString m_busyCaption;
     QPointer<CircleButton> m_circleButton;
     QPointer<QLabel> m_actionLabel;
     QPointer<QWidget> m_startRow;

@@ -52,7 +52,7 @@ QComboBox::drop-down { border: none; width: 20px; }
 QCheckBox { color: rgba(0, 0, 0, 0.85); spacing: 7px; }
 )";
 
-/// The alert's dialog: Escape means the "Annuler" button when the alert has one.
+/// The alert's dialog: Escape means its cancelling button when it has one.
 class AlertDialog : public QDialog {
 public:
     using QDialog::QDialog;
@@ -153,7 +153,8 @@ int QtAlertPresenter::run(const AlertSpec& alertSpec) {
         } else {
             button->setAutoDefault(false);
         }
-        if (titles[index] == QStringLiteral("Annuler"))
+        // Laid out from the last button on: an "Annuler" anywhere takes Escape over the last button.
+        if (titles[index] == QStringLiteral("Annuler") || (index == titles.size() - 1 && titles.size() >= 2))
             dialog.cancelResponse = response;
         buttons->addWidget(button);
     }
@@ -169,16 +170,29 @@ int QtAlertPresenter::run(const AlertSpec& alertSpec) {
                 onShown(dialog);
         });
     }
+    m_running.emplace_back(&dialog);
+    if (onAlertUp)
+        onAlertUp();
     dialog.show();
     dialog.raise();
     dialog.activateWindow();
     const int response = dialog.exec();
+    m_running.pop_back();
 
     if (accessory) {
         accessory->hide();
         accessory->setParent(accessoryParent);
     }
     return response;
+}
+
+void QtAlertPresenter::raiseAlert() {
+    if (m_running.empty() || !m_running.back())
+        return;
+    QDialog* dialog = m_running.back();
+    dialog->show();
+    dialog->raise();
+    dialog->activateWindow();
 }
 
 } // namespace tavrel

@@ -187,8 +187,15 @@ void RecordingHUD::hide() {
 }
 
 void RecordingHUD::didStop() {
-    if (onStop)
-        onStop();
+    if (!onStop)
+        return;
+    // One stop per panel: a second click already queued behind the first finds the button disabled.
+    if (m_stopButton) {
+        if (!m_stopButton->isEnabled())
+            return;
+        m_stopButton->setEnabled(false);
+    }
+    onStop();
 }
 
 void RecordingHUD::didNote() {

@@ -45,8 +45,13 @@ int ScriptedAlertPresenter::run(const AlertSpec& alertSpec) {
         return reject(QStringLiteral("alert \"%1\" has no button %2 (buttons: %3)")
                           .arg(alertSpec.message, wanted, shown.buttons.join(QStringLiteral(", "))));
     }
+    // The answer acts while the alert is up, as a user would.
+    ++m_alertsUp;
+    if (onAlertUp)
+        onAlertUp();
     if (answer.before)
         answer.before(alertSpec);
+    --m_alertsUp;
     shown.response = kFirstButton + index;
     m_shown.push_back(shown);
     return shown.response;

@@ -36,6 +36,8 @@ public:
     void answer(const QString& title, Action before = {});
 
     int run(const AlertSpec& alertSpec) override;
+    /// Up while an answer's action runs.
+    bool isAlertUp() const override { return m_alertsUp > 0; }
 
     const std::vector<ShownAlert>& shown() const { return m_shown; }
     /// One line per alert that was not expected ("unexpected alert: <message>" or a wrong button).
@@ -53,6 +55,7 @@ private:
     std::deque<Answer> m_answers;
     std::vector<ShownAlert> m_shown;
     QStringList m_unexpected;
+    int m_alertsUp = 0;
 };
 
 } // namespace tavrel

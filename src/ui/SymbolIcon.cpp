@@ -30,6 +30,7 @@ constexpr std::array kMappings{
     Mapping{"speaker.wave.2.fill", "audio-volume-high-symbolic"},
     Mapping{"mic.and.signal.meter.fill", "microphone-sensitivity-high-symbolic"},
     Mapping{"exclamationmark.triangle.fill", "dialog-warning-symbolic"},
+    Mapping{"hourglass", "content-loading-symbolic"},
 };
 
 constexpr qreal kGlyphBoxPerPoint = 1.2;

@@ -103,6 +103,8 @@ UploadDialog::UploadDialog(QList<QJsonObject> clients, QWidget* parent)
     m_searchDelegate = new ClientSearchDelegate(m_clients, m_clientField, m_matchLabel, this);
     m_toggleHandler = new ClientToggleHandler(m_clientField, m_matchLabel, this);
     m_toggleHandler->toggle(false);
+    // The title is what the user types first: the field takes the keyboard when the alert opens.
+    setFocusProxy(m_titleField);
 
     connect(m_clientCheckBox, &QCheckBox::toggled, m_toggleHandler, &ClientToggleHandler::toggle);
     connect(m_clientField->lineEdit(), &QLineEdit::textEdited, m_searchDelegate,

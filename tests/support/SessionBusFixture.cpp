@@ -2,29 +2,54 @@
 
 #include "Wait.h"
 
-#include <QFile>
-#include <QJsonArray>
-#include <QJsonDocument>
+#include <QDBusArgument>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusVariant>
 #include <memory>
 
 namespace tavrel::test {
 
 namespace {
 
-QList<QJsonObject> readJsonLines(const QString& path) {
-    QList<QJsonObject> records;
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return records;
-    while (!file.atEnd()) {
-        const QByteArray line = file.readLine().trimmed();
-        if (line.isEmpty())
-            continue;
-        const QJsonDocument doc = QJsonDocument::fromJson(line);
-        if (doc.isObject())
-            records << doc.object();
+const QString kMockInterface = QStringLiteral("org.freedesktop.DBus.Mock");
+const QString kNotifications = QStringLiteral("org.freedesktop.Notifications");
+const QString kFileManager = QStringLiteral("org.freedesktop.FileManager1");
+
+/// A value as a test reads it: containers demarshalled, variants unwrapped.
+QVariant plain(const QVariant& value) {
+    if (value.canConvert<QDBusVariant>())
+        return plain(value.value<QDBusVariant>().variant());
+    if (!value.canConvert<QDBusArgument>())
+        return value;
+    const QDBusArgument argument = value.value<QDBusArgument>();
+    if (argument.currentType() == QDBusArgument::MapType) {
+        QVariantMap map;
+        argument.beginMap();
+        while (!argument.atEnd()) {
+            QString key;
+            QVariant item;
+            argument.beginMapEntry();
+            argument >> key >> item;
+            argument.endMapEntry();
+            map.insert(key, plain(item));
+        }
+        argument.endMap();
+        return map;
     }
-    return records;
+    if (argument.currentType() == QDBusArgument::ArrayType) {
+        QVariantList list;
+        argument.beginArray();
+        while (!argument.atEnd()) {
+            QVariant item;
+            argument >> item;
+            list << plain(item);
+        }
+        argument.endArray();
+        return list;
+    }
+    return value;
 }
 
 } // namespace
@@ -41,7 +66,6 @@ SessionBusFixture& SessionBusFixture::shared() {
     static std::unique_ptr<SessionBusFixture> instance;
     if (!instance) {
         Options options;
-        options.statusNotifierWatcher = true;
         options.fileManager = true;
         instance = std::make_unique<SessionBusFixture>(options);
         const auto started = instance->start();
@@ -80,33 +104,56 @@ SessionBusFixture& SessionBusFixture::shared() {
     if (m_options.exportEnvironment)
         m_exported.set("DBUS_SESSION_BUS_ADDRESS", m_address.toUtf8());
 
-    if (m_options.notificationServer || m_options.statusNotifierWatcher || m_options.fileManager) {
-        env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), m_address);
-        env.insert(QStringLiteral("PYTHONDONTWRITEBYTECODE"), QStringLiteral("1"));
-        ManagedProcess::Options services;
-        // The system interpreter: it is the one that sees python3-dbus.
-        services.program = QStringLiteral("/usr/bin/python3");
-        services.arguments = {QStringLiteral(TAVREL_TEST_SUPPORT_DIR "/fake_desktop_services.py"),
-                              QStringLiteral("--notifications-log"),
-                              m_dir.filePath(QStringLiteral("notifications.jsonl"))};
-        if (m_options.statusNotifierWatcher)
-            services.arguments << QStringLiteral("--watcher-log") << m_dir.filePath(QStringLiteral("watcher.jsonl"));
-        if (m_options.fileManager)
-            services.arguments << QStringLiteral("--file-manager-log")
-                               << m_dir.filePath(QStringLiteral("file-manager.jsonl"));
-        services.environment = env;
-        services.logPath = m_dir.filePath(QStringLiteral("services.log"));
-        services.captureStdout = true;
-        if (!m_services.start(services)) {
+    env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), m_address);
+    env.insert(QStringLiteral("PYTHONDONTWRITEBYTECODE"), QStringLiteral("1"));
+    auto startMock = [&](ManagedProcess& process, const QStringList& arguments, const QString& name,
+                         const QString& log) -> ::testing::AssertionResult {
+        ManagedProcess::Options options;
+        // The system interpreter: it is the one that sees python3-dbusmock.
+        options.program = QStringLiteral("/usr/bin/python3");
+        options.arguments = QStringList{QStringLiteral("-m"), QStringLiteral("dbusmock")} + arguments;
+        options.environment = env;
+        options.logPath = m_dir.filePath(log);
+        if (!process.start(options))
+            return ::testing::AssertionFailure() << process.errorString().toStdString();
+        const bool owned = waitUntil(
+            [&] {
+                QDBusConnection bus = QDBusConnection::connectToBus(m_address, QStringLiteral("bus-fixture"));
+                return !process.isRunning() || (bus.interface() && bus.interface()->isServiceRegistered(name));
+            },
+            m_options.startTimeout, std::chrono::milliseconds(50));
+        QDBusConnection::disconnectFromBus(QStringLiteral("bus-fixture"));
+        if (owned && process.isRunning())
+            return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure()
+               << "python3-dbusmock did not take " << name.toStdString() << ": " << process.describe().toStdString();
+    };
+    if (m_options.notificationServer) {
+        if (auto started =
+                startMock(m_notificationServer, {QStringLiteral("--template"), QStringLiteral("notification_daemon")},
+                          kNotifications, QStringLiteral("notifications.log"));
+            !started) {
             stop();
-            return ::testing::AssertionFailure() << m_services.errorString().toStdString();
+            return started;
         }
-        const auto ready = m_services.readStdoutLine(m_options.startTimeout);
-        if (!ready || ready->trimmed() != "ready") {
-            const std::string why = m_services.describe().toStdString();
+    }
+    if (m_options.fileManager) {
+        const QString path = QStringLiteral("/org/freedesktop/FileManager1");
+        if (auto started = startMock(m_fileManager, {kFileManager, path, kFileManager}, kFileManager,
+                                     QStringLiteral("file-manager.log"));
+            !started) {
             stop();
-            return ::testing::AssertionFailure() << "fake desktop services did not come up within "
-                                                 << m_options.startTimeout.count() << " ms: " << why;
+            return started;
+        }
+        QDBusConnection bus = QDBusConnection::connectToBus(m_address, QStringLiteral("bus-fixture"));
+        QDBusMessage addMethod =
+            QDBusMessage::createMethodCall(kFileManager, path, kMockInterface, QStringLiteral("AddMethod"));
+        addMethod << kFileManager << QStringLiteral("ShowItems") << QStringLiteral("ass") << QString() << QString();
+        const QDBusMessage reply = bus.call(addMethod, QDBus::Block, 5000);
+        QDBusConnection::disconnectFromBus(QStringLiteral("bus-fixture"));
+        if (reply.type() != QDBusMessage::ReplyMessage) {
+            stop();
+            return ::testing::AssertionFailure() << "FileManager1 mock: " << reply.errorMessage().toStdString();
         }
     }
     m_running = true;
@@ -114,7 +161,8 @@ SessionBusFixture& SessionBusFixture::shared() {
 }
 
 void SessionBusFixture::stop() {
-    m_services.stop();
+    m_notificationServer.stop();
+    m_fileManager.stop();
     m_daemon.stop();
     m_exported.restore();
     m_running = false;
@@ -130,29 +178,68 @@ QProcessEnvironment SessionBusFixture::environment() const {
     return mergedEnvironment({variables()});
 }
 
+QList<std::pair<QString, QVariantList>> SessionBusFixture::mockCalls(const QString& service,
+                                                                     const QString& path) const {
+    QList<std::pair<QString, QVariantList>> calls;
+    const QString connectionName = QStringLiteral("bus-fixture-calls");
+    {
+        QDBusConnection bus = QDBusConnection::connectToBus(m_address, connectionName);
+        const QDBusMessage reply =
+            bus.call(QDBusMessage::createMethodCall(service, path, kMockInterface, QStringLiteral("GetCalls")),
+                     QDBus::Block, 5000);
+        if (reply.type() == QDBusMessage::ReplyMessage) {
+            // a(tsav): time, method, arguments
+            const QDBusArgument argument = reply.arguments().value(0).value<QDBusArgument>();
+            argument.beginArray();
+            while (!argument.atEnd()) {
+                qulonglong time = 0;
+                QString method;
+                argument.beginStructure();
+                argument >> time >> method;
+                QVariantList arguments;
+                argument.beginArray();
+                while (!argument.atEnd()) {
+                    QDBusVariant value;
+                    argument >> value;
+                    arguments << plain(value.variant());
+                }
+                argument.endArray();
+                argument.endStructure();
+                calls.append({method, arguments});
+            }
+            argument.endArray();
+        }
+    }
+    QDBusConnection::disconnectFromBus(connectionName);
+    return calls;
+}
+
 QList<RecordedNotification> SessionBusFixture::notifications() const {
     QList<RecordedNotification> result;
-    const QList<QJsonObject> records = readJsonLines(m_dir.filePath(QStringLiteral("notifications.jsonl")));
-    for (qsizetype i = m_notificationsSkipped; i < records.size(); ++i) {
-        const QJsonObject& r = records[i];
+    for (const auto& [method, arguments] :
+         mockCalls(kNotifications, QStringLiteral("/org/freedesktop/Notifications"))) {
+        if (method != QStringLiteral("Notify") || arguments.size() != 8)
+            continue;
         RecordedNotification n;
-        n.id = static_cast<uint>(r.value(QStringLiteral("id")).toInteger());
-        n.appName = r.value(QStringLiteral("app_name")).toString();
-        n.replacesId = static_cast<uint>(r.value(QStringLiteral("replaces_id")).toInteger());
-        n.appIcon = r.value(QStringLiteral("app_icon")).toString();
-        n.summary = r.value(QStringLiteral("summary")).toString();
-        n.body = r.value(QStringLiteral("body")).toString();
-        for (const auto& action : r.value(QStringLiteral("actions")).toArray())
-            n.actions << action.toString();
-        n.hints = r.value(QStringLiteral("hints")).toObject();
-        n.expireTimeout = r.value(QStringLiteral("expire_timeout")).toInt();
+        n.appName = arguments[0].toString();
+        n.replacesId = arguments[1].toUInt();
+        n.appIcon = arguments[2].toString();
+        n.summary = arguments[3].toString();
+        n.body = arguments[4].toString();
+        n.actions = arguments[5].toStringList();
+        n.hints = arguments[6].toMap();
+        n.expireTimeout = arguments[7].toInt();
         result << n;
     }
     return result;
 }
 
 void SessionBusFixture::clearNotifications() {
-    m_notificationsSkipped += static_cast<int>(notifications().size());
+    QDBusConnection bus = QDBusConnection::connectToBus(m_address, QStringLiteral("bus-fixture"));
+    bus.call(QDBusMessage::createMethodCall(kNotifications, QStringLiteral("/org/freedesktop/Notifications"),
+                                            kMockInterface, QStringLiteral("ClearCalls")),
+             QDBus::Block, 5000);
+    QDBusConnection::disconnectFromBus(QStringLiteral("bus-fixture"));
 }
 
 ::testing::AssertionResult SessionBusFixture::waitForNotifications(int count, std::chrono::milliseconds timeout) {
@@ -163,40 +250,10 @@ void SessionBusFixture::clearNotifications() {
                                          << logs().toStdString();
 }
 
-QStringList SessionBusFixture::registeredStatusItems() const {
-    QStringList items;
-    for (const QJsonObject& record : readJsonLines(m_dir.filePath(QStringLiteral("watcher.jsonl")))) {
-        const QString item = record.value(QStringLiteral("item")).toString();
-        if (record.value(QStringLiteral("event")).toString() == QStringLiteral("registered")) {
-            if (!items.contains(item))
-                items << item;
-        } else {
-            items.removeAll(item);
-        }
-    }
-    return items;
-}
-
-::testing::AssertionResult SessionBusFixture::waitForStatusItems(int count, std::chrono::milliseconds timeout) {
-    if (!m_options.statusNotifierWatcher)
-        return ::testing::AssertionFailure()
-               << "the fixture runs no StatusNotifierWatcher (Options::statusNotifierWatcher)";
-    if (waitUntil([&] { return registeredStatusItems().size() >= count; }, timeout))
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "expected " << count << " status item(s) within " << timeout.count()
-                                         << " ms, got " << registeredStatusItems().size() << "\n"
-                                         << logs().toStdString();
-}
-
 QList<SessionBusFixture::FileManagerCall> SessionBusFixture::fileManagerCalls() const {
     QList<FileManagerCall> calls;
-    for (const QJsonObject& record : readJsonLines(m_dir.filePath(QStringLiteral("file-manager.jsonl")))) {
-        FileManagerCall call;
-        call.method = record.value(QStringLiteral("method")).toString();
-        for (const auto& uri : record.value(QStringLiteral("uris")).toArray())
-            call.uris << uri.toString();
-        calls << call;
-    }
+    for (const auto& [method, arguments] : mockCalls(kFileManager, QStringLiteral("/org/freedesktop/FileManager1")))
+        calls.append({method, arguments.value(0).toStringList()});
     return calls;
 }
 
@@ -211,9 +268,10 @@ QList<SessionBusFixture::FileManagerCall> SessionBusFixture::fileManagerCalls() 
 }
 
 QString SessionBusFixture::logs() const {
-    return QStringLiteral("--- dbus-daemon ---\n%1\n--- fake desktop services ---\n%2")
+    return QStringLiteral("--- dbus-daemon ---\n%1\n--- notification server ---\n%2\n--- file manager ---\n%3")
         .arg(fileTail(m_dir.filePath(QStringLiteral("dbus-daemon.log"))),
-             fileTail(m_dir.filePath(QStringLiteral("services.log"))));
+             fileTail(m_dir.filePath(QStringLiteral("notifications.log"))),
+             fileTail(m_dir.filePath(QStringLiteral("file-manager.log"))));
 }
 
 } // namespace tavrel::test

@@ -4,32 +4,34 @@
 #include "ScopedEnvironment.h"
 #include "TempDir.h"
 
-#include <QJsonObject>
 #include <QList>
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
+#include <QVariantMap>
 #include <chrono>
 #include <gtest/gtest.h>
+#include <utility>
 
 namespace tavrel::test {
 
-/// One Notify call as the fake notification server received it.
+/// One Notify call as the notification server received it.
 struct RecordedNotification {
-    uint id = 0; ///< the id the server answered
     QString appName;
     uint replacesId = 0;
     QString appIcon;
     QString summary;
     QString body;
     QStringList actions; ///< key, label, key, label...
-    QJsonObject hints;   ///< byte arrays (image-data) appear as {"bytes": length}
+    QVariantMap hints;
     int expireTimeout = -1;
 };
 
 /// A private session bus (dbus-daemon on a unix socket under a temp dir) exported as
-/// DBUS_SESSION_BUS_ADDRESS, with a fake notification server and, on request, a fake
-/// StatusNotifierWatcher that reports a registered tray host.
+/// DBUS_SESSION_BUS_ADDRESS, with Debian's D-Bus mocks (python3-dbusmock) standing in for the desktop
+/// services that have no display-less program here: a notification server and, on request, a file
+/// manager (org.freedesktop.FileManager1). Each records the calls it receives. The real notification
+/// daemon and tray host, which need a display, are in DesktopHosts.h.
 ///
 /// QDBusConnection::sessionBus() connects once per process and never follows a new address: when
 /// the code under test uses it, start one fixture for the whole test binary (SessionBusFixture::shared()).
@@ -37,8 +39,7 @@ class SessionBusFixture {
 public:
     struct Options {
         bool notificationServer = true;
-        bool statusNotifierWatcher = false;
-        /// A fake org.freedesktop.FileManager1 that logs ShowItems/ShowFolders.
+        /// An org.freedesktop.FileManager1 that records ShowItems.
         bool fileManager = false;
         /// Export DBUS_SESSION_BUS_ADDRESS into the test process.
         bool exportEnvironment = true;
@@ -51,7 +52,7 @@ public:
     SessionBusFixture(const SessionBusFixture&) = delete;
     SessionBusFixture& operator=(const SessionBusFixture&) = delete;
 
-    /// A process-wide bus with the notification server and the watcher, started on first use and
+    /// A process-wide bus with the notification server and the file manager, started on first use and
     /// stopped when the test binary exits. Fails the calling test when it cannot start.
     static SessionBusFixture& shared();
 
@@ -73,12 +74,7 @@ public:
     /// Forgets the notifications recorded so far (notifications() starts empty again).
     void clearNotifications();
 
-    /// Items registered with the fake watcher and still on the bus ("<service>/<path>").
-    QStringList registeredStatusItems() const;
-    ::testing::AssertionResult waitForStatusItems(int count,
-                                                  std::chrono::milliseconds timeout = std::chrono::seconds(5));
-
-    /// Every FileManager1 call so far: method name ("ShowItems", "ShowFolders") and its URIs.
+    /// Every FileManager1 call so far: method name ("ShowItems") and its URIs.
     struct FileManagerCall {
         QString method;
         QStringList uris;
@@ -90,14 +86,17 @@ public:
     QString logs() const;
 
 private:
+    /// The calls a mock received: (method name, arguments).
+    QList<std::pair<QString, QVariantList>> mockCalls(const QString& service, const QString& path) const;
+
     Options m_options;
     TempDir m_dir;
     ManagedProcess m_daemon;
-    ManagedProcess m_services;
+    ManagedProcess m_notificationServer;
+    ManagedProcess m_fileManager;
     QString m_address;
     ScopedEnvironment m_exported;
     bool m_running = false;
-    int m_notificationsSkipped = 0;
 };
 
 } // namespace tavrel::test

@@ -3,6 +3,7 @@
 // Every fixture and helper of the test harness in one include.
 #include "AudioServerFixture.h"
 #include "Command.h"
+#include "DesktopHosts.h"
 #include "ManagedProcess.h"
 #include "Media.h"
 #include "PipeWireFixture.h"

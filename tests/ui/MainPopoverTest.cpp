@@ -89,6 +89,27 @@ TEST(MainPopover, EachClickIsOneCallAndAReleaseOutsideTheDiscsSquareCancels) {
     EXPECT_EQ(settings, 1);
     EXPECT_EQ(quits, 1);
     EXPECT_EQ(startStops, 4);
+
+    // While a start or stop runs the row says so and no click reaches the closures, until it ends.
+    int pauses = 0;
+    popover.onPause = [&] { ++pauses; };
+    popover.setIsRecording(true);
+    QCoreApplication::processEvents();
+    popover.setBusyCaption(QStringLiteral("Arrêt de l'enregistrement…"));
+    EXPECT_EQ(popover.actionLabel()->text(), QStringLiteral("Arrêt de l'enregistrement…"));
+    EXPECT_FALSE(popover.circleButton()->iconPixmap().isNull());
+    QTest::mouseClick(popover.circleButton(), Qt::LeftButton);
+    QTest::mouseClick(popover.actionLabel(), Qt::LeftButton);
+    popover.didTapStartRow();
+    QTest::mouseClick(popover.pauseButton(), Qt::LeftButton);
+    EXPECT_EQ(startStops, 4);
+    EXPECT_EQ(pauses, 0);
+    popover.setBusyCaption(QString());
+    EXPECT_EQ(popover.actionLabel()->text(), QStringLiteral("Arrêter l'enregistrement"));
+    QTest::mouseClick(popover.circleButton(), Qt::LeftButton);
+    QTest::mouseClick(popover.pauseButton(), Qt::LeftButton);
+    EXPECT_EQ(startStops, 5);
+    EXPECT_EQ(pauses, 1);
 }
 
 TEST(MainPopover, HistoryOpensTheWebApplicationsRecordings) {

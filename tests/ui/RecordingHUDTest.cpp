@@ -155,6 +155,16 @@ TEST(RecordingHUD, ButtonsCallTheirClosuresOnceAndStopMayHideThePanel) {
     hud.onNote = [&] { ++notes; };
     QTest::mouseClick(hud.noteButton(), Qt::LeftButton);
     EXPECT_EQ(notes, 1);
+    // A stop takes a while: a second click before the panel goes is not a second stop.
+    int stops = 0;
+    hud.onStop = [&] { ++stops; };
+    QTest::mouseClick(hud.stopButton(), Qt::LeftButton);
+    hud.didStop();
+    EXPECT_EQ(stops, 1);
+    EXPECT_FALSE(hud.stopButton()->isEnabled());
+    hud.hide();
+    flushDeletes();
+    hud.show(false);
     // The stop closure removes the panel from inside a click on its own button.
     hud.onStop = [&] { hud.hide(); };
     QTest::mouseClick(hud.stopButton(), Qt::LeftButton);

@@ -5,10 +5,12 @@
 #include "audio/ffmpeg/FfmpegHandles.h"
 #include "audio/files/TemporaryCaptureFile.h"
 #include "audio/sources/SystemAudioSource.h"
+#include "core/Log.h"
 
 #include <QDateTime>
 #include <QDir>
 #include <algorithm>
+#include <cmath>
 #include <condition_variable>
 #include <deque>
 #include <exception>
@@ -22,6 +24,11 @@
 // spread over the processor's threads, see ParallelM4aWriter). A stereo input is folded with 1/2 + 1/2 (a
 // centred voice keeps its level) rather than swresample's default downmix, which adds the channels up; the
 // tracks themselves are then summed at unit gain.
+//
+// Echo removal runs here rather than live during the recording: the merge already has every track decoded
+// on the same timeline, so the canceller can look a few seconds ahead for the delay, costs nothing while
+// recording, and runs on the merge's own thread while the encoders fill the other cores; the raw
+// microphone file stays the recording of record until the merge has succeeded.
 
 namespace tavrel {
 
@@ -261,36 +268,93 @@ std::unique_ptr<TrackDecoder> openSystemTrack(const QString& path) {
 
 } // namespace
 
-void mergeAudioFilesInto(const QString& mic, const QStringList& systems, const QString& outputPath,
-                         const ParallelM4aWriter::Tuning& encoding) {
-    std::vector<std::unique_ptr<TrackDecoder>> decoders;
+EchoCanceller::Report mergeAudioFilesInto(const QString& mic, const QStringList& systems, const QString& outputPath,
+                                          const ParallelM4aWriter::Tuning& encoding, EchoRemoval echoRemoval) {
     auto micDecoder = std::make_unique<TrackDecoder>(mic); // unreadable: FfmpegError goes to the caller
     if (!micDecoder->hasAudio())
         throw SystemAudioFailure(SystemAudioError::mergeFailed);
-    decoders.push_back(std::move(micDecoder));
+    std::vector<std::unique_ptr<TrackDecoder>> systemDecoders;
     for (const QString& system : systems)
         if (auto decoder = openSystemTrack(system))
-            decoders.push_back(std::move(decoder));
+            systemDecoders.push_back(std::move(decoder));
 
     ParallelM4aWriter encoder(outputPath, kMergedSampleRateHz, aacBitRateFor(kMergedChannels), encoding);
-    std::vector<std::unique_ptr<DecoderPipe>> pipes;
-    for (auto& decoder : decoders)
-        pipes.push_back(std::make_unique<DecoderPipe>(std::move(decoder)));
+    std::unique_ptr<EchoCanceller> canceller;
+    if (echoRemoval == EchoRemoval::automatic && !systemDecoders.empty()) {
+        try {
+            canceller = std::make_unique<EchoCanceller>(kMergedSampleRateHz);
+        } catch (const Error& error) { // the plain sum is still a recording; this is the merge's one line
+            logLine(QStringLiteral("[TrackMerger] Annulation d'écho impossible : ") + error.localizedDescription());
+            echoRemoval = EchoRemoval::off;
+        }
+    }
+    auto micPipe = std::make_unique<DecoderPipe>(std::move(micDecoder));
+    std::vector<std::unique_ptr<DecoderPipe>> systemPipes;
+    for (auto& decoder : systemDecoders)
+        systemPipes.push_back(std::make_unique<DecoderPipe>(std::move(decoder)));
 
-    std::vector<float> mix(kChunkFrames);
-    while (!pipes.empty()) {
-        std::fill(mix.begin(), mix.end(), 0.0f);
-        size_t mixFrames = 0;
-        for (auto it = pipes.begin(); it != pipes.end();) {
+    // The mix from `written` on (at `mix[mixStart]`): the system tracks' sum as far as decoded, plus the
+    // microphone up to `micEnd`, which the canceller hands out a few seconds behind the input. What lies
+    // before `micEnd` is complete and goes to the encoder, which works in parallel on its own threads.
+    std::vector<float> mix;
+    size_t mixStart = 0;
+    int64_t written = 0;
+    int64_t micEnd = 0;
+    const auto addMic = [&](const float* samples, int64_t count) {
+        float* to = mix.data() + mixStart + (micEnd - written);
+        for (int64_t i = 0; i < count; ++i)
+            to[i] += samples[i];
+        micEnd += count;
+    };
+    std::vector<float> far(kChunkFrames);
+    std::vector<float> cleaned(kChunkFrames);
+    while (micPipe || !systemPipes.empty()) {
+        std::vector<float> micChunk;
+        if (micPipe) {
+            micChunk = micPipe->take();
+            if (micChunk.size() < static_cast<size_t>(kChunkFrames))
+                micPipe.reset();
+        }
+        std::fill(far.begin(), far.end(), 0.0f);
+        size_t span = micChunk.size();
+        for (auto it = systemPipes.begin(); it != systemPipes.end();) {
             const std::vector<float> chunk = (*it)->take();
             for (size_t i = 0; i < chunk.size(); ++i)
-                mix[i] += chunk[i];
-            mixFrames = std::max(mixFrames, chunk.size());
-            it = chunk.size() < static_cast<size_t>(kChunkFrames) ? pipes.erase(it) : it + 1;
+                far[i] += chunk[i];
+            span = std::max(span, chunk.size());
+            it = chunk.size() < static_cast<size_t>(kChunkFrames) ? systemPipes.erase(it) : it + 1;
         }
-        encoder.write(mix.data(), static_cast<int64_t>(mixFrames));
+        mix.insert(mix.end(), far.begin(), far.begin() + static_cast<std::ptrdiff_t>(span));
+        if (canceller) {
+            canceller->push(micChunk.data(), far.data(), static_cast<int64_t>(micChunk.size()));
+            if (!micPipe)
+                canceller->finish();
+            for (int64_t count; (count = canceller->pull(cleaned.data(), kChunkFrames)) > 0;)
+                addMic(cleaned.data(), count);
+        } else {
+            addMic(micChunk.data(), static_cast<int64_t>(micChunk.size()));
+        }
+        const int64_t complete = micPipe ? micEnd : written + static_cast<int64_t>(mix.size() - mixStart);
+        encoder.write(mix.data() + mixStart, complete - written);
+        mixStart += static_cast<size_t>(complete - written);
+        written = complete;
+        if (mixStart > mix.size() / 2) {
+            mix.erase(mix.begin(), mix.begin() + static_cast<std::ptrdiff_t>(mixStart));
+            mixStart = 0;
+        }
     }
     encoder.finish();
+
+    const EchoCanceller::Report report = canceller ? canceller->report() : EchoCanceller::Report{};
+    if (echoRemoval == EchoRemoval::automatic) {
+        if (report.echoFound)
+            logLine(QStringLiteral("[TrackMerger] Écho des haut-parleurs retiré du micro : %1 dB (retard %2 ms)")
+                        .arg(report.removedDb, 0, 'f', 1)
+                        .arg(std::lround(report.delayMs)));
+        else
+            logLine(QStringLiteral("[TrackMerger] Pas d'écho des haut-parleurs dans le micro"));
+    }
+    return report;
 }
 
 QCoro::Task<QString> mergeAudioFiles(QString mic, QStringList systems) {

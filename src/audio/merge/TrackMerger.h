@@ -1,5 +1,6 @@
 #pragma once
 
+#include "audio/merge/EchoCanceller.h"
 #include "audio/merge/ParallelM4aWriter.h"
 
 #include <QCoro/QCoroTask>
@@ -10,17 +11,23 @@ namespace tavrel {
 
 /// Mixes the microphone file and the system-audio files into one AAC `.m4a` in the temporary directory
 /// ("tavrel_merged_<T>.m4a"), every input starting at time zero at unit gain; the result lasts as long as
-/// the longest input. Runs off the calling thread.
+/// the longest input. Where the microphone heard the speakers, the far end is first removed from it (see
+/// EchoCanceller), with the system tracks as the reference. Runs off the calling thread; logs one line on
+/// the echo it found.
 ///
 /// Throws `SystemAudioFailure(mergeFailed)` when the microphone file holds no audio stream, and the
 /// `FfmpegError` of the step when the microphone cannot be read or the output cannot be written. A system
 /// file that cannot be read or holds no audio is left out.
 QCoro::Task<QString> mergeAudioFiles(QString mic, QStringList systems);
 
+/// The program always removes the echo; benchmarks compare with the plain sum.
+enum class EchoRemoval { automatic, off };
+
 /// The blocking body of `mergeAudioFiles`, writing to `outputPath` (for tests and benchmarks, which may also
-/// choose how the encoding is cut into segments).
-void mergeAudioFilesInto(const QString& mic, const QStringList& systems, const QString& outputPath,
-                         const ParallelM4aWriter::Tuning& encoding = {});
+/// choose how the encoding is cut into segments). Returns what was found of the far end in the microphone.
+EchoCanceller::Report mergeAudioFilesInto(const QString& mic, const QStringList& systems, const QString& outputPath,
+                                          const ParallelM4aWriter::Tuning& encoding = {},
+                                          EchoRemoval echoRemoval = EchoRemoval::automatic);
 
 /// The format of the mix: speech for transcription, so one channel; see TrackMerger.cpp.
 inline constexpr int kMergedSampleRateHz = 44100;

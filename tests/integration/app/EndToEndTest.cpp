@@ -1,5 +1,7 @@
-// The real program under Xvfb with a tray host, a notification server and a private audio server,
-// driven only through its public surface: the tray, the command line and its D-Bus face.
+// The real program under Xvfb with the desktop's own programs from Debian (the dunst notification daemon,
+// xfce4-panel's status tray, the openbox window manager, the weston compositor) and a private audio server,
+// driven only through its public surface: the tray, the command line, its D-Bus face, the keyboard.
+#include "ReferenceBackend.h"
 #include "TestSupport.h"
 
 #include <QDBusConnection>
@@ -7,7 +9,12 @@
 #include <QDBusVariant>
 #include <QDir>
 #include <QFile>
+#include <QImage>
+#include <QJsonDocument>
+#include <QProcess>
+#include <QRegularExpression>
 #include <QSettings>
+#include <QStandardPaths>
 #include <gtest/gtest.h>
 
 namespace tavrel::test {
@@ -44,7 +51,7 @@ class EndToEndTest : public ::testing::Test {
 protected:
     void SetUp() override {
         SessionBusFixture::Options busOptions;
-        busOptions.statusNotifierWatcher = true;
+        busOptions.notificationServer = false;
         busOptions.exportEnvironment = false;
         m_bus = std::make_unique<SessionBusFixture>(busOptions);
         ASSERT_TRUE(m_bus->start());
@@ -57,6 +64,8 @@ protected:
         m_pulse = std::make_unique<PulseAudioFixture>(audioOptions);
         ASSERT_TRUE(m_pulse->start());
 
+        m_session = mergedEnvironment({m_bus->variables(), m_xvfb->variables()});
+        ASSERT_TRUE(m_notifications.start(m_session));
         m_env = mergedEnvironment({m_pulse->variables(), m_bus->variables(), m_xvfb->variables()});
         m_env.insert(QStringLiteral("XDG_CONFIG_HOME"), m_dir.filePath(QStringLiteral("config"), true));
         m_env.insert(QStringLiteral("XDG_DATA_HOME"), m_dir.filePath(QStringLiteral("data"), true));
@@ -71,12 +80,14 @@ protected:
         if (m_program.pid() > 0)
             m_program.stop();
         if (HasFailure())
-            std::cerr << "program log:\n" << m_program.logTail(60).toStdString() << std::endl;
+            std::cerr << "program log:\n"
+                      << m_program.logTail(60).toStdString() << "\n"
+                      << m_notifications.logs().toStdString() << std::endl;
     }
 
     ManagedProcess::Options programOptions(const QStringList& arguments, const QString& logName) const {
         ManagedProcess::Options options;
-        options.program = QStringLiteral(TAVREL_RECORDER_BIN);
+        options.program = m_programPath;
         options.arguments = arguments;
         options.environment = m_env;
         options.logPath = m_dir.filePath(logName);
@@ -136,26 +147,38 @@ protected:
             .value(key);
     }
 
-    /// Summaries of the "linked" notifications so far; each must carry the exact body.
+    /// The "linked" notifications the notification daemon received so far; each must carry the exact body.
     int linkedNotifications() const {
         int count = 0;
-        for (const RecordedNotification& n : m_bus->notifications()) {
+        for (const ReceivedNotification& n : m_notifications.received()) {
             if (n.summary == QStringLiteral("✅ TaVREL Recorder lié")) {
                 EXPECT_EQ(n.body, QStringLiteral("Token et serveur configurés automatiquement."));
                 EXPECT_EQ(n.appName, QStringLiteral("TaVREL Recorder"));
-                EXPECT_EQ(n.replacesId, 0U);
                 ++count;
             }
         }
         return count;
     }
 
+    /// What `command` prints on the test's X display.
+    QString onDisplay(const QString& command, const QStringList& arguments,
+                      const QProcessEnvironment& display = {}) const {
+        return QString::fromUtf8(
+            runCommand(command, arguments, display.isEmpty() ? m_session : display, 10s).standardOutput);
+    }
+
+    /// The shipped program (real dialogs) instead of the test build.
+    void useShippedProgram() { m_programPath = QStringLiteral(TAVREL_RECORDER_SHIPPED_BIN); }
+
     static inline int s_connections = 0;
     TempDir m_dir{QStringLiteral("tavrel-e2e")};
     std::unique_ptr<SessionBusFixture> m_bus;
     std::unique_ptr<XvfbFixture> m_xvfb;
     std::unique_ptr<PulseAudioFixture> m_pulse;
-    QProcessEnvironment m_env;
+    NotificationDaemon m_notifications;
+    QProcessEnvironment m_session; ///< the bus and the X display, for the desktop's programs
+    QProcessEnvironment m_env;     ///< the program's
+    QString m_programPath = QStringLiteral(TAVREL_RECORDER_BIN);
     std::unique_ptr<QDBusConnection> m_connection;
     ManagedProcess m_program;
 };
@@ -166,16 +189,11 @@ protected:
 // last must be the only new one that notifies.
 TEST_F(EndToEndTest, ShowsItsTrayItemAndTakesOnlyWellFormedLinks) {
     ASSERT_TRUE(startProgram());
-    ASSERT_TRUE(m_bus->waitForStatusItems(1, 10s)) << m_bus->logs().toStdString();
-    EXPECT_TRUE(m_bus->registeredStatusItems().first().startsWith(
-        QStringLiteral("org.kde.StatusNotifierItem-%1-").arg(m_program.pid())));
-
     EXPECT_EQ(launchAgain({QStringLiteral("TAVREL://auth?token=t3&backend=b3")}), 0);
     EXPECT_EQ(launchAgain({QStringLiteral("tavrel://auth?token=abc&backend=http%3A%2F%2F127.0.0.1%3A9%2Fbackend")}), 0);
     ASSERT_TRUE(waitUntil([&] { return linkedNotifications() >= 1; }, 10s)) << m_program.describe().toStdString();
     EXPECT_EQ(stored(QStringLiteral("token")).toString(), QStringLiteral("abc"));
     EXPECT_EQ(stored(QStringLiteral("backendURL")).toString(), QStringLiteral("http://127.0.0.1:9/backend"));
-    EXPECT_EQ(m_bus->registeredStatusItems().size(), 1) << "the second launch must not show a tray item";
 
     for (const QString& link :
          {QStringLiteral("tavrel://AUTH?token=x&backend=y"), QStringLiteral("tavrel://login?token=x&backend=y"),
@@ -205,8 +223,43 @@ TEST_F(EndToEndTest, LaunchedByALinkItStoresItAtStart) {
     EXPECT_EQ(stored(QStringLiteral("backendURL")).toString(), QString());
 }
 
+/// Pixels of the recording badge's red in a screenshot of the top of the screen, where the panel sits.
+int badgePixelsAtTheTop(const QProcessEnvironment& display) {
+    const CommandResult shot = runCommand(QStringLiteral("import"),
+                                          {QStringLiteral("-window"), QStringLiteral("root"), QStringLiteral("-crop"),
+                                           QStringLiteral("1280x40+0+0"), QStringLiteral("png:-")},
+                                          display, 20s);
+    const QImage image = QImage::fromData(shot.standardOutput, "PNG");
+    int count = 0;
+    for (int y = 0; y < image.height(); ++y) {
+        for (int x = 0; x < image.width(); ++x) {
+            const QColor c = image.pixelColor(x, y);
+            count += c.red() > 190 && c.green() < 90 && c.blue() < 90 ? 1 : 0;
+        }
+    }
+    return count;
+}
+
+// Driven through its D-Bus actions and its command line, with xfce4-panel's status tray as the tray host: the
+// host lists the item, draws the recording badge and reads the clock in the item's tooltip.
 TEST_F(EndToEndTest, DrivenThroughItsActionsItRecordsWithNotes) {
+    TrayHost tray;
+    ASSERT_TRUE(tray.start(m_session));
+    // What the tray host asks of the item and gets back, as the bus carries it.
+    ManagedProcess monitor;
+    ManagedProcess::Options monitorOptions;
+    monitorOptions.program = QStringLiteral("dbus-monitor");
+    monitorOptions.arguments = {QStringLiteral("--address"), m_bus->address()};
+    monitorOptions.stdoutPath = m_dir.filePath(QStringLiteral("bus.log"));
+    ASSERT_TRUE(monitor.start(monitorOptions));
     ASSERT_TRUE(startProgram());
+    const QString itemName = QStringLiteral("org.kde.StatusNotifierItem-%1-").arg(m_program.pid());
+    auto itemsOfOurs = [&] { return tray.registeredItems().filter(itemName).size(); };
+    ASSERT_TRUE(waitUntil([&] { return itemsOfOurs() == 1; }, 20s))
+        << tray.registeredItems().join(u',').toStdString() << tray.logs().toStdString();
+    waitUntil([] { return false; }, 1s); // the host draws the item
+    const int idleBadge = badgePixelsAtTheTop(m_session);
+
     PropertiesWatcher watcher;
     ASSERT_TRUE(m_connection->connect(kService, kPath, QStringLiteral("org.freedesktop.DBus.Properties"),
                                       QStringLiteral("PropertiesChanged"), &watcher,
@@ -222,13 +275,25 @@ TEST_F(EndToEndTest, DrivenThroughItsActionsItRecordsWithNotes) {
     ASSERT_TRUE(waitForProperty(QStringLiteral("IsPaused"), true));
     ASSERT_TRUE(action(QStringLiteral("toggle-pause")));
     ASSERT_TRUE(waitForProperty(QStringLiteral("IsPaused"), false));
-    // The clock shows in the title after a second.
+    // The clock shows in the title after a second, and the tray host reads it in the item's tooltip.
     ASSERT_TRUE(waitUntil(
         [&] { return property(QStringLiteral("StatusTitle")).toString().startsWith(QStringLiteral("🔴0:0")); }, 5s));
+    // The tooltip's title and text, in a reply that only the host asked for.
+    static const QRegularExpression toolTipWithClock(
+        QStringLiteral("string \"TaVREL Recorder\"\\n\\s*string \"🔴0:\\d\\d\""));
+    const auto busLog = [&] {
+        QFile log(monitorOptions.stdoutPath);
+        return log.open(QIODevice::ReadOnly) ? QString::fromUtf8(log.readAll()) : QString();
+    };
+    EXPECT_TRUE(waitUntil([&] { return toolTipWithClock.match(busLog()).hasMatch(); }, 10s, 500ms))
+        << "the tray host never read the clock in the tooltip";
+    EXPECT_TRUE(waitUntil([&] { return badgePixelsAtTheTop(m_session) > idleBadge + 4; }, 10s, 500ms))
+        << "no recording badge drawn by the tray host (" << idleBadge << " red pixels when idle)";
 
     // The stop comes from the command line, through the running instance.
     EXPECT_EQ(launchAgain({QStringLiteral("--action"), QStringLiteral("stop-recording")}), 0);
     ASSERT_TRUE(waitForProperty(QStringLiteral("IsRecording"), false));
+    EXPECT_EQ(tray.registeredItems().size(), 1) << "the second launch shows no tray item of its own";
     EXPECT_EQ(property(QStringLiteral("StatusTitle")), QVariant(QString()));
 
     QStringList recordings;
@@ -253,6 +318,108 @@ TEST_F(EndToEndTest, DrivenThroughItsActionsItRecordsWithNotes) {
     ASSERT_GE(titles.size(), 2);
     EXPECT_TRUE(titles.first().toString().startsWith(QStringLiteral("🔴")));
     EXPECT_EQ(titles.last().toString(), QString());
+}
+
+// In a Wayland session with XWayland (weston), the program started as its desktop entry starts it runs on the
+// X server, where its panel can place itself (the panel's place, stacking and workspaces under a window manager
+// are the X11 panel test's). Without an X server it says that the panel cannot place itself.
+TEST_F(EndToEndTest, InAWaylandSessionItRunsOnXWaylandAsItsDesktopEntryStartsIt) {
+    WaylandCompositor weston;
+    ASSERT_TRUE(weston.start()) << weston.logs().toStdString();
+    QFile entry(QStringLiteral(TAVREL_DESKTOP_ENTRY));
+    ASSERT_TRUE(entry.open(QIODevice::ReadOnly));
+    QStringList command;
+    for (const QString& line : QString::fromUtf8(entry.readAll()).split(u'\n')) {
+        if (line.startsWith(QStringLiteral("Exec=")) && command.isEmpty())
+            command = QProcess::splitCommand(line.mid(5));
+    }
+    command.removeIf([](const QString& argument) { return argument.startsWith(u'%'); });
+    ASSERT_FALSE(command.isEmpty());
+    // The command is looked up on PATH, as the desktop does; the shipped program stands there.
+    const QString bin = m_dir.filePath(QStringLiteral("bin"), true);
+    ASSERT_TRUE(QFile::link(QStringLiteral(TAVREL_RECORDER_SHIPPED_BIN), bin + u'/' + command.first()));
+    m_env.insert(QStringLiteral("PATH"), bin + u':' + m_env.value(QStringLiteral("PATH")));
+    m_env.remove(QStringLiteral("QT_QPA_PLATFORM"));
+    m_env.insert(weston.variables());
+    m_programPath = QStandardPaths::findExecutable(command.first(), {bin});
+
+    ASSERT_TRUE(startProgram(command.mid(1)));
+    ASSERT_TRUE(action(QStringLiteral("start-recording")));
+    ASSERT_TRUE(waitForProperty(QStringLiteral("IsRecording"), true)) << m_program.logTail().toStdString();
+    // The panel is a visible X window of the program on XWayland's display.
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            return !onDisplay(QStringLiteral("xdotool"),
+                              {QStringLiteral("search"), QStringLiteral("--onlyvisible"), QStringLiteral("--pid"),
+                               QString::number(m_program.pid())},
+                              m_env)
+                        .trimmed()
+                        .isEmpty();
+        },
+        10s))
+        << onDisplay(QStringLiteral("xwininfo"), {QStringLiteral("-root"), QStringLiteral("-tree")}, m_env)
+               .toStdString();
+    EXPECT_FALSE(m_program.logTail(200).contains(QStringLiteral("[Display]")));
+    m_program.stop();
+
+    m_env.remove(QStringLiteral("DISPLAY"));
+    ASSERT_TRUE(startProgram(command.mid(1)));
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            return m_program.logTail(200).contains(
+                QStringLiteral("[Display] session Wayland sans serveur X (XWayland) : le panneau d'enregistrement"));
+        },
+        10s))
+        << m_program.logTail().toStdString();
+}
+
+// Under a window manager, the upload dialog takes the keyboard as it opens: what the user types at once,
+// accents included, is the title that the backend receives, and Return sends it.
+TEST_F(EndToEndTest, TheUploadDialogTakesTheKeyboardUnderAWindowManager) {
+    WindowManager openbox;
+    ASSERT_TRUE(openbox.start(m_session));
+    ReferenceBackend backend;
+    ASSERT_TRUE(backend.isRunning()) << backend.describe().toStdString();
+    {
+        QSettings settings(m_dir.filePath(QStringLiteral("config"), true) +
+                               QStringLiteral("/TavrelRecorder/TavrelRecorder.conf"),
+                           QSettings::IniFormat);
+        settings.setValue(QStringLiteral("backendURL"), backend.baseURL());
+        settings.setValue(QStringLiteral("token"), QString());
+    }
+    // A French keyboard, where the accented letters have keys of their own. (For a letter the keyboard lacks,
+    // xdotool rebinds a spare key for an instant, a race that the program may lose and that no user meets.)
+    ASSERT_TRUE(runCommand(QStringLiteral("setxkbmap"), {QStringLiteral("fr")}, m_session).ok());
+    useShippedProgram();
+    ASSERT_TRUE(startProgram());
+    // The check for unsent recordings runs 1.5 s after launch; the recording starts once it has found none.
+    waitUntil([] { return false; }, 2500ms);
+    ASSERT_TRUE(action(QStringLiteral("start-recording")));
+    ASSERT_TRUE(waitForProperty(QStringLiteral("IsRecording"), true)) << m_program.logTail().toStdString();
+    ASSERT_TRUE(action(QStringLiteral("stop-recording")));
+    // The window manager makes the dialog the active window, then the program takes the keyboard's focus.
+    const auto activeWindowName = [&] {
+        return onDisplay(QStringLiteral("xdotool"), {QStringLiteral("getactivewindow"), QStringLiteral("getwindowname"),
+                                                     QStringLiteral("getwindowfocus"), QStringLiteral("getwindowname")})
+            .trimmed()
+            .replace(u'\n', u'|');
+    };
+    ASSERT_TRUE(
+        waitUntil([&] { return activeWindowName() == QStringLiteral("TaVREL Recorder|TaVREL Recorder"); }, 30s, 200ms))
+        << activeWindowName().toStdString() << "\n"
+        << m_program.logTail().toStdString();
+    const QString title = QStringLiteral("Réunion d'équipe à Genève");
+    EXPECT_TRUE(runCommand(QStringLiteral("xdotool"),
+                           {QStringLiteral("type"), QStringLiteral("--delay"), QStringLiteral("40"), title}, m_session,
+                           30s)
+                    .ok());
+    EXPECT_TRUE(
+        runCommand(QStringLiteral("xdotool"), {QStringLiteral("key"), QStringLiteral("Return")}, m_session).ok());
+    // The backend stores the upload's fields a moment after its folder.
+    ASSERT_TRUE(waitUntil([&] { return backend.uploadCount() == 1 && !backend.fields(1).isEmpty(); }, 30s))
+        << m_program.logTail().toStdString();
+    EXPECT_EQ(backend.fields(1).value(QStringLiteral("title")).toString(), title)
+        << QJsonDocument(backend.upload(1)).toJson().toStdString();
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #include "AppDelegateTestBase.h"
 #include "audio/AudioRecorder.h"
 #include "audio/sources/SystemAudioBackends.h"
+#include "ui/MainPopoverController.h"
 #include "ui/NoteField.h"
 #include "ui/RecordingHUD.h"
 
@@ -168,20 +169,92 @@ TEST_F(SessionControllerTest, NotesFromThePromptAndTheActionAreWrittenBesideTheR
         << "no temporary file left beside the notes";
 }
 
+// A start or a stop under way shows in the popover, whose round button then does nothing; the desktop's
+// requests meanwhile are not a second start or stop (a start asked during a stop follows it). Under an
+// alert, the tray, the popover and the desktop's actions wait for the alert.
+TEST_F(SessionControllerTest, BusyStartsAndStopsAndAlertsTakeNoSecondRequest) {
+    launch();
+    QSignalSpy finished(m_delegate.get(), &AppDelegate::recordingFinished);
+    auto warnings = [&] { return m_alerts->shownMessages().count(kMissingAudio); };
+    auto openPopover = [&] {
+        if (!m_delegate->isPopoverShown())
+            m_statusItem->click();
+        return QPointer<MainPopoverController>(m_delegate->popoverController());
+    };
+
+    QPointer<MainPopoverController> popover = openPopover();
+    ASSERT_TRUE(popover);
+    popover->onStartStop();
+    EXPECT_TRUE(m_delegate->isStarting());
+    EXPECT_EQ(m_statusItem->icon, StatusIcon::busy);
+    popover = openPopover();
+    ASSERT_TRUE(popover);
+    EXPECT_EQ(popover->busyCaption(), QStringLiteral("Démarrage de l'enregistrement…"));
+    popover->didTapStartRow();
+    m_delegate->startRecording();
+    // What the popover's buttons call, kept to be pressed while the popover is gone.
+    const std::function<void()> startStopButton = popover->onStartStop;
+    const std::function<void()> settingsButton = popover->onSettings;
+
+    // The warning that follows the start is up: nothing the user does elsewhere acts.
+    m_alerts->answer(0, [&](const AlertSpec&) {
+        EXPECT_FALSE(m_delegate->isPopoverShown()) << "an open popover closes when an alert comes up";
+        m_statusItem->click();
+        m_delegate->showPopover();
+        EXPECT_FALSE(m_delegate->isPopoverShown());
+        EXPECT_TRUE(m_delegate->raiseAlertIfUp());
+        startStopButton();
+        settingsButton();
+        EXPECT_TRUE(m_delegate->isRecording());
+    });
+    ASSERT_TRUE(waitUntil([&] { return m_delegate->isRecording() && !m_alerts->isAlertUp(); }, 10s));
+    waitUntil([] { return false; }, 300ms); // room for a wrong second start
+    EXPECT_EQ(warnings(), 1) << m_alerts->shownMessages().join(u'|').toStdString();
+    EXPECT_FALSE(m_alerts->shownMessages().contains(QStringLiteral("Paramètres TaVREL Recorder")));
+    EXPECT_FALSE(m_delegate->raiseAlertIfUp());
+
+    popover = openPopover();
+    ASSERT_TRUE(popover);
+    EXPECT_EQ(popover->busyCaption(), QString());
+    popover->onStartStop();
+    EXPECT_TRUE(m_delegate->isStopping());
+    popover = openPopover();
+    ASSERT_TRUE(popover);
+    EXPECT_EQ(popover->busyCaption(), QStringLiteral("Arrêt de l'enregistrement…"));
+    popover->didTapStartRow();
+    m_delegate->stopRecording();
+    // Asked while the recorder still finishes: the start follows the stop. Its warning and the upload dialog
+    // come in either order, so both take their first button; the upload then fails on a closed port.
+    SettingsManager::shared().setBackendURL(QStringLiteral("http://127.0.0.1:9/backend"));
+    m_alerts->answer(0);
+    m_alerts->answer(0);
+    m_delegate->startRecording();
+    ASSERT_TRUE(waitUntil([&] { return finished.size() == 1 && m_delegate->isRecording(); }, 20s));
+    ASSERT_TRUE(waitUntil([&] { return m_alerts->shownMessages().contains(QStringLiteral("Erreur d'envoi")); }, 20s))
+        << m_alerts->shownMessages().join(u'|').toStdString();
+    EXPECT_EQ(warnings(), 2);
+    EXPECT_EQ(popover ? popover->busyCaption() : QString(), QString());
+    stopAndWait();
+    EXPECT_EQ(finished.size(), 2);
+    EXPECT_EQ(m_statusItem->icon, StatusIcon::idle);
+}
+
 TEST_F(SessionControllerTest, FailedStartShowsOneAlertWithTheErrorAndChangesNothing) {
     // No server behind this address: the microphone cannot start.
     m_env.set("PULSE_SERVER", (QStringLiteral("unix:") + m_dir.path() + QStringLiteral("/no-server")).toUtf8());
     QString expected;
     bool probed = false;
     AudioRecorder probe;
-    auto probing = [&]() -> QCoro::Task<> {
+    // A named closure: the coroutine refers to its captures until it ends.
+    auto probeStart = [&]() -> QCoro::Task<> {
         try {
             co_await probe.startRecording();
         } catch (const Error& error) {
             expected = error.localizedDescription();
         }
         probed = true;
-    }();
+    };
+    auto probing = probeStart();
     ASSERT_TRUE(waitUntil([&] { return probed; }, 10s));
     ASSERT_FALSE(expected.isEmpty()) << "the recorder started without a server";
 

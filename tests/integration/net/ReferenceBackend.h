@@ -11,9 +11,11 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QPointer>
 #include <QTimer>
 #include <chrono>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <type_traits>
@@ -93,36 +95,48 @@ struct Outcome {
     }
 };
 
+/// What `runTask`'s coroutine shares with its caller. The coroutine holds it by shared pointer: when the
+/// caller gives up at the time-out, the coroutine may still resume later and must find it alive.
+template <typename Value>
+struct TaskRun {
+    Outcome<Value> outcome;
+    QPointer<QEventLoop> loop;
+};
+
+template <typename T, typename Value>
+QCoro::Task<> runTaskInto(QCoro::Task<T> task, std::shared_ptr<TaskRun<Value>> run) {
+    try {
+        if constexpr (std::is_void_v<T>) {
+            co_await std::move(task);
+            run->outcome.value = std::monostate{};
+        } else {
+            run->outcome.value = co_await std::move(task);
+        }
+    } catch (...) {
+        run->outcome.error = std::current_exception();
+    }
+    run->outcome.finished = true;
+    if (run->loop)
+        run->loop->quit();
+}
+
 /// Runs `task` to its end (at most `timeout`), catching what it throws. A real event loop, not a polling
 /// one: uploads hand their body to Qt's network thread chunk by chunk through this thread's events, so
 /// sleeping here would throttle them.
 template <typename T>
 auto runTask(QCoro::Task<T> task, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
-    Outcome<std::conditional_t<std::is_void_v<T>, std::monostate, T>> outcome;
+    using Value = std::conditional_t<std::is_void_v<T>, std::monostate, T>;
+    auto run = std::make_shared<TaskRun<Value>>();
     QEventLoop loop;
-    // A named closure: the coroutine refers to its captures until it ends, after this function's loop.
-    auto body = [&]() -> QCoro::Task<> {
-        try {
-            if constexpr (std::is_void_v<T>) {
-                co_await std::move(task);
-                outcome.value = std::monostate{};
-            } else {
-                outcome.value = co_await std::move(task);
-            }
-        } catch (...) {
-            outcome.error = std::current_exception();
-        }
-        outcome.finished = true;
-        loop.quit();
-    };
-    auto runner = body();
-    if (!outcome.finished) {
+    run->loop = &loop;
+    auto runner = runTaskInto<T, Value>(std::move(task), run);
+    if (!run->outcome.finished) {
         QTimer timer;
         timer.callOnTimeout(&loop, &QEventLoop::quit);
         timer.start(timeout);
         loop.exec();
     }
-    return outcome;
+    return run->outcome;
 }
 
 } // namespace tavrel::test

@@ -10,6 +10,7 @@
 #include "core/Log.h"
 
 #include <QFileInfo>
+#include <QJsonObject>
 #include <QRegularExpression>
 #include <chrono>
 #include <gtest/gtest.h>
