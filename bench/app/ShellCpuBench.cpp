@@ -119,6 +119,7 @@ int main(int argc, char** argv) {
     QProcessEnvironment env = mergedEnvironment({pulse.variables(), bus.variables(), xvfb.variables()});
     env.insert(QStringLiteral("XDG_CONFIG_HOME"), dir.filePath(QStringLiteral("config"), true));
     env.insert(QStringLiteral("XDG_DATA_HOME"), dir.filePath(QStringLiteral("data"), true));
+    env.insert(QStringLiteral("XDG_STATE_HOME"), dir.filePath(QStringLiteral("state"), true));
     env.insert(QStringLiteral("TAVREL_TEST_ALERT_ANSWERS"), QString());
 
     ManagedProcess program;

@@ -103,6 +103,7 @@ int main(int argc, char** argv) {
     QTemporaryDir scratch(QDir::tempPath() + QStringLiteral("/tavrel-mic-bench-XXXXXX"));
     qputenv("TMPDIR", scratch.path().toUtf8());
     qputenv("XDG_DATA_HOME", scratch.filePath("data").toUtf8());
+    qputenv("XDG_STATE_HOME", scratch.filePath("state").toUtf8());
 
     PulseAudioFixture server;
     if (!server.start() || !server.warmUp()) {

@@ -94,12 +94,8 @@ void AppDelegate::applicationDidFinishLaunching() {
     m_hud->pinToAllWorkspaces = [](QWindow& window) { showOnAllWorkspaces(window); };
     m_hud->compositingAvailable = [] { return isCompositingAvailable(); };
 
-    // Repair what a crash interrupted before the pending check offers it for upload.
-    recoverInterruptedRecordings();
-    QTimer::singleShot(m_services.pendingCheckDelayMs, this, [weak] {
-        if (weak)
-            weak->checkPendingRecordings();
-    });
+    // Rebuild what a crash interrupted before the pending check offers it for upload.
+    recoverThenCheckPending();
 
     setupCallMonitor();
 }
@@ -112,12 +108,26 @@ void AppDelegate::removeStaleRoutingDevice() {
         m_services.destroyDevice(*device);
 }
 
-void AppDelegate::recoverInterruptedRecordings() {
-    if (!m_services.recoverInterruptedRecording)
-        return;
-    const QDir folder(AudioRecorder::recordingsDir());
-    for (const QFileInfo& file : folder.entryInfoList({QStringLiteral("*.m4a")}, QDir::Files, QDir::Name))
-        m_services.recoverInterruptedRecording(file.absoluteFilePath());
+QCoro::Task<> AppDelegate::recoverThenCheckPending() {
+    const QPointer<AppDelegate> self(this);
+    const auto launchedAt = std::chrono::steady_clock::now();
+    if (m_services.recoverInterruptedRecordings) {
+        try {
+            auto recovering = m_services.recoverInterruptedRecordings();
+            co_await recovering;
+        } catch (const std::exception& error) {
+            logLine(QStringLiteral("[AudioRecorder] Reprise des enregistrements interrompue : ") +
+                    QString::fromUtf8(error.what()));
+        }
+    }
+    if (!self)
+        co_return;
+    const auto elapsed =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - launchedAt);
+    QTimer::singleShot(std::max(m_services.pendingCheckDelayMs - elapsed, std::chrono::milliseconds(0)), this, [self] {
+        if (self)
+            self->checkPendingRecordings();
+    });
 }
 
 void AppDelegate::closePopover() {

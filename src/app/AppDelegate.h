@@ -47,8 +47,10 @@ struct AppServices {
     /// left behind. Empty: there is nothing to look up.
     std::function<std::optional<AudioRouting::Device>(const QString& uid)> deviceWithUID;
     std::function<bool(const AudioRouting::Device& device)> destroyDevice;
-    /// Makes a recording interrupted by a crash readable again. Empty: nothing is repaired.
-    std::function<void(const QString& path)> recoverInterruptedRecording;
+    /// Rebuilds the recordings that a crash interrupted; the pending check waits for it. Called once at launch
+    /// on the main thread, it decides there what it will look at (a recording may start right after) and does
+    /// the work elsewhere. Empty: nothing is rebuilt.
+    std::function<QCoro::Task<>()> recoverInterruptedRecordings;
     /// The status item's clock. Empty: the system clock.
     std::function<QDateTime()> now;
 };
@@ -135,7 +137,7 @@ private:
     void refreshStatusIcon();
     void closePopover();
     void removeStaleRoutingDevice();
-    void recoverInterruptedRecordings();
+    QCoro::Task<> recoverThenCheckPending();
     QDateTime now() const;
     QCoro::Task<> runStart();
     QCoro::Task<> runStop();

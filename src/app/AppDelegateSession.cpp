@@ -10,8 +10,6 @@
 #include "ui/RecordingHUD.h"
 #include "ui/VUMeterView.h"
 
-#include <QFileInfo>
-#include <QSaveFile>
 #include <utility>
 
 namespace tavrel {
@@ -20,12 +18,6 @@ namespace {
 
 constexpr std::chrono::milliseconds kClockIntervalMs{1000};
 const QString kPermissionReason = QStringLiteral("permission");
-
-/// tavrel_merged_1731772800.m4a → tavrel_merged_1731772800.notes.txt, in the same folder.
-QString notesPathFor(const QString& recordingPath) {
-    const QFileInfo file(recordingPath);
-    return file.path() + u'/' + file.completeBaseName() + QStringLiteral(".notes.txt");
-}
 
 } // namespace
 
@@ -168,22 +160,17 @@ void AppDelegate::stopRecording() {
 
 QCoro::Task<> AppDelegate::runStop() {
     const QPointer<AppDelegate> self(this);
+    // The recorder writes the notes file beside the recording before it lets go of the recording's journal,
+    // so that a crash in between still finds the notes.
     const std::optional<QString> fileURL = co_await m_recorder.stopRecording();
     if (!self)
         co_return;
-    const QString notes = m_recorder.formattedNotes();
     m_sessionTask = SessionTask::none;
     showSessionTask();
     if (std::exchange(m_startWhenStopped, false))
         startRecording();
     if (!fileURL)
         co_return;
-    if (!notes.isEmpty()) {
-        // Written whole or not at all; a failure leaves the recording to be sent without notes.
-        QSaveFile file(notesPathFor(*fileURL));
-        if (file.open(QIODevice::WriteOnly) && file.write(notes.toUtf8()) >= 0)
-            file.commit();
-    }
     emit recordingFinished(*fileURL);
     showUploadDialog(*fileURL);
 }

@@ -243,7 +243,8 @@ void AppDelegate::checkPendingRecordings() {
     const QFileInfoList entries =
         folder.entryInfoList(QDir::Files | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::NoSort);
     for (const QFileInfo& entry : entries) {
-        if (entry.suffix().toLower() != QLatin1String("m4a"))
+        // The recording being made or stopped is not unsent: it is not even finished.
+        if (entry.suffix().toLower() != QLatin1String("m4a") || m_recorder.isInUse(entry.absoluteFilePath()))
             continue;
         // Not every file system keeps a creation time; the modification time stands in for it.
         QDateTime created = entry.birthTime();

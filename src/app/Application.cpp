@@ -5,9 +5,10 @@
 #include "DisplayChoice.h"
 #include "LaunchRequest.h"
 #include "RecorderDBusService.h"
-#include "audio/files/M4aWriter.h"
+#include "audio/files/CaptureRecovery.h"
 #include "audio/pulse/AudioRouting.h"
 #include "core/Log.h"
+#include "core/RecordingFiles.h"
 #include "platform/Desktop.h"
 #include "platform/LoginItem.h"
 #include "platform/Notifier.h"
@@ -21,6 +22,17 @@
 #include <vector>
 
 namespace tavrel {
+
+namespace {
+
+/// Decides what to rebuild before it first waits (a recording may start right after), then rebuilds it on a
+/// thread of its own.
+QCoro::Task<> recoverAtLaunch(std::shared_ptr<QLockFile> lock) {
+    auto recovering = recoverRecordingsInBackground(planRecovery(*lock));
+    co_await recovering;
+}
+
+} // namespace
 
 int runApplication(int argc, char** argv, const AlertPresenterFactory& makeAlerts) {
     installCrashHooks();
@@ -75,7 +87,10 @@ int runApplication(int argc, char** argv, const AlertPresenterFactory& makeAlert
     services.audioBackends = linuxSystemAudioBackends();
     services.deviceWithUID = [](const QString& uid) { return AudioRouting::device(uid); };
     services.destroyDevice = [](const AudioRouting::Device& device) { return AudioRouting::destroy(device); };
-    services.recoverInterruptedRecording = [](const QString& path) { recoverInterruptedRecording(path); };
+    // Held while the program runs: a second instance (no session bus to keep it out) must not take this one's
+    // recordings for interrupted ones.
+    auto captureLock = std::make_shared<QLockFile>(RecordingFiles::captureLockFile());
+    services.recoverInterruptedRecordings = [captureLock] { return recoverAtLaunch(captureLock); };
     AppDelegate delegate(std::move(services));
     service.attach(&delegate);
     delegate.applicationDidFinishLaunching();

@@ -1,12 +1,14 @@
 #include "audio/AudioRecorder.h"
 
 #include "audio/BackgroundTask.h"
+#include "audio/files/RecordingJournal.h"
 #include "audio/sources/MicRecorder.h"
 #include "audio/timeline/RecordingClock.h"
 #include "core/Level.h"
 #include "core/Log.h"
 #include "core/RecordingFiles.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QPromise>
@@ -114,6 +116,10 @@ QCoro::Task<> AudioRecorder::startRecordingInTurn() {
 
     const QString micPath = RecordingFiles::micFile();
     m_micURL = micPath;
+    // From here on the recording's files are on record, so that the next launch finds them after a crash.
+    m_filesInUse = {micPath};
+    m_journal = std::make_unique<RecordingJournal>(RecordingFiles::journalFileFor(micPath));
+    m_journal->recordMic(micPath);
 
     struct Opened {
         std::shared_ptr<MicRecorder> recorder;
@@ -136,7 +142,7 @@ QCoro::Task<> AudioRecorder::startRecordingInTurn() {
         opened = co_await opening;
     } catch (...) {
         // A microphone that could not start leaves nothing behind.
-        removeFile(micPath);
+        abandonStart();
         throw;
     }
     if (!opened.recording) {
@@ -147,7 +153,7 @@ QCoro::Task<> AudioRecorder::startRecordingInTurn() {
             co_await discarding;
         } catch (...) {
         }
-        removeFile(micPath);
+        abandonStart();
         throw RecordFailure(RecordError::recordFailed);
     }
 
@@ -172,6 +178,8 @@ QCoro::Task<AudioRecorder::SourceStart> AudioRecorder::startSource(std::unique_p
         co_await starting;
         if (m_isPaused) // paused while this source was starting
             source->pause();
+        if (const std::optional<QString> track = source->outputURL(); track && m_journal)
+            m_journal->recordTrack(*track);
         m_sysRecorders.push_back(std::move(source));
     } catch (...) {
         outcome.failure = std::current_exception();
@@ -376,7 +384,7 @@ QCoro::Task<std::optional<QString>> AudioRecorder::stopRecordingInTurn() {
         co_return std::nullopt;
     const QString micPath = *m_micURL;
     if (systemFiles.isEmpty())
-        co_return micPath;
+        co_return settleStop(micPath, false);
 
     QString merged;
     std::exception_ptr mergeFailure;
@@ -391,6 +399,10 @@ QCoro::Task<std::optional<QString>> AudioRecorder::stopRecordingInTurn() {
 
     if (!mergeFailure) {
         const QString destination = recordingsDir() + QLatin1Char('/') + fileName(merged);
+        m_filesInUse << destination;
+        // Said before the move: a crash from here on finds the mix, wherever it got to, and not the tracks.
+        if (m_journal)
+            m_journal->recordMerged(merged, destination);
         QFile mergedFile(merged);
         if (!mergedFile.rename(destination)) {
             logLine(QStringLiteral("[AudioRecorder] Déplacement du fusionné échoué, on garde le temporaire : ") +
@@ -403,13 +415,49 @@ QCoro::Task<std::optional<QString>> AudioRecorder::stopRecordingInTurn() {
         removeFile(micPath);
         for (const QString& file : systemFiles)
             removeFile(file);
-        co_return finalFile;
+        co_return settleStop(finalFile, false);
     }
 
     logLine(QStringLiteral("[AudioRecorder] Fusion échouée, micro seul : ") + debugDescription(mergeFailure));
-    for (const QString& file : systemFiles)
-        removeFile(file);
-    co_return micPath;
+    // The other side stays in the capture directory: the next launch mixes it in again.
+    if (m_journal)
+        m_journal->recordKept();
+    co_return settleStop(micPath, true);
+}
+
+QString AudioRecorder::settleStop(const QString& finalFile, bool tracksKept) {
+    writeNotesFile(finalFile, m_notes);
+    if (m_journal) {
+        // Kept tracks, or a mix that could not reach the recordings folder, wait for the next launch.
+        if (!tracksKept && QFileInfo(finalFile).absolutePath() == QDir(recordingsDir()).absolutePath())
+            m_journal->remove();
+        m_journal.reset();
+    }
+    m_filesInUse.clear();
+    return finalFile;
+}
+
+void AudioRecorder::abandonStart() {
+    if (m_micURL)
+        removeFile(*m_micURL);
+    if (m_journal)
+        m_journal->remove();
+    m_journal.reset();
+    m_filesInUse.clear();
+}
+
+bool AudioRecorder::isInUse(const QString& path) const {
+    const QFileInfo file(path);
+    for (const QString& used : m_filesInUse) {
+        const QFileInfo usedFile(used);
+        if (file.absolutePath() != usedFile.absolutePath())
+            continue;
+        // The file itself, or the working copy made while it is being finished (".<name>.part-<pid>.m4a").
+        if (file.fileName() == usedFile.fileName() ||
+            file.fileName().startsWith(QLatin1Char('.') + usedFile.completeBaseName() + QLatin1Char('.')))
+            return true;
+    }
+    return false;
 }
 
 float AudioRecorder::currentMicLevel() {
@@ -435,6 +483,8 @@ qint64 AudioRecorder::micFramesWritten() const {
 void AudioRecorder::addNote(const QString& text) {
     const Note note{noteTime(m_recordingStart, QDateTime::currentDateTime()), text};
     m_notes.push_back(note);
+    if (m_journal)
+        m_journal->recordNote(note);
     logLine(noteLogLine(note));
 }
 

@@ -9,6 +9,7 @@
 #include <QDateTime>
 #include <QFuture>
 #include <QString>
+#include <QStringList>
 #include <atomic>
 #include <exception>
 #include <memory>
@@ -21,6 +22,7 @@ namespace tavrel {
 class CaptureEventRelay;
 class MicRecorder;
 class RecordingClock;
+class RecordingJournal;
 
 /// Errors of the microphone start.
 enum class RecordError { recordFailed, microphoneDenied };
@@ -48,8 +50,13 @@ public:
     QCoro::Task<> startRecording();
     void pauseRecording();
     void resumeRecording();
-    /// Stops every track, mixes them and yields the final recording, or none when nothing was recording.
+    /// Stops every track, mixes them, writes the notes file beside the result and yields the final recording,
+    /// or none when nothing was recording. When the mix fails, the microphone file is the recording and the
+    /// system tracks stay in the capture directory for the next launch's recovery.
     QCoro::Task<std::optional<QString>> stopRecording();
+    /// Whether `path` is a file of the recording that is running or stopping (the microphone file, its
+    /// working copies, the mix on its way in): it is not a recording to offer, send or delete yet.
+    bool isInUse(const QString& path) const;
 
     /// Where the tracks tell what the user must know while recording (a side lost, a failed write, a side
     /// that delivers only digital silence). Called on the recorder's thread; the first write failure of a
@@ -85,6 +92,11 @@ private:
     QCoro::Task<SourceStart> startSource(std::unique_ptr<SystemAudioSource> source);
     /// Where one recording's tracks report, from any thread.
     CaptureEvents eventSink() const;
+    /// A start that failed leaves no file and no journal.
+    void abandonStart();
+    /// The last step of a stop: the notes file beside `finalFile`, the journal gone unless the next launch has
+    /// work left (`tracksKept`, or a mix outside the recordings folder).
+    QString settleStop(const QString& finalFile, bool tracksKept);
 
     SystemAudioBackends m_backends;
     // Polled by the recording panel's timer while the start and stop coroutines change them.
@@ -102,9 +114,11 @@ private:
     bool m_screenCapturePermissionMissing = false;
     std::vector<Note> m_notes;
     std::optional<QDateTime> m_recordingStart;
-    std::shared_ptr<RecordingClock> m_clock; // time zero and pauses of the recording, shared by every track
-    CaptureEvents m_events;                  // the recording's event sink, handed to every source
-    QFuture<void> m_lastOperation;           // the latest start or stop; the next one waits for it
+    std::shared_ptr<RecordingClock> m_clock;     // time zero and pauses of the recording, shared by every track
+    CaptureEvents m_events;                      // the recording's event sink, handed to every source
+    std::unique_ptr<RecordingJournal> m_journal; // the running or stopping recording's record on disk
+    QStringList m_filesInUse;
+    QFuture<void> m_lastOperation; // the latest start or stop; the next one waits for it
     std::shared_ptr<CaptureEventRelay> m_relay;
 };
 

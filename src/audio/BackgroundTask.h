@@ -17,8 +17,11 @@ namespace tavrel {
 /// coroutine on its own thread with the result; an exception thrown by `work` is rethrown there.
 ///
 ///     const QString path = co_await runInBackground([&] { return finishFile(); });
+///
+/// Long work that must not hold up the starts and stops (recovery at launch) passes a pool of its own.
 template <typename Work>
-auto runInBackground(Work work) -> QCoro::Task<std::invoke_result_t<Work>> {
+auto runInBackground(Work work, QThreadPool* pool = QThreadPool::globalInstance())
+    -> QCoro::Task<std::invoke_result_t<Work>> {
     using Result = std::invoke_result_t<Work>;
     struct State {
         std::optional<std::conditional_t<std::is_void_v<Result>, bool, Result>> value;
@@ -29,7 +32,7 @@ auto runInBackground(Work work) -> QCoro::Task<std::invoke_result_t<Work>> {
     auto job = std::make_shared<Work>(std::move(work));
     QFuture<void> future = promise->future();
     promise->start();
-    QThreadPool::globalInstance()->start([state, promise, job] {
+    pool->start([state, promise, job] {
         try {
             if constexpr (std::is_void_v<Result>) {
                 (*job)();

@@ -1,5 +1,8 @@
 #include "Notes.h"
 
+#include "RecordingFiles.h"
+
+#include <QSaveFile>
 #include <QStringList>
 
 namespace tavrel {
@@ -23,6 +26,15 @@ QString formatNotes(const std::vector<Note>& notes) {
         lines << QStringLiteral("[%1:%2] ").arg(minutes).arg(seconds, 2, 10, QLatin1Char('0')) + note.text;
     }
     return lines.join(QLatin1Char('\n'));
+}
+
+void writeNotesFile(const QString& recording, const std::vector<Note>& notes) {
+    const QString text = formatNotes(notes);
+    if (text.isEmpty())
+        return;
+    QSaveFile file(RecordingFiles::notesFileFor(recording));
+    if (file.open(QIODevice::WriteOnly) && file.write(text.toUtf8()) >= 0)
+        file.commit();
 }
 
 } // namespace tavrel

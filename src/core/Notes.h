@@ -20,5 +20,8 @@ qint64 noteTime(const std::optional<QDateTime>& start, const QDateTime& now);
 QString noteLogLine(const Note& note);
 /// One "[m:ss] text" line per note (minutes not folded into hours), joined by "\n"; "" for no notes.
 QString formatNotes(const std::vector<Note>& notes);
+/// Writes the notes file beside `recording` (UTF-8, whole or not at all) when there are notes; a failure is
+/// ignored, the recording then goes without them.
+void writeNotesFile(const QString& recording, const std::vector<Note>& notes);
 
 } // namespace tavrel

@@ -8,6 +8,7 @@
 #include "Media.h"
 #include "PipeWireFixture.h"
 #include "PulseAudioFixture.h"
+#include "RecorderBus.h"
 #include "ScopedEnvironment.h"
 #include "SessionBusFixture.h"
 #include "TempDir.h"

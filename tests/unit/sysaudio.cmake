@@ -9,6 +9,7 @@ tavrel_warnings(tavrel_sysaudio_testsupport)
 tavrel_add_test(sysaudio_unit_tests LABELS unit
     SOURCES
         ${CMAKE_CURRENT_LIST_DIR}/sysaudio/CaptureLogicTest.cpp
+        ${CMAKE_CURRENT_LIST_DIR}/sysaudio/CaptureRecoveryTest.cpp
         ${CMAKE_CURRENT_LIST_DIR}/sysaudio/EchoCancellerTest.cpp
         ${CMAKE_CURRENT_LIST_DIR}/sysaudio/TrackMergerTest.cpp
     LIBS tavrel_audio tavrel_sysaudio_testsupport)

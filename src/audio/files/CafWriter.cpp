@@ -80,7 +80,7 @@ void CafWriter::append(const float* interleaved, int64_t frames) {
     if (written != static_cast<size_t>(frames))
         fail("Écriture audio impossible dans", errno ? errno : EIO);
     m_framesSinceFlush += frames;
-    if (m_framesSinceFlush >= m_sampleRateHz) { // at most a second lost to a crash
+    if (m_framesSinceFlush >= m_sampleRateHz / 4) { // at most a quarter of a second lost to a crash
         m_framesSinceFlush = 0;
         if (std::fflush(m_file.get()) != 0)
             fail("Écriture audio impossible dans", errno);

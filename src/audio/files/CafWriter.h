@@ -12,8 +12,8 @@ namespace tavrel {
 /// Uncompressed 32-bit float PCM in a Core Audio Format file, written as it comes.
 ///
 /// The data chunk is declared "to the end of the file" until `finish()` writes its size, so a file cut
-/// short by a crash stays readable up to the last flushed second. Every write, flush and seek is checked:
-/// a failure throws `FileWriteError` and leaves the file readable up to what reached the disk.
+/// short by a crash stays readable up to the last quarter of a second flushed. Every write, flush and seek is
+/// checked: a failure throws `FileWriteError` and leaves the file readable up to what reached the disk.
 class CafWriter : public TrackFile {
 public:
     /// Creates the file; throws `FileWriteError` when it cannot be written.

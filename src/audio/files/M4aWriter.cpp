@@ -364,14 +364,4 @@ RecoveryResult recoverInterruptedRecording(const QString& path) {
     }
 }
 
-int recoverInterruptedRecordings(const QString& folder) {
-    int recovered = 0;
-    const QStringList names = QDir(folder).entryList({QStringLiteral("*.m4a")}, QDir::Files, QDir::Name);
-    for (const QString& name : names) {
-        if (recoverInterruptedRecording(folder + QLatin1Char('/') + name) == RecoveryResult::recovered)
-            ++recovered;
-    }
-    return recovered;
-}
-
 } // namespace tavrel

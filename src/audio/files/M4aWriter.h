@@ -1,6 +1,6 @@
 #pragma once
 
-// AAC in an .m4a file, written so that a crash loses at most about a second.
+// AAC in an .m4a file, written so that a crash loses at most about a quarter of a second.
 //
 //   M4aWriter writer(path, 44100, 1);            // opens the file; throws FfmpegError
 //   writer.write(samples, frames);               // interleaved float frames, appended at the end
@@ -10,7 +10,7 @@
 //       // simply keeps its positions contiguous.
 //   writer.finish();                             // ordinary .m4a: index at the front, exact duration
 //
-// While recording the file is a fragmented MP4 with a fragment flushed at least every second, so that a
+// While recording the file is a fragmented MP4 with a fragment flushed every quarter of a second, so that a
 // killed process leaves a readable file; `finish()` rewrites it by stream copy into an ordinary .m4a
 // (through a temporary name and a rename). `recoverInterruptedRecording()` does the same for a file that a
 // crash left fragmented. Every flush is checked: a write the disk refuses throws `FfmpegError` with the system's
@@ -29,7 +29,7 @@ namespace tavrel {
 
 class M4aWriter : public TrackFile {
 public:
-    static constexpr int kFragmentIntervalMs = 1000;
+    static constexpr int kFragmentIntervalMs = 250;
 
     M4aWriter(const QString& path, int sampleRateHz, int channels);
     /// An unfinished writer closes its fragments (the file stays readable, but fragmented).
@@ -80,10 +80,6 @@ enum class RecoveryResult { untouched, recovered, failed };
 /// Rewrites `path` as an ordinary .m4a when a crash left it fragmented; leaves any other file untouched.
 /// Never throws.
 RecoveryResult recoverInterruptedRecording(const QString& path);
-
-/// `recoverInterruptedRecording()` for every .m4a file of `folder` (the recordings folder, at launch, before
-/// looking for unsent recordings). Returns how many files were rewritten. Never throws.
-int recoverInterruptedRecordings(const QString& folder);
 
 /// Whether the MP4 file at `path` holds movie fragments (a recording that was not finished).
 bool isFragmentedMp4(const QString& path);

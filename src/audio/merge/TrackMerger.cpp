@@ -3,12 +3,14 @@
 #include "audio/BackgroundTask.h"
 #include "audio/ffmpeg/AacEncoder.h"
 #include "audio/ffmpeg/FfmpegHandles.h"
-#include "audio/files/TemporaryCaptureFile.h"
 #include "audio/sources/SystemAudioSource.h"
 #include "core/Log.h"
+#include "core/RecordingFiles.h"
 
 #include <QDateTime>
 #include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <algorithm>
 #include <cmath>
 #include <condition_variable>
@@ -38,13 +40,16 @@ constexpr int kChunkFrames = 16384; // hand-over unit between a decoder thread a
 constexpr size_t kQueueDepth = 6;   // chunks buffered per input: bounded memory, some slack for jitter
 // Timestamps that jump by less than this are decoder rounding, not a hole in the recording.
 constexpr int64_t kGapToleranceFrames = 64;
+// Decoded audio may fall this short of the length the container states (priming, rounding) before the file
+// counts as cut short.
+constexpr int64_t kShortfallToleranceFrames = kMergedSampleRateHz / 2;
 
 /// One input file, decoded and resampled to the mix format, read in order from time zero.
 class TrackDecoder {
 public:
     /// Opens `path`; throws `FfmpegError` when the file cannot be read. `hasAudio()` tells whether it has
     /// an audio stream worth decoding.
-    explicit TrackDecoder(const QString& path) : m_input(openInput(path)) {
+    explicit TrackDecoder(const QString& path) : m_path(path), m_input(openInput(path)) {
         const int index = av_find_best_stream(m_input.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
         if (index < 0)
             return;
@@ -94,22 +99,42 @@ private:
             finish();
             return;
         }
-        if (received != AVERROR(EAGAIN)) {
-            // A damaged packet: keep what decoded so far rather than lose the whole track.
-            finish();
-            return;
-        }
+        // A track that breaks part-way fails the merge: mixing what came before would cut that side short, and
+        // the inputs are deleted once the mix is made.
+        if (received != AVERROR(EAGAIN))
+            throw damaged(QStringLiteral("Décodage audio"), received);
         const int readResult = av_read_frame(m_input.get(), m_packet.get());
-        if (readResult < 0) {
+        if (readResult == AVERROR_EOF) {
+            checkComplete();
             avcodec_send_packet(m_decoder.get(), nullptr); // drain
             return;
         }
+        if (readResult < 0)
+            throw damaged(QStringLiteral("Lecture audio"), readResult);
         if (m_packet->stream_index == m_stream->index) {
             const int sent = avcodec_send_packet(m_decoder.get(), m_packet.get());
-            if (sent < 0 && sent != AVERROR(EAGAIN) && sent != AVERROR_INVALIDDATA)
-                finish();
+            if (sent < 0 && sent != AVERROR(EAGAIN)) {
+                av_packet_unref(m_packet.get());
+                throw damaged(QStringLiteral("Décodage audio"), sent);
+            }
         }
         av_packet_unref(m_packet.get());
+    }
+
+    DamagedTrackError damaged(const QString& step, int averror) const {
+        return DamagedTrackError(m_path, FfmpegError(step, averror).localizedDescription());
+    }
+
+    /// A file whose container states its length must deliver all of it: the rest was lost (a file cut short).
+    void checkComplete() const {
+        if (m_input->duration_estimation_method != AVFMT_DURATION_FROM_STREAM || m_stream->duration <= 0)
+            return;
+        const int64_t statedFrames =
+            av_rescale_q(m_stream->duration, m_stream->time_base, AVRational{1, m_inputRateHz});
+        if (m_inputFrames + kShortfallToleranceFrames < statedFrames)
+            throw DamagedTrackError(m_path, QStringLiteral("Fichier audio tronqué : %1 s lues sur %2 s")
+                                                .arg(static_cast<double>(m_inputFrames) / m_inputRateHz, 0, 'f', 1)
+                                                .arg(static_cast<double>(statedFrames) / m_inputRateHz, 0, 'f', 1));
     }
 
     void ensureResampler(const AVFrame* frame) {
@@ -182,6 +207,7 @@ private:
         m_pending.resize(before + static_cast<size_t>(std::max(0, flushed)));
     }
 
+    QString m_path;
     AVFormatInputPtr m_input;
     AVStream* m_stream = nullptr;
     AVCodecContextPtr m_decoder;
@@ -214,11 +240,14 @@ public:
     DecoderPipe(const DecoderPipe&) = delete;
     DecoderPipe& operator=(const DecoderPipe&) = delete;
 
+    /// The next chunk; rethrows the decoder's failure in place of the last one.
     std::vector<float> take() {
         std::unique_lock lock(m_mutex);
         m_changed.wait(lock, [this] { return !m_chunks.empty(); });
         std::vector<float> chunk = std::move(m_chunks.front());
         m_chunks.pop_front();
+        if (m_failure && m_chunks.empty() && chunk.size() < static_cast<size_t>(kChunkFrames))
+            std::rethrow_exception(m_failure);
         lock.unlock();
         m_changed.notify_all();
         return chunk;
@@ -230,14 +259,16 @@ private:
         while (more) {
             std::vector<float> chunk(kChunkFrames);
             int frames = 0;
+            std::exception_ptr failure;
             try {
                 frames = m_decoder->read(chunk.data(), kChunkFrames);
-            } catch (const std::exception&) {
-                frames = 0; // an input that breaks mid-way ends there
+            } catch (...) {
+                failure = std::current_exception();
             }
-            chunk.resize(static_cast<size_t>(frames));
-            more = frames == kChunkFrames;
+            chunk.resize(failure ? 0 : static_cast<size_t>(frames));
+            more = !failure && frames == kChunkFrames;
             std::unique_lock lock(m_mutex);
+            m_failure = failure;
             m_changed.wait(lock, [this] { return m_chunks.size() < kQueueDepth || m_cancelled; });
             if (m_cancelled)
                 return;
@@ -251,18 +282,23 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::deque<std::vector<float>> m_chunks;
+    std::exception_ptr m_failure; // the input broke part-way; handed over with the last chunk
     bool m_cancelled = false;
     std::thread m_thread; // last: starts once everything above exists
 };
 
 /// A system file that cannot be opened or has no audio is left out of the mix.
 std::unique_ptr<TrackDecoder> openSystemTrack(const QString& path) {
+    QString problem = QStringLiteral("aucune piste audio");
     try {
         auto decoder = std::make_unique<TrackDecoder>(path);
         if (decoder->hasAudio())
             return decoder;
-    } catch (const FfmpegError&) {
+    } catch (const FfmpegError& error) {
+        problem = error.localizedDescription();
     }
+    logLine(QStringLiteral("[TrackMerger] Piste illisible laissée de côté : %1 (%2)")
+                .arg(QFileInfo(path).fileName(), problem));
     return nullptr;
 }
 
@@ -358,8 +394,13 @@ EchoCanceller::Report mergeAudioFilesInto(const QString& mic, const QStringList&
 }
 
 QCoro::Task<QString> mergeAudioFiles(QString mic, QStringList systems) {
-    const QString outputPath = temporaryCaptureFile(QStringLiteral("tavrel_merged_"), QStringLiteral("m4a"));
-    co_await runInBackground([&] { mergeAudioFilesInto(mic, systems, outputPath); });
+    const QString outputPath = RecordingFiles::mergedFile();
+    try {
+        co_await runInBackground([&] { mergeAudioFilesInto(mic, systems, outputPath); });
+    } catch (...) {
+        QFile::remove(outputPath); // half a mix is nobody's recording
+        throw;
+    }
     co_return outputPath;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "audio/ffmpeg/FfmpegHandles.h"
 #include "audio/merge/EchoCanceller.h"
 #include "audio/merge/ParallelM4aWriter.h"
 
@@ -9,6 +10,18 @@
 
 namespace tavrel {
 
+/// A track that opened but could not be read to its end: a damaged or cut-short file (`path`).
+class DamagedTrackError : public FfmpegError {
+public:
+    DamagedTrackError(QString path, const QString& problem)
+        : FfmpegError(QStringLiteral("Piste audio endommagée (%1) : %2").arg(path.section(u'/', -1), problem)),
+          m_path(std::move(path)) {}
+    const QString& path() const { return m_path; }
+
+private:
+    QString m_path;
+};
+
 /// Mixes the microphone file and the system-audio files into one AAC `.m4a` in the temporary directory
 /// ("tavrel_merged_<T>.m4a"), every input starting at time zero at unit gain; the result lasts as long as
 /// the longest input. Where the microphone heard the speakers, the far end is first removed from it (see
@@ -17,7 +30,9 @@ namespace tavrel {
 ///
 /// Throws `SystemAudioFailure(mergeFailed)` when the microphone file holds no audio stream, and the
 /// `FfmpegError` of the step when the microphone cannot be read or the output cannot be written. A system
-/// file that cannot be read or holds no audio is left out.
+/// file that cannot be opened or holds no audio is left out (and logged). Any input that opens but breaks
+/// part-way, or ends before the length its container states, throws `DamagedTrackError`: a side is never
+/// cut short in silence.
 QCoro::Task<QString> mergeAudioFiles(QString mic, QStringList systems);
 
 /// The program always removes the echo; benchmarks compare with the plain sum.

@@ -2,13 +2,13 @@
 
 #include "audio/files/AiffWriter.h"
 #include "audio/files/M4aWriter.h"
-#include "audio/files/TemporaryCaptureFile.h"
 #include "audio/pulse/PulseContext.h"
 #include "audio/pulse/PulseStreamKeeper.h"
 #include "audio/timeline/CaptureTrack.h"
 #include "audio/timeline/RecordingClock.h"
 #include "core/Level.h"
 #include "core/Log.h"
+#include "core/RecordingFiles.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -133,8 +133,7 @@ void BlackHoleRecorder::startBlocking() {
     if (!first)
         throw BlackHoleFailure(BlackHoleError::sessionFailed);
     const bool m4a = canWriteM4a();
-    const QString path =
-        temporaryCaptureFile(QStringLiteral("tavrel_bh_"), m4a ? QStringLiteral("m4a") : QStringLiteral("aiff"));
+    const QString path = RecordingFiles::virtualDeviceFile(m4a);
     m_outputURL = path;
     try {
         std::unique_ptr<TrackFile> file;

@@ -1,7 +1,6 @@
 #include "audio/sources/ProcessTapRecorder.h"
 
 #include "audio/files/CafWriter.h"
-#include "audio/files/TemporaryCaptureFile.h"
 #include "audio/pipewire/PipeWireCapture.h"
 #include "audio/pipewire/PipeWireConnection.h"
 #include "audio/pipewire/PipeWireOutputWatcher.h"
@@ -9,6 +8,7 @@
 #include "audio/timeline/RecordingClock.h"
 #include "core/Level.h"
 #include "core/Log.h"
+#include "core/RecordingFiles.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -67,7 +67,7 @@ void ProcessTapRecorder::startBlocking() {
     // Time zero, when this source keeps its own clock: before the server is asked anything.
     const std::shared_ptr<RecordingClock> clock = recordingClock();
     const auto fails = [this](Step step) { return m_options.failAt == step; };
-    const QString path = temporaryCaptureFile(QStringLiteral("tavrel_tap_"), QStringLiteral("caf"));
+    const QString path = RecordingFiles::tapFile();
     try {
         if (fails(Step::file))
             throw FileWriteError(QStringLiteral("Création refusée"), EACCES);

@@ -1,13 +1,13 @@
 #include "audio/sources/SystemAudioRecorder.h"
 
 #include "audio/files/M4aWriter.h"
-#include "audio/files/TemporaryCaptureFile.h"
 #include "audio/pulse/PulseContext.h"
 #include "audio/pulse/PulseStreamKeeper.h"
 #include "audio/sources/OutputChain.h"
 #include "audio/timeline/CaptureTrack.h"
 #include "audio/timeline/RecordingClock.h"
 #include "core/Log.h"
+#include "core/RecordingFiles.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -94,7 +94,7 @@ void SystemAudioRecorder::startBlocking() {
     if (!output)
         throw SystemAudioFailure(SystemAudioError::noDisplay);
 
-    const QString path = temporaryCaptureFile(QStringLiteral("tavrel_sys_"), QStringLiteral("m4a"));
+    const QString path = RecordingFiles::screenCaptureFile();
     m_outputURL = path;
     CaptureTrack::Settings track;
     track.sampleRateHz = kSampleRateHz;

@@ -7,6 +7,7 @@
 #include "ui/SettingsForm.h"
 
 #include <QCheckBox>
+#include <QCoro/QCoroTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QLineEdit>
@@ -46,19 +47,23 @@ TEST_F(AppDelegateTest, LeftoverRoutingDeviceIsRemovedAtLaunch) {
     }
 }
 
-TEST_F(AppDelegateTest, InterruptedRecordingsAreRepairedAtLaunch) {
-    const QString folder = AudioRecorder::recordingsDir();
-    for (const QString& name : {QStringLiteral("tavrel_mic_1.m4a"), QStringLiteral("tavrel_merged_2.m4a"),
-                                QStringLiteral("tavrel_merged_2.notes.txt")}) {
-        QFile file(folder + u'/' + name);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    }
-    QStringList repaired;
+// The check for unsent recordings waits for the recovery at launch, however long it takes, so that it offers
+// what recovery made rather than the pieces it started from.
+QCoro::Task<> recoveryMakingARecording(std::chrono::milliseconds durationMs, QString recording) {
+    co_await QCoro::sleepFor(durationMs);
+    QFile file(recording);
+    file.open(QIODevice::WriteOnly);
+}
+
+TEST_F(AppDelegateTest, PendingCheckWaitsForTheRecoveryAtLaunch) {
+    const QString recovered = AudioRecorder::recordingsDir() + QStringLiteral("/tavrel_merged_2.m4a");
     launch([&](AppServices& services) {
-        services.recoverInterruptedRecording = [&](const QString& path) { repaired << QFileInfo(path).fileName(); };
+        m_alerts->answer(QStringLiteral("Plus tard"));
+        services.pendingCheckDelayMs = 50ms;
+        services.recoverInterruptedRecordings = [recovered] { return recoveryMakingARecording(600ms, recovered); };
     });
-    repaired.sort();
-    EXPECT_EQ(repaired, (QStringList{QStringLiteral("tavrel_merged_2.m4a"), QStringLiteral("tavrel_mic_1.m4a")}));
+    ASSERT_TRUE(waitUntil([&] { return !m_alerts->shown().empty(); }, 10s));
+    EXPECT_EQ(m_alerts->shownMessages(), QStringList{QStringLiteral("1 enregistrement(s) non envoyé(s)")});
 }
 
 TEST_F(AppDelegateTest, CallMonitorFollowsTheSettingAtLaunch) {

@@ -19,6 +19,7 @@ protected:
         ASSERT_TRUE(m_dir.isValid());
         m_env.set("XDG_CONFIG_HOME", m_dir.filePath(QStringLiteral("config"), true).toUtf8());
         m_env.set("XDG_DATA_HOME", m_dir.filePath(QStringLiteral("data"), true).toUtf8());
+        m_env.set("XDG_STATE_HOME", m_dir.filePath(QStringLiteral("state"), true).toUtf8());
         // The call monitor must not poll behind the tests' backs.
         SettingsManager::shared().setAutoDetectCalls(false);
     }

@@ -69,6 +69,7 @@ protected:
         m_env = mergedEnvironment({m_pulse->variables(), m_bus->variables(), m_xvfb->variables()});
         m_env.insert(QStringLiteral("XDG_CONFIG_HOME"), m_dir.filePath(QStringLiteral("config"), true));
         m_env.insert(QStringLiteral("XDG_DATA_HOME"), m_dir.filePath(QStringLiteral("data"), true));
+        m_env.insert(QStringLiteral("XDG_STATE_HOME"), m_dir.filePath(QStringLiteral("state"), true));
         // Test seam: every alert is answered as closed (the upload dialog is cancelled).
         m_env.insert(QStringLiteral("TAVREL_TEST_ALERT_ANSWERS"), QString());
         m_connection = std::make_unique<QDBusConnection>(
@@ -111,27 +112,10 @@ protected:
         return second.wait(15s).value_or(-2);
     }
 
-    QVariant property(const QString& name) {
-        QDBusMessage get = QDBusMessage::createMethodCall(
-            kService, kPath, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
-        get << QStringLiteral("fr.tavrel.Recorder") << name;
-        const QDBusMessage reply = m_connection->call(get, QDBus::Block, 2000);
-        if (reply.type() != QDBusMessage::ReplyMessage)
-            return {};
-        return reply.arguments().value(0).value<QDBusVariant>().variant();
-    }
+    QVariant property(const QString& name) { return recorderProperty(*m_connection, name); }
 
     ::testing::AssertionResult action(const QString& name, const QVariantList& parameter = {}) {
-        QDBusMessage call = QDBusMessage::createMethodCall(
-            kService, kPath, QStringLiteral("org.freedesktop.Application"), QStringLiteral("ActivateAction"));
-        QVariantList wrapped;
-        for (const QVariant& value : parameter)
-            wrapped << QVariant::fromValue(QDBusVariant(value));
-        call << name << QVariant::fromValue(wrapped) << QVariantMap();
-        const QDBusMessage reply = m_connection->call(call, QDBus::Block, 5000);
-        if (reply.type() != QDBusMessage::ReplyMessage)
-            return ::testing::AssertionFailure() << name.toStdString() << ": " << reply.errorMessage().toStdString();
-        return ::testing::AssertionSuccess();
+        return recorderAction(*m_connection, name, parameter);
     }
 
     bool waitForProperty(const QString& name, const QVariant& value, std::chrono::milliseconds timeout = 10s) {

@@ -1,5 +1,7 @@
 #include "AudioTestSupport.h"
 
+#include "core/RecordingFiles.h"
+
 #include <QDir>
 #include <QFile>
 
@@ -36,7 +38,7 @@ std::optional<QString> stopAndWait(AudioRecorder& recorder) {
 
 RecordingHome::RecordingHome() : m_dir(QStringLiteral("tavrel-rec")) {
     m_env.set("XDG_DATA_HOME", QFile::encodeName(m_dir.filePath("data")));
-    m_env.set("TMPDIR", QFile::encodeName(m_dir.filePath("tmp", true)));
+    m_env.set("XDG_STATE_HOME", QFile::encodeName(m_dir.filePath("state")));
 }
 
 QString RecordingHome::recordingsDir() const {
@@ -45,6 +47,10 @@ QString RecordingHome::recordingsDir() const {
 
 QStringList RecordingHome::recordings() const {
     return QDir(recordingsDir()).entryList(QDir::Files | QDir::Hidden, QDir::Name);
+}
+
+QString RecordingHome::tempDir() const {
+    return RecordingFiles::captureDir();
 }
 
 QStringList RecordingHome::tempFiles() const {

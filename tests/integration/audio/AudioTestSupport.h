@@ -22,12 +22,12 @@ std::exception_ptr startAndWait(AudioRecorder& recorder);
 /// Runs `recorder.stopRecording()` to its end.
 std::optional<QString> stopAndWait(AudioRecorder& recorder);
 
-/// The recordings folder and the temporary directory of one test, inside its own temp dir.
+/// The recordings folder and the capture directory of one test, inside its own temp dir.
 class RecordingHome {
 public:
     RecordingHome();
     QString recordingsDir() const;
-    QString tempDir() const { return m_dir.filePath("tmp"); }
+    QString tempDir() const;
     QStringList recordings() const;
     QStringList tempFiles() const;
 

@@ -44,7 +44,7 @@ public:
         default:
             break;
         }
-        m_file = RecordingFiles::uniquePath(QDir::tempPath(), "tavrel_" + m_name + "_", "m4a");
+        m_file = RecordingFiles::uniquePath(RecordingFiles::captureDir(), "tavrel_" + m_name + "_", "m4a");
         QFile file(*m_file);
         file.open(QIODevice::WriteOnly);
         file.write("audio");
@@ -91,6 +91,7 @@ struct Scenario {
     float virtualDeviceLevel = 0.0f;
     bool sourcesYieldFiles = true;
     enum class Merge { succeeds, fails, absent } merge = Merge::succeeds;
+    std::optional<QString> mergedName; ///< where the merge writes; a fresh name by default
 };
 
 struct Built {
@@ -132,13 +133,13 @@ Built build(const Scenario& setup) {
         };
     }
     if (setup.merge != Scenario::Merge::absent) {
-        b.merge = [journal, fails = setup.merge ==
-                                    Scenario::Merge::fails](QString mic, QStringList systems) -> QCoro::Task<QString> {
+        b.merge = [journal, fails = setup.merge == Scenario::Merge::fails,
+                   mergedName = setup.mergedName](QString mic, QStringList systems) -> QCoro::Task<QString> {
             *journal << "merge " + QFileInfo(mic).fileName().section('_', 0, 1) + " + " +
                             QString::number(systems.size());
             if (fails)
                 throw SystemAudioFailure(SystemAudioError::mergeFailed);
-            const QString merged = RecordingFiles::mergedFile();
+            const QString merged = mergedName ? *mergedName : RecordingFiles::mergedFile();
             QFile file(merged);
             file.open(QIODevice::WriteOnly);
             file.write("mixed");
@@ -341,8 +342,7 @@ TEST_F(Orchestrator, stopsSourcesOneAfterAnotherMergesMovesAndDeletesIntermediat
     AudioRecorder recorder(built.backends);
     ASSERT_FALSE(startAndWait(recorder));
     const QString mic = micName();
-    const QStringList systemFiles = m_home.tempFiles();
-    ASSERT_EQ(systemFiles.size(), 2);
+    ASSERT_EQ(m_home.tempFiles().size(), 3) << "two tracks and the recording's journal";
     built.journal->clear();
     AudioLog log;
 
@@ -370,7 +370,9 @@ TEST_F(Orchestrator, stopsSourcesOneAfterAnotherMergesMovesAndDeletesIntermediat
     Q_UNUSED(mic);
 }
 
-TEST_F(Orchestrator, aFailedMergeKeepsTheMicrophoneFileAndDeletesTheSystemFiles) {
+// The microphone file is the recording; the other side stays in the capture directory, with the journal that
+// lets the next launch merge it in.
+TEST_F(Orchestrator, aFailedMergeKeepsTheMicrophoneFileAndTheSystemFilesForTheNextLaunch) {
     Built built = build(scenario([](Scenario& s) {
         s.tap = Script::failsTap;
         s.merge = Scenario::Merge::fails;
@@ -378,38 +380,39 @@ TEST_F(Orchestrator, aFailedMergeKeepsTheMicrophoneFileAndDeletesTheSystemFiles)
     AudioRecorder recorder(built.backends);
     ASSERT_FALSE(startAndWait(recorder));
     const QString mic = micName();
+    const QStringList systemFiles = m_home.tempFiles();
     AudioLog log;
     const std::optional<QString> result = stopAndWait(recorder);
     ASSERT_TRUE(result);
     EXPECT_EQ(QFileInfo(*result).fileName(), mic);
     EXPECT_EQ(m_home.recordings(), QStringList{mic});
-    EXPECT_TRUE(m_home.tempFiles().isEmpty());
+    EXPECT_EQ(m_home.tempFiles(), systemFiles);
+    EXPECT_TRUE(systemFiles.contains(QFileInfo(mic).completeBaseName() + ".journal"));
     EXPECT_EQ(log.lines(), (QStringList{"[AudioRecorder] Micro arrêté",
                                         "[AudioRecorder] Fusion échouée, micro seul : mergeFailed"}));
 }
 
-TEST_F(Orchestrator, aMergedFileThatCannotBeMovedStaysInTheTemporaryDirectoryAndTheMicFileGoes) {
-    Built built = build(Scenario{});
+TEST_F(Orchestrator, aMergedFileThatCannotBeMovedStaysInTheCaptureDirectoryAndTheMicFileGoes) {
+    // A folder in the way of the name the merge chose.
+    const QString merged = RecordingFiles::captureDir() + "/tavrel_merged_1.m4a";
+    ASSERT_TRUE(QDir().mkpath(m_home.recordingsDir() + "/tavrel_merged_1.m4a/x"));
+    Built built = build(scenario([&](Scenario& s) { s.mergedName = merged; }));
     AudioRecorder recorder(built.backends);
     ASSERT_FALSE(startAndWait(recorder));
     const QString mic = micName();
-    // A folder in the way of every name the merge could choose in the next seconds.
-    const qint64 now = RecordingFiles::timestamp();
-    for (qint64 t = now; t < now + 5; ++t)
-        ASSERT_TRUE(QDir().mkpath(m_home.recordingsDir() + "/tavrel_merged_" + QString::number(t) + ".m4a/x"));
     AudioLog log;
     const std::optional<QString> result = stopAndWait(recorder);
-    ASSERT_TRUE(result);
-    EXPECT_EQ(QFileInfo(*result).absolutePath(), QDir(m_home.tempDir()).absolutePath());
+    ASSERT_EQ(result, merged);
     EXPECT_TRUE(QFileInfo(*result).isFile());
     EXPECT_FALSE(QFileInfo::exists(m_home.recordingsDir() + "/" + mic));
+    // The journal stays, so that the next launch moves the recording where it can be found.
+    EXPECT_TRUE(QFileInfo::exists(RecordingFiles::journalFileFor(mic)));
     const QStringList lines = log.lines();
     ASSERT_EQ(lines.size(), 3) << lines.join('\n').toStdString();
     EXPECT_TRUE(lines[1].startsWith("[AudioRecorder] Déplacement du fusionné échoué, on garde le temporaire : "));
     EXPECT_GT(lines[1].size(),
               QString("[AudioRecorder] Déplacement du fusionné échoué, on garde le temporaire : ").size());
-    EXPECT_EQ(lines[2],
-              "[AudioRecorder] Pistes fusionnées (1 voie(s) correspondant) : " + QFileInfo(*result).fileName());
+    EXPECT_EQ(lines[2], "[AudioRecorder] Pistes fusionnées (1 voie(s) correspondant) : tavrel_merged_1.m4a");
 }
 
 TEST_F(Orchestrator, sourcesWithoutAFileLeaveTheMicrophoneFileAsTheRecording) {

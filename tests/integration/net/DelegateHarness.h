@@ -17,6 +17,7 @@ class DelegateHarness {
 public:
     explicit DelegateHarness(std::chrono::milliseconds pollInterval = std::chrono::milliseconds(5)) {
         m_environment.set("XDG_DATA_HOME", m_data.path().toUtf8());
+        m_environment.set("XDG_STATE_HOME", m_data.filePath("state").toUtf8());
         AppServices services;
         services.notifier = keep(notifier);
         services.desktop = keep(desktop);

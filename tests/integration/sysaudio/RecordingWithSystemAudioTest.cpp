@@ -7,6 +7,7 @@
 #include "audio/sources/ProcessTapRecorder.h"
 #include "audio/sources/SystemAudioBackends.h"
 #include "core/Log.h"
+#include "core/RecordingFiles.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -66,7 +67,6 @@ protected:
         m_server = makeAudioServer(GetParam(), options);
         ASSERT_TRUE(m_server->start());
         ASSERT_TRUE(m_server->warmUp());
-        m_environment.set("TMPDIR", m_dir.filePath("tmp", true).toUtf8());
     }
 
     QString tone(double frequencyHz) {
@@ -157,7 +157,8 @@ TEST_P(RecordingWithSystemAudioTest, everyTrackLeavesThePauseOutAndStaysAligned)
             << QFileInfo(tracks[static_cast<qsizetype>(i)]).fileName().toStdString()
             << " against the microphone: " << ::testing::PrintToString(trackOnsets);
     // The intermediate files are gone.
-    EXPECT_TRUE(QDir(m_dir.filePath("tmp")).entryList({"tavrel_tap_*", "tavrel_sys_*", "tavrel_bh_*"}).isEmpty());
+    EXPECT_TRUE(
+        QDir(RecordingFiles::captureDir()).entryList({"tavrel_tap_*", "tavrel_sys_*", "tavrel_bh_*"}).isEmpty());
 }
 
 // The audio server goes away in the middle of a recording (PulseAudio for longer than a side may be lost without
@@ -358,7 +359,7 @@ protected:
     void SetUp() override {
         if (!s_server)
             GTEST_SKIP() << "no PipeWire here";
-        m_environment.set("TMPDIR", m_dir.filePath("tmp", true).toUtf8());
+        m_environment.set("XDG_STATE_HOME", m_dir.filePath("state", true).toUtf8());
         m_environment.set("XDG_DATA_HOME", m_dir.filePath("data", true).toUtf8());
     }
     static std::unique_ptr<PipeWireFixture> s_server;
@@ -381,7 +382,7 @@ TEST_P(TapFailureTest, theMonitorTakesOverAndNothingIsLeftBehind) {
     EXPECT_TRUE(recorder.screenCaptureActive());
     EXPECT_TRUE(waitUntil([] { return QThreadPool::globalInstance()->activeThreadCount() == 0; }, 5s))
         << "a pool thread still works for the failed tap";
-    EXPECT_TRUE(QDir(m_dir.filePath("tmp")).entryList({"tavrel_tap_*"}).isEmpty()) << "the tap's file stays";
+    EXPECT_TRUE(QDir(RecordingFiles::captureDir()).entryList({"tavrel_tap_*"}).isEmpty()) << "the tap's file stays";
     const auto recording = QCoro::waitFor(recorder.stopRecording());
     ASSERT_TRUE(recording);
     EXPECT_TRUE(probe(*recording).valid);

@@ -8,6 +8,7 @@
 #include "audio/sources/ProcessTapRecorder.h"
 #include "audio/sources/SystemAudioRecorder.h"
 #include "core/Log.h"
+#include "core/RecordingFiles.h"
 
 #include <QFileInfo>
 #include <QJsonObject>
@@ -63,7 +64,7 @@ protected:
         ASSERT_TRUE(makeTone(440, 0.6, m_dir.filePath("low.wav"), 2, kRate, 0.5));
         m_tone = m_dir.filePath("tone.wav");
         m_low = m_dir.filePath("low.wav");
-        m_environment.set("TMPDIR", m_dir.filePath("tmp", true).toUtf8());
+        m_environment.set("XDG_STATE_HOME", m_dir.filePath("state", true).toUtf8());
     }
 
     /// Plays `file` into `sink`; the time since `start` at which it was launched.
@@ -373,7 +374,7 @@ TEST_P(PausedSourceTest, leavesThePauseOutAndKeepsTimeAroundIt) {
 
     ASSERT_TRUE(file);
     EXPECT_TRUE(QRegularExpression(name).match(QFileInfo(*file).fileName()).hasMatch()) << file->toStdString();
-    EXPECT_EQ(QFileInfo(*file).absolutePath(), QFileInfo(m_dir.filePath("tmp")).absoluteFilePath());
+    EXPECT_EQ(QFileInfo(*file).absolutePath(), RecordingFiles::captureDir());
     const MediaInfo info = probe(*file);
     ASSERT_TRUE(info.valid) << info.error.toStdString();
     EXPECT_EQ(info.codecName, GetParam() == SourceKind::tap ? "pcm_f32le" : "aac");

@@ -132,24 +132,6 @@ TEST(M4aWriter, writerDestroyedWithoutFinishLeavesAReadableFragmentedFile) {
     EXPECT_TRUE(recovered.moovBeforeMdat);
 }
 
-TEST(M4aWriter, recoveringAFolderRewritesOnlyItsInterruptedRecordings) {
-    TempDir dir;
-    const auto audio = sine(44100, 1, 1.2);
-    for (const char* name : {"tavrel_mic_1.m4a", "tavrel_mic_2.m4a", "tavrel_merged_3.m4a"}) {
-        M4aWriter writer(dir.filePath(name), 44100, 1);
-        writer.write(audio.data(), static_cast<int64_t>(audio.size()));
-        if (QString(name) == "tavrel_mic_2.m4a")
-            writer.finish();
-    } // the others are left as a crash leaves them
-    EXPECT_EQ(recoverInterruptedRecordings(dir.path()), 2);
-    for (const char* name : {"tavrel_mic_1.m4a", "tavrel_mic_2.m4a", "tavrel_merged_3.m4a"}) {
-        EXPECT_FALSE(isFragmentedMp4(dir.filePath(name))) << name;
-        EXPECT_NEAR(probe(dir.filePath(name)).formatDurationS, 1.2, 0.05) << name;
-    }
-    EXPECT_EQ(recoverInterruptedRecordings(dir.path()), 0);
-    EXPECT_EQ(QDir(dir.path()).entryList({"*.m4a"}, QDir::Files | QDir::Hidden).size(), 3);
-}
-
 TEST(M4aWriter, recoveryLeavesOtherFilesAlone) {
     TempDir dir;
     const QString good = dir.filePath("good.m4a");

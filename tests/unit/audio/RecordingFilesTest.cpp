@@ -25,7 +25,7 @@ class RecordingFilesTest : public ::testing::Test {
 protected:
     void SetUp() override {
         m_env.set("XDG_DATA_HOME", QFile::encodeName(m_home.filePath("data")));
-        m_env.set("TMPDIR", QFile::encodeName(m_home.filePath("tmp", true)));
+        m_env.set("XDG_STATE_HOME", QFile::encodeName(m_home.filePath("state")));
     }
     TempDir m_home;
     ScopedEnvironment m_env;
@@ -63,6 +63,20 @@ TEST_F(RecordingFilesTest, aFolderThatCannotBeCreatedIsStillReturned) {
     EXPECT_FALSE(QFileInfo(dir).isDir());
 }
 
+// Capture files go to the XDG state directory (on disk, private), never to a /tmp that may live in memory.
+TEST_F(RecordingFilesTest, captureDirectoryIsPrivateInTheXdgStateDirectory) {
+    const QString expected = m_home.filePath("state") + "/TavrelRecorder/capture";
+    EXPECT_EQ(RecordingFiles::captureDir(), expected);
+    const QFileDevice::Permissions permissions = QFileInfo(expected).permissions();
+    EXPECT_TRUE(permissions.testFlags(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner));
+    EXPECT_EQ(permissions & 0x0077, 0) << "no access for the group or others";
+    for (const char* unusable : {"", "relative/state"}) {
+        m_env.set("XDG_STATE_HOME", unusable);
+        m_env.set("HOME", QFile::encodeName(m_home.filePath("home")));
+        EXPECT_EQ(RecordingFiles::captureDir(), m_home.filePath("home") + "/.local/state/TavrelRecorder/capture");
+    }
+}
+
 TEST_P(RecordingFileNames, followsItsPatternWithTheCurrentTimeStamp) {
     const NamePattern& pattern = GetParam();
     const qint64 before = RecordingFiles::timestamp();
@@ -71,7 +85,8 @@ TEST_P(RecordingFileNames, followsItsPatternWithTheCurrentTimeStamp) {
 
     const QFileInfo info(path);
     EXPECT_EQ(info.absolutePath(),
-              pattern.inRecordingsFolder ? RecordingFiles::recordingsDir() : QDir(QDir::tempPath()).absolutePath());
+              pattern.inRecordingsFolder ? RecordingFiles::recordingsDir() : RecordingFiles::captureDir());
+    EXPECT_TRUE(info.isFile()) << "named and taken at once";
     const QRegularExpression name("^" + QRegularExpression::escape(pattern.prefix) + "([0-9]+)\\." +
                                   QRegularExpression::escape(pattern.extension) + "$");
     const auto match = name.match(info.fileName());
@@ -108,6 +123,21 @@ TEST_F(RecordingFilesTest, aNameTakenInTheSameSecondGetsASuffixKeepingPrefixAndE
     // Another extension of the same second is free.
     EXPECT_EQ(QFileInfo(RecordingFiles::uniquePath(dir, "tavrel_mic_", "aiff", 1731772800)).fileName(),
               "tavrel_mic_1731772800.aiff");
+}
+
+// The mix is made in the capture directory and moved into the recordings folder under its name: a name taken
+// in either place is not given, and two names made at once differ.
+TEST_F(RecordingFilesTest, mergedNameIsFreeInBothFoldersAndNeverGivenTwice) {
+    const QString stamp = QString::number(RecordingFiles::timestamp());
+    touch(RecordingFiles::recordingsDir() + "/tavrel_merged_" + stamp + ".m4a");
+    touch(RecordingFiles::recordingsDir() + "/tavrel_merged_" + stamp + "_2.m4a");
+    const QString first = RecordingFiles::mergedFile();
+    const QString second = RecordingFiles::mergedFile();
+    if (RecordingFiles::timestamp() == stamp.toLongLong()) { // both named within the same second
+        EXPECT_EQ(QFileInfo(first).fileName(), "tavrel_merged_" + stamp + "_3.m4a");
+        EXPECT_EQ(QFileInfo(second).fileName(), "tavrel_merged_" + stamp + "_4.m4a");
+    }
+    EXPECT_NE(first, second);
 }
 
 TEST(RecordingFileTimestamp, truncatesTowardZero) {

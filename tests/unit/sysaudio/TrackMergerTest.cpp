@@ -298,17 +298,61 @@ INSTANTIATE_TEST_SUITE_P(Signals, SegmentSeamTest,
                                            SeamCase{"speechOverChirp", true, "0.1*sin(2*PI*(100*t+400*t*t))"}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// The asynchronous form names its file in the temporary directory and leaves the inputs alone.
-TEST_F(TrackMergerTest, asynchronousMergeWritesTheNamedFileInTheTemporaryDirectory) {
+enum class Break { garbledMiddle, cutShort };
+
+struct BreakCase {
+    const char* name;
+    bool microphone; ///< which track breaks: the microphone, or a system track
+    Break damage;
+};
+
+class BrokenTrackTest : public TrackMergerTest, public ::testing::WithParamInterface<BreakCase> {};
+
+// A track that opens but breaks part-way (its middle overwritten, or its end lost while its index still
+// promises it) fails the whole merge, naming the file: mixing what came before would cut that side short,
+// and the tracks are deleted once the mix is made.
+TEST_P(BrokenTrackTest, aTrackThatBreaksPartWayFailsTheMergeNamingIt) {
+    const TrackKind indexedAac{"aac", "m4a", 44100, 2, {"-c:a", "aac", "-movflags", "+faststart"}};
+    const QString mic = make(GetParam().microphone ? indexedAac : kMicTrack, toneBetween(440, 0.2, 0.0, 6.0), 6.0);
+    const QString system =
+        make(GetParam().microphone ? kMonitorTrack : indexedAac, toneBetween(1000, 0.2, 0.0, 6.0), 6.0, "system");
+    const QString broken = GetParam().microphone ? mic : system;
+    QFile file(broken);
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    const qint64 audioStart = file.readAll().indexOf("mdat") + 4;
+    if (GetParam().damage == Break::cutShort) {
+        ASSERT_TRUE(file.resize(audioStart + (file.size() - audioStart) / 2));
+    } else {
+        file.seek(audioStart + (file.size() - audioStart) / 3);
+        ASSERT_GT(file.write(QByteArray(8000, '\x5a')), 0);
+    }
+    file.close();
+
+    try {
+        mergeAudioFilesInto(mic, {system}, output());
+        FAIL() << "the merge went through a broken track";
+    } catch (const DamagedTrackError& error) {
+        EXPECT_EQ(error.path(), broken);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Breaks, BrokenTrackTest,
+                         ::testing::Values(BreakCase{"micGarbled", true, Break::garbledMiddle},
+                                           BreakCase{"micCutShort", true, Break::cutShort},
+                                           BreakCase{"systemGarbled", false, Break::garbledMiddle},
+                                           BreakCase{"systemCutShort", false, Break::cutShort}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// The asynchronous form names its file in the capture directory and leaves the inputs alone.
+TEST_F(TrackMergerTest, asynchronousMergeWritesTheNamedFileInTheCaptureDirectory) {
     const QString mic = make(kMicTrack, toneBetween(440, 0.2, 0.2, 0.6), 1.0);
     const QString system = make(kTapTrack, toneBetween(1000, 0.2, 0.4, 0.8), 1.5);
     ScopedEnvironment environment;
-    const QString temp = m_dir.filePath(QStringLiteral("tmp"), true);
-    environment.set("TMPDIR", temp.toUtf8());
+    environment.set("XDG_STATE_HOME", m_dir.filePath(QStringLiteral("state")).toUtf8());
 
     const QString merged = QCoro::waitFor(mergeAudioFiles(mic, {system}));
 
-    EXPECT_EQ(QFileInfo(merged).absolutePath(), QDir(temp).absolutePath());
+    EXPECT_EQ(QFileInfo(merged).absolutePath(), m_dir.filePath(QStringLiteral("state")) + "/TavrelRecorder/capture");
     EXPECT_TRUE(QRegularExpression(QStringLiteral("^tavrel_merged_\\d{10}\\.m4a$"))
                     .match(QFileInfo(merged).fileName())
                     .hasMatch());
