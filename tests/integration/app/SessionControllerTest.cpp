@@ -9,6 +9,9 @@
 #include <QDir>
 #include <QFile>
 #include <QSignalSpy>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 namespace tavrel::test {
 namespace {
@@ -272,6 +275,38 @@ TEST_F(SessionControllerTest, FailedStartShowsOneAlertWithTheErrorAndChangesNoth
     EXPECT_FALSE(m_delegate->hud().isShown());
     EXPECT_TRUE(m_statusItem->titles.isEmpty());
     EXPECT_EQ(changes.size(), 0);
+}
+
+// What goes wrong while recording reaches the user: the microphone delivering only zeros (nothing plays into
+// the private server's microphone) marks its meter and is told once, the mark goes when sound comes back; a
+// write that fails (a file-size limit stands in for a full disk) is told once more, with the system's reason.
+TEST_F(SessionControllerTest, CaptureFaultsAreToldOnceAndMarkTheMeter) {
+    const QString tone = m_dir.filePath(QStringLiteral("tone.wav"));
+    ASSERT_TRUE(makeTone(440.0, 20.0, tone));
+    launch();
+    startAndWait();
+    const auto told = [&](const QString& title) {
+        return std::count_if(m_notifier->notifications.begin(), m_notifier->notifications.end(),
+                             [&](const auto& notification) { return notification.first == title; });
+    };
+    const QString silence = QStringLiteral("⚠️ Aucun son capté");
+    ASSERT_TRUE(waitUntil([&] { return told(silence) == 1; }, 30s));
+    ASSERT_TRUE(m_delegate->hud().vuMeter());
+    EXPECT_TRUE(m_delegate->hud().vuMeter()->warning());
+    EXPECT_TRUE(m_notifier->notifications.front().second.contains(QStringLiteral("le micro")));
+
+    auto player = s_pulse->playIntoMicrophone(tone);
+    EXPECT_TRUE(waitUntil([&] { return !m_delegate->hud().vuMeter()->warning(); }, 10s));
+    const QString writeFailure = QStringLiteral("⚠️ ") + QString::fromLocal8Bit(std::strerror(EFBIG));
+    {
+        // The microphone's file is past a byte already: its next fragment fails (they come every quarter second).
+        FileSizeLimit limit(1);
+        EXPECT_TRUE(waitUntil([&] { return told(writeFailure) == 1; }, 10s));
+        waitUntil([] { return false; }, 1s); // room for a wrong second one
+    }
+    EXPECT_EQ(m_notifier->notifications.size(), 2);
+    EXPECT_EQ(told(silence), 1);
+    EXPECT_FALSE(stopAndWait().isEmpty()) << "what was written before the failure is the recording";
 }
 
 enum class Backends { none, tapNeedsPermission, monitorButTapNeedsPermission, monitor };

@@ -16,11 +16,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <set>
-#include <sys/resource.h>
 #include <thread>
 
 namespace tavrel::test {
@@ -225,19 +223,13 @@ TEST_P(RecordingWithSystemAudioTest, aFullDiskIsToldOnceAndWhatWasWrittenIsKept)
     std::vector<CaptureEvent> events;
     recorder.setEventHandler([&](const CaptureEvent& event) { events.push_back(event); });
     ASSERT_TRUE(makeTone(500, 8.0, m_dir.filePath("long.wav"), 2, kRate, 0.4)); // before the limit: sox obeys it too
-    rlimit saved{};
-    getrlimit(RLIMIT_FSIZE, &saved);
-    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit limit = saved;
-    limit.rlim_cur = 40 * 1024;
-    setrlimit(RLIMIT_FSIZE, &limit);
+    FileSizeLimit limit(40 * 1024);
     const bool started = QCoro::waitFor(startedOk(recorder));
     auto speaker = m_server->playIntoSink(m_server->speakerSink(), m_dir.filePath("long.wav"));
     auto microphone = m_server->playIntoMicrophone(m_dir.filePath("long.wav"));
     const bool told = waitUntil([&] { return !events.empty(); }, 8s);
     waitUntil([] { return false; }, 2s); // any further failure would be told by now
-    setrlimit(RLIMIT_FSIZE, &saved);
-    std::signal(SIGXFSZ, handler);
+    limit.restore();
     ASSERT_TRUE(started);
     const auto recording = QCoro::waitFor(recorder.stopRecording());
 

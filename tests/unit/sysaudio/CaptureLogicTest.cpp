@@ -1,5 +1,6 @@
 #include "ClockSimulation.h"
 #include "Media.h"
+#include "ScopedEnvironment.h"
 #include "SignalTools.h"
 #include "TempDir.h"
 #include "audio/files/AiffWriter.h"
@@ -15,11 +16,11 @@
 
 #include <QFile>
 #include <QProcess>
+#include <cerrno>
 #include <cmath>
-#include <csignal>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <mutex>
-#include <sys/resource.h>
 #include <thread>
 
 namespace tavrel::test {
@@ -221,27 +222,6 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<ChainCase>& info) { return std::string(info.param.name); });
 
 // ---- A file that cannot be written ------------------------------------------------------------------------
-
-/// The process may not grow any file past `bytes` while this lives, and writes past it fail with EFBIG instead
-/// of killing the process: a full disk for one test, without mounting one.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t bytes) {
-        getrlimit(RLIMIT_FSIZE, &m_saved);
-        m_handler = std::signal(SIGXFSZ, SIG_IGN);
-        rlimit limit = m_saved;
-        limit.rlim_cur = bytes;
-        setrlimit(RLIMIT_FSIZE, &limit);
-    }
-    ~FileSizeLimit() {
-        setrlimit(RLIMIT_FSIZE, &m_saved);
-        std::signal(SIGXFSZ, m_handler);
-    }
-
-private:
-    rlimit m_saved{};
-    void (*m_handler)(int);
-};
 
 enum class Writer { caf, m4a, aiff };
 
