@@ -81,6 +81,7 @@ void ProcessTapRecorder::startBlocking() {
             std::make_unique<CafWriter>(path, kSampleRateHz, kChannels), clock, track, m_events,
             [this](const float* samples, int64_t frames) { storeLevel(levelOf(samples, frames)); });
     } catch (const Error&) {
+        QFile::remove(path); // the name was taken by creating the file
         throw SystemAudioFailure(SystemAudioError::tapFailed);
     }
     if (!openSession()) {

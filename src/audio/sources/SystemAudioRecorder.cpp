@@ -102,11 +102,16 @@ void SystemAudioRecorder::startBlocking() {
     track.threadName = kThreadName;
     track.side = CaptureSide::systemAudio;
     track.logPrefix = kLogPrefix;
-    m_track = std::make_unique<CaptureTrack>(
-        std::make_unique<M4aWriter>(path, kSampleRateHz, kChannels), clock, track, m_events,
-        [this](const float* samples, int64_t frames) {
-            storeLevel(smoothedLevel(m_level.load(std::memory_order_relaxed), samples, frames * kChannels));
-        });
+    try {
+        m_track = std::make_unique<CaptureTrack>(
+            std::make_unique<M4aWriter>(path, kSampleRateHz, kChannels), clock, track, m_events,
+            [this](const float* samples, int64_t frames) {
+                storeLevel(smoothedLevel(m_level.load(std::memory_order_relaxed), samples, frames * kChannels));
+            });
+    } catch (...) {
+        QFile::remove(path); // the name was taken by creating the file
+        throw;
+    }
     PulseStreamKeeper::Settings stream;
     stream.streamName = QStringLiteral("TaVREL sortie système");
     stream.sampleRateHz = kSampleRateHz;

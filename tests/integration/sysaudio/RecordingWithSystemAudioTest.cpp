@@ -33,11 +33,6 @@ double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-void sleepUntil(Clock::time_point start, double atS) {
-    std::this_thread::sleep_until(start +
-                                  std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(atS)));
-}
-
 // QCoro 0.8's waitFor never returns when the task throws: catch inside.
 QCoro::Task<bool> startedOk(AudioRecorder& recorder) {
     try {
@@ -49,9 +44,15 @@ QCoro::Task<bool> startedOk(AudioRecorder& recorder) {
     co_return true;
 }
 
+/// When a tone could have sounded, in seconds of the recording: from the player's launch (less the time the start
+/// took, as time zero lies somewhere in it) to the player's end (it drains its sound before it exits). On a loaded
+/// machine the player's start-up alone can take a second; a side that lost or kept a stretch it should not would be
+/// seconds off.
 struct Played {
-    double atS;
+    double fromS;
+    double toS;
     double frequencyHz;
+    bool holds(double onsetS, double slackS = 0.15) const { return onsetS > fromS - slackS && onsetS < toS + slackS; }
 };
 
 class RecordingWithSystemAudioTest : public ::testing::TestWithParam<AudioServerKind> {
@@ -73,10 +74,35 @@ protected:
         return path;
     }
 
+    /// Starts `recorder`; time is counted from before the start on.
+    bool start(AudioRecorder& recorder) {
+        m_before = Clock::now();
+        const bool started = QCoro::waitFor(startedOk(recorder));
+        m_startS = secondsSince(m_before);
+        return started;
+    }
+    double secondsSinceStart() const { return secondsSince(m_before); }
+
+    /// Plays a tone into `sink` (the microphone when empty) to its end, then leaves a stretch of silence.
+    Played playToEnd(double frequencyHz, const QString& sink) {
+        return playToEnd(tone(frequencyHz), sink, frequencyHz);
+    }
+    Played playToEnd(const QString& file, const QString& sink, double frequencyHz = 0.0) {
+        const double launched = secondsSince(m_before);
+        ManagedProcess player =
+            sink.isEmpty() ? m_server->playIntoMicrophone(file) : m_server->playIntoSink(sink, file);
+        EXPECT_EQ(player.wait(30s), 0);
+        const Played played{launched - m_startS, secondsSince(m_before), frequencyHz};
+        std::this_thread::sleep_for(600ms);
+        return played;
+    }
+
     std::unique_ptr<AudioServerFixture> m_server;
     TempDir m_dir{QStringLiteral("sysrec")};
     ScopedEnvironment m_environment;
     std::vector<ManagedProcess> m_players;
+    Clock::time_point m_before;
+    double m_startS = 0.0;
 };
 
 // A 3 s pause in the middle of a recording: the merged file leaves it out, with what was played meanwhile, and a
@@ -103,48 +129,43 @@ TEST_P(RecordingWithSystemAudioTest, everyTrackLeavesThePauseOutAndStaysAligned)
         return mergeAudioFiles(std::move(mic), std::move(systems));
     };
     AudioRecorder recorder(backends);
-    const Clock::time_point start = Clock::now();
-    ASSERT_TRUE(QCoro::waitFor(startedOk(recorder)));
+    ASSERT_TRUE(start(recorder));
     EXPECT_EQ(recorder.usingProcessTap(), pipeWire);
     EXPECT_EQ(recorder.screenCaptureActive(), !pipeWire) << "the tap runs alone";
     EXPECT_EQ(recorder.usingBlackHole(), !pipeWire) << "the tap runs alone";
 
-    const auto playAt = [&](double atS, double frequencyHz, const QString& sink) {
-        const QString file = tone(frequencyHz);
-        sleepUntil(start, atS);
-        const double launched = secondsSince(start);
-        m_players.push_back(m_server->playIntoSink(sink, file));
-        return launched;
-    };
-    const double before = playAt(1.0, 660, m_server->speakerSink());
-    sleepUntil(start, 2.0);
-    const double pausedAt = secondsSince(start);
+    const Played before = playToEnd(660, m_server->speakerSink());
+    const double pausedAt = secondsSinceStart();
     recorder.pauseRecording();
-    playAt(2.5, 550, m_server->speakerSink());
-    playAt(3.0, 330, m_server->micFeedSink());
-    sleepUntil(start, 5.0);
+    m_players.push_back(m_server->playIntoSink(m_server->speakerSink(), tone(550)));
+    playToEnd(330, m_server->micFeedSink());
+    ASSERT_EQ(m_players.back().wait(30s), 0);
+    std::this_thread::sleep_for(2s);
     recorder.resumeRecording();
-    const double pausedS = secondsSince(start) - pausedAt;
-    const double after = playAt(5.5, 880, QStringLiteral("everyside")) - pausedS;
-    sleepUntil(start, 7.5);
-    const double totalS = secondsSince(start);
+    const double pausedS = secondsSinceStart() - pausedAt;
+    std::this_thread::sleep_for(600ms);
+    Played after = playToEnd(880, QStringLiteral("everyside"));
+    after.fromS -= pausedS;
+    after.toS -= pausedS;
+    const double totalS = secondsSinceStart();
     const auto merged = QCoro::waitFor(recorder.stopRecording());
 
     ASSERT_TRUE(merged);
     const MediaInfo info = probe(*merged);
     ASSERT_TRUE(info.valid) << info.error.toStdString();
-    EXPECT_NEAR(info.formatDurationS, totalS - pausedS, 0.3) << "every track leaves the same pause out";
+    EXPECT_GT(info.formatDurationS, totalS - m_startS - pausedS - 0.3) << "every track leaves the same pause out";
+    EXPECT_LT(info.formatDurationS, totalS - pausedS + 0.3) << "every track leaves the same pause out";
     const std::vector<double> onsets = findSoundOnsets(decodeToMonoFloat(*merged, kRate), kRate, -35.0, 300);
     ASSERT_EQ(onsets.size(), 2u) << ::testing::PrintToString(onsets) << " (paused tones got in?)";
-    EXPECT_NEAR(onsets[0], before, 0.2) << "the player's start-up included";
-    EXPECT_NEAR(onsets[1], after, 0.2) << "the player's start-up included";
+    EXPECT_TRUE(before.holds(onsets[0])) << onsets[0] << " not in " << before.fromS << ".." << before.toS;
+    EXPECT_TRUE(after.holds(onsets[1])) << onsets[1] << " not in " << after.fromS << ".." << after.toS;
     ASSERT_EQ(tracks.size(), pipeWire ? 2 : 3);
     std::vector<double> trackOnsets;
     for (const QString& track : tracks) {
         const std::vector<float> samples = decodeToMonoFloat(track, kRate);
         trackOnsets.push_back(-1.0);
         for (double onset : findSoundOnsets(samples, kRate, -35.0, 300))
-            if (onset > after - 0.5 && trackOnsets.back() < 0.0)
+            if (onset > onsets[1] - 0.5 && trackOnsets.back() < 0.0)
                 trackOnsets.back() = onset;
     }
     // Through pipewire-pulse, the latency a record stream reports is now and then short by about a fragment and a
@@ -168,42 +189,33 @@ TEST_P(RecordingWithSystemAudioTest, everySideComesBackAfterTheAudioServerRestar
     AudioRecorder recorder(linuxSystemAudioBackends());
     std::vector<CaptureEvent> events;
     recorder.setEventHandler([&](const CaptureEvent& event) { events.push_back(event); });
-    const Clock::time_point start = Clock::now();
-    ASSERT_TRUE(QCoro::waitFor(startedOk(recorder)));
+    ASSERT_TRUE(start(recorder));
     std::vector<Played> played;
-    const auto playNow = [&](double frequencyHz, const QString& sink) {
-        const QString file = tone(frequencyHz);
-        played.push_back(Played{secondsSince(start), frequencyHz});
-        m_players.push_back(sink.isEmpty() ? m_server->playIntoMicrophone(file) : m_server->playIntoSink(sink, file));
-    };
-    sleepUntil(start, 1.0);
-    playNow(660, m_server->speakerSink());
-    sleepUntil(start, 2.0);
-    playNow(440, QString());
-    sleepUntil(start, 3.0);
-    m_players.clear();
+    played.push_back(playToEnd(660, m_server->speakerSink()));
+    played.push_back(playToEnd(440, QString()));
     const auto outage = pipeWire ? 0ms : 11000ms;
     ASSERT_TRUE(m_server->restart(outage));
     ASSERT_TRUE(m_server->warmUp());
     std::this_thread::sleep_for(3s);
-    playNow(880, m_server->speakerSink());
-    std::this_thread::sleep_for(1s);
-    playNow(330, QString());
-    std::this_thread::sleep_for(1500ms);
-    const double totalS = secondsSince(start);
+    played.push_back(playToEnd(880, m_server->speakerSink()));
+    played.push_back(playToEnd(330, QString()));
+    const double totalS = secondsSinceStart();
     const auto merged = QCoro::waitFor(recorder.stopRecording());
     waitUntil([] { return false; }, 100ms); // events still on their way
 
     ASSERT_TRUE(merged);
     const std::vector<float> samples = decodeToMonoFloat(*merged, kRate);
-    EXPECT_NEAR(static_cast<double>(samples.size()) / kRate, totalS, 1.0);
+    const double lengthS = static_cast<double>(samples.size()) / kRate;
+    EXPECT_GT(lengthS, totalS - m_startS - 1.0) << "wall-clock length";
+    EXPECT_LT(lengthS, totalS + 1.0) << "wall-clock length";
     const std::vector<double> onsets = findSoundOnsets(samples, kRate, -35.0, 300);
     std::string times;
     for (const Played& tone : played)
-        times += std::to_string(tone.atS) + " ";
+        times += std::to_string(tone.fromS) + ".." + std::to_string(tone.toS) + " ";
     ASSERT_EQ(onsets.size(), played.size()) << ::testing::PrintToString(onsets) << " played at " << times;
     for (size_t i = 0; i < played.size(); ++i)
-        EXPECT_NEAR(onsets[i], played[i].atS, 0.3) << "tone " << played[i].frequencyHz;
+        EXPECT_TRUE(played[i].holds(onsets[i]))
+            << "tone " << played[i].frequencyHz << " at " << onsets[i] << ", played at " << times;
     std::multiset<std::pair<CaptureEvent::Kind, CaptureSide>> told;
     for (const CaptureEvent& event : events)
         if (event.kind == CaptureEvent::Kind::sideLost)
@@ -290,24 +302,20 @@ TEST_P(RoomEchoTest, farEndHeardThroughTheRoomIsHeardOnce) {
     QStringList lines;
     LogCapture capture([&](const QString& line) { lines << line; });
     AudioRecorder recorder(linuxSystemAudioBackends());
-    const Clock::time_point start = Clock::now();
-    ASSERT_TRUE(QCoro::waitFor(startedOk(recorder)));
-    std::this_thread::sleep_until(start + 1s);
-    const double farAtS = secondsSince(start);
-    m_players.push_back(m_server->playIntoSink(m_server->speakerSink(), far));
-    std::this_thread::sleep_until(start + std::chrono::milliseconds(std::lround((1.5 + farSeconds) * 1000)));
-    m_players.push_back(m_server->playIntoMicrophone(user));
-    ASSERT_EQ(m_players.back().wait(30s), 0);
+    ASSERT_TRUE(start(recorder));
+    std::this_thread::sleep_for(1s);
+    const Played farPlayed = playToEnd(far, m_server->speakerSink());
+    playToEnd(user, QString());
     const auto merged = QCoro::waitFor(recorder.stopRecording());
     ASSERT_TRUE(merged);
 
     constexpr int kAnalysisRate = 8000;
     const std::vector<float> mix = decodeToMonoFloat(*merged, kAnalysisRate);
     const std::vector<float> farSpeech = decodeToMonoFloat(far, kAnalysisRate);
-    // The direct sound: the largest peak near when the far end was played.
-    const int searchFrom = static_cast<int>((farAtS - 0.3) * kAnalysisRate);
-    const std::vector<double> around =
-        crossCorrelation(mix, farSpeech, searchFrom, searchFrom + kAnalysisRate * 6 / 10);
+    // The direct sound: the largest peak where the far end could have started.
+    const int searchFrom = static_cast<int>((farPlayed.fromS - 0.3) * kAnalysisRate);
+    const int searchTo = static_cast<int>((farPlayed.toS - farSeconds + 0.3) * kAnalysisRate);
+    const std::vector<double> around = crossCorrelation(mix, farSpeech, searchFrom, std::max(searchTo, searchFrom + 1));
     const auto direct = std::max_element(around.begin(), around.end());
     const int directLag = searchFrom + static_cast<int>(direct - around.begin());
     // The echo, where the room puts it, or early if the recorder lined the tracks up imperfectly.
@@ -369,7 +377,7 @@ TEST_P(TapFailureTest, theMonitorTakesOverAndNothingIsLeftBehind) {
     AudioRecorder recorder(backends);
     const Clock::time_point start = Clock::now();
     ASSERT_TRUE(QCoro::waitFor(startedOk(recorder)));
-    EXPECT_LT(secondsSince(start), 10.0);
+    EXPECT_LT(secondsSince(start), 30.0) << "the start waits past its time-outs";
     EXPECT_FALSE(recorder.usingProcessTap());
     EXPECT_TRUE(recorder.screenCaptureActive());
     EXPECT_TRUE(waitUntil([] { return QThreadPool::globalInstance()->activeThreadCount() == 0; }, 5s))

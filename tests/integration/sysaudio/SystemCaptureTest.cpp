@@ -67,11 +67,34 @@ protected:
         m_environment.set("XDG_STATE_HOME", m_dir.filePath("state", true).toUtf8());
     }
 
-    /// Plays `file` into `sink`; the time since `start` at which it was launched.
-    double play(AudioServerFixture& server, const QString& sink, const QString& file, Clock::time_point start) {
-        const double at = secondsSince(start);
-        m_players.push_back(server.playIntoSink(sink, file));
-        return at;
+    /// When a sound could have been heard, in seconds of the track: from the player's launch (less the time the
+    /// source's start took, as time zero lies somewhere in it) to the player's end (it drains its sound before it
+    /// exits). A loaded machine can take a second to start a player; a track that lost or kept a stretch it should
+    /// not would be seconds off.
+    struct Played {
+        double fromS;
+        double toS;
+        bool holds(double onsetS, double slackS = 0.15) const {
+            return onsetS > fromS - slackS && onsetS < toS + slackS;
+        }
+    };
+
+    /// Call around the source's start: time is counted from before it.
+    void starting() { m_before = Clock::now(); }
+    void started() { m_startS = secondsSince(m_before); }
+    double elapsedS() const { return secondsSince(m_before); }
+
+    /// Plays `file` into `sink` to its end.
+    Played play(AudioServerFixture& server, const QString& sink, const QString& file) {
+        const double launched = elapsedS();
+        EXPECT_EQ(server.playIntoSink(sink, file).wait(30s), 0);
+        return Played{launched - m_startS, elapsedS()};
+    }
+
+    /// A track of `lengthS` keeps the real time of a recording stopped `totalS` after `starting()`.
+    void expectRealTime(double lengthS, double totalS, const char* what) const {
+        EXPECT_GT(lengthS, totalS - m_startS - 0.3) << what;
+        EXPECT_LT(lengthS, totalS + 0.3) << what;
     }
 
     TempDir m_dir{QStringLiteral("syscap")};
@@ -79,6 +102,8 @@ protected:
     QString m_tone;
     QString m_low;
     std::vector<ManagedProcess> m_players;
+    Clock::time_point m_before;
+    double m_startS = 0.0;
 };
 
 // ---- PipeWire: the tap ----------------------------------------------------------------------------
@@ -98,8 +123,9 @@ protected:
 
 TEST_F(ProcessTapTest, followsTheDefaultOutputAndNeverRecordsTheMicrophone) {
     ProcessTapRecorder tap;
-    const Clock::time_point start = Clock::now();
+    starting();
     ASSERT_NO_THROW(tap.startBlocking());
+    started();
     // The microphone speaks the whole time: none of it may reach the system track.
     ASSERT_TRUE(makeTone(300, 6.0, m_dir.filePath("mic.wav"), 1, kRate, 0.5));
     auto micPlayer = m_server.playIntoMicrophone(m_dir.filePath("mic.wav"));
@@ -107,16 +133,17 @@ TEST_F(ProcessTapTest, followsTheDefaultOutputAndNeverRecordsTheMicrophone) {
     ASSERT_TRUE(m_server.setDefaultSink(m_server.blackHoleSink()));
     std::this_thread::sleep_for(1s);
     EXPECT_EQ(tap.targetSink(), m_server.blackHoleSink());
-    const double played = play(m_server, m_server.blackHoleSink(), m_tone, start);
-    std::this_thread::sleep_for(1500ms);
-    const double totalS = secondsSince(start);
+    const Played played = play(m_server, m_server.blackHoleSink(), m_tone);
+    std::this_thread::sleep_for(500ms);
+    const double totalS = elapsedS();
     const auto file = tap.stopBlocking();
     ASSERT_TRUE(file);
 
     const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
-    EXPECT_NEAR(static_cast<double>(samples.size()) / kRate, totalS, 0.3) << "the move left a hole";
-    EXPECT_NEAR(onsetAfter(samples, 0.0), played, 0.3) << "launch-to-sound latency of the player included";
-    EXPECT_LT(rmsDbBetween(samples, kRate, 0.1, played - 0.1), -60.0) << "the microphone leaked in";
+    expectRealTime(static_cast<double>(samples.size()) / kRate, totalS, "the move left a hole");
+    const double onset = onsetAfter(samples, 0.0);
+    EXPECT_TRUE(played.holds(onset)) << onset << " not in " << played.fromS << ".." << played.toS;
+    EXPECT_LT(rmsDbBetween(samples, kRate, 0.1, onset - 0.1), -60.0) << "the microphone leaked in";
 }
 
 // ---- PulseAudio: the output monitor and the virtual device -------------------------------------------
@@ -135,51 +162,55 @@ protected:
 TEST_F(PulseCaptureTest, monitorTrackKeepsRealTimeThroughASuspendedOutput) {
     ASSERT_TRUE(m_server.warmUp());
     SystemAudioRecorder recorder;
-    const Clock::time_point start = Clock::now();
+    starting();
     ASSERT_NO_THROW(recorder.startBlocking());
+    started();
     std::this_thread::sleep_for(500ms);
-    const double first = play(m_server, m_server.speakerSink(), m_tone, start);
-    std::this_thread::sleep_for(1500ms);
+    const Played first = play(m_server, m_server.speakerSink(), m_tone);
+    std::this_thread::sleep_for(500ms);
     m_server.pactl({"suspend-sink", m_server.speakerSink(), "1"});
     std::this_thread::sleep_for(7s);
     m_server.pactl({"suspend-sink", m_server.speakerSink(), "0"});
     std::this_thread::sleep_for(500ms);
-    const double second = play(m_server, m_server.speakerSink(), m_tone, start);
-    std::this_thread::sleep_for(1500ms);
-    const double totalS = secondsSince(start);
+    const Played second = play(m_server, m_server.speakerSink(), m_tone);
+    std::this_thread::sleep_for(500ms);
+    const double totalS = elapsedS();
     const auto file = recorder.stopBlocking();
     ASSERT_TRUE(file);
 
     const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
-    EXPECT_NEAR(static_cast<double>(samples.size()) / kRate, totalS, 0.3);
+    expectRealTime(static_cast<double>(samples.size()) / kRate, totalS, "the suspended stretch kept");
     const double firstOnset = onsetAfter(samples, 0.0);
-    EXPECT_NEAR(firstOnset, first, 0.3);
-    // Two players, each with its own start-up: a track that lost the suspended stretch would be 7 s off.
-    EXPECT_NEAR(onsetAfter(samples, firstOnset + 1.0) - firstOnset, second - first, 0.3);
+    EXPECT_TRUE(first.holds(firstOnset)) << firstOnset << " not in " << first.fromS << ".." << first.toS;
+    // A track that lost the suspended stretch would be 7 s early.
+    const double secondOnset = onsetAfter(samples, firstOnset + 1.0);
+    EXPECT_TRUE(second.holds(secondOnset)) << secondOnset << " not in " << second.fromS << ".." << second.toS;
 }
 
 TEST_F(PulseCaptureTest, monitorFollowsTheDefaultOutput) {
     ASSERT_TRUE(m_server.warmUp());
     LogLines log;
     SystemAudioRecorder recorder;
-    const Clock::time_point start = Clock::now();
+    starting();
     ASSERT_NO_THROW(recorder.startBlocking());
+    started();
     std::this_thread::sleep_for(500ms);
     ASSERT_TRUE(m_server.setDefaultSink(m_server.blackHoleSink()));
     std::this_thread::sleep_for(1s);
     EXPECT_EQ(recorder.expectedSource(), AudioServerFixture::monitorOf(m_server.blackHoleSink()));
     // Into the old output after the change: not ours any more.
-    play(m_server, m_server.speakerSink(), m_low, start);
-    std::this_thread::sleep_for(1s);
-    const double played = play(m_server, m_server.blackHoleSink(), m_tone, start);
-    std::this_thread::sleep_for(1500ms);
-    const double totalS = secondsSince(start);
+    play(m_server, m_server.speakerSink(), m_low);
+    std::this_thread::sleep_for(500ms);
+    const Played played = play(m_server, m_server.blackHoleSink(), m_tone);
+    std::this_thread::sleep_for(500ms);
+    const double totalS = elapsedS();
     const auto file = recorder.stopBlocking();
     ASSERT_TRUE(file);
 
     const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
-    EXPECT_NEAR(static_cast<double>(samples.size()) / kRate, totalS, 0.3) << "the move left a hole";
-    EXPECT_NEAR(onsetAfter(samples, 0.0), played, 0.3);
+    expectRealTime(static_cast<double>(samples.size()) / kRate, totalS, "the move left a hole");
+    const double onset = onsetAfter(samples, 0.0);
+    EXPECT_TRUE(played.holds(onset)) << onset << " not in " << played.fromS << ".." << played.toS;
     EXPECT_TRUE(
         log.lines().contains(QStringLiteral("[SystemAudio] Sortie par défaut changée → ") + m_server.blackHoleSink()));
 }
@@ -234,8 +265,9 @@ TEST_F(PulseCaptureTest, virtualDeviceThatGoesAwayAndComesBackKeepsOneFileOnReal
     const auto device = BlackHoleRecorder::findDevice();
     ASSERT_TRUE(device);
     BlackHoleRecorder recorder(*device);
-    const Clock::time_point start = Clock::now();
+    starting();
     ASSERT_NO_THROW(recorder.startBlocking());
+    started();
     ASSERT_TRUE(makeTone(300, 12.0, m_dir.filePath("mic.wav"), 1, kRate, 0.5));
     auto micPlayer = m_server.playIntoMicrophone(m_dir.filePath("mic.wav"));
     std::this_thread::sleep_for(1s);
@@ -252,18 +284,18 @@ TEST_F(PulseCaptureTest, virtualDeviceThatGoesAwayAndComesBackKeepsOneFileOnReal
             .arg(m_server.blackHoleSink(), QString::fromUtf8(AudioServerFixture::kBlackHoleDescription))));
     ASSERT_TRUE(waitUntil([&] { return recorder.isConnected(); }, 3s));
     ASSERT_TRUE(m_server.warmUp()); // a new null sink renders ahead in large blocks until something plays on it
-    const double played = play(m_server, m_server.blackHoleSink(), m_tone, start);
-    std::this_thread::sleep_for(1500ms);
-    const double totalS = secondsSince(start);
+    const Played played = play(m_server, m_server.blackHoleSink(), m_tone);
+    std::this_thread::sleep_for(500ms);
+    const double totalS = elapsedS();
     const auto file = recorder.stopBlocking();
     ASSERT_TRUE(file);
 
     const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
-    EXPECT_NEAR(static_cast<double>(samples.size()) / kRate, totalS, 0.3) << "real time kept through the gap";
+    expectRealTime(static_cast<double>(samples.size()) / kRate, totalS, "real time kept through the gap");
     const double onset = onsetAfter(samples, 0.0);
     // A null sink made anew renders ahead of time until something plays on it, and its monitor's timing with it:
     // what is checked here is that the tone is there, after the device came back, and nothing before it.
-    EXPECT_NEAR(onset, played, 0.5) << "the first sound must be the tone played on the device that came back";
+    EXPECT_TRUE(played.holds(onset, 0.5)) << "the first sound must be the tone played on the device that came back";
     EXPECT_LT(rmsDbBetween(samples, kRate, 0.0, onset - 0.1), -60.0) << "the microphone got in";
 }
 
@@ -352,14 +384,17 @@ TEST_P(PausedSourceTest, leavesThePauseOutAndKeepsTimeAroundIt) {
     }
     }
     LogLines log;
+    starting();
     const Clock::time_point start = Clock::now();
     const auto sleepUntil = [&](double atS) {
         std::this_thread::sleep_until(start +
                                       std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(atS)));
     };
     ASSERT_NO_THROW(source->startBlocking());
+    CaptureFixture::started();
     sleepUntil(0.5);
-    const double launched = play(*m_server, sink, tones, start);
+    const double launched = secondsSince(start);
+    m_players.push_back(m_server->playIntoSink(sink, tones));
     EXPECT_TRUE(waitUntil([&] { return source->currentLevel() > 0.3f; }, 1100ms)) << "the level shows the tone";
     sleepUntil(1.7);
     const double pausedAt = secondsSince(start);
@@ -382,7 +417,8 @@ TEST_P(PausedSourceTest, leavesThePauseOutAndKeepsTimeAroundIt) {
     EXPECT_NEAR(info.formatDurationS, totalS - pausedS, 0.3);
     const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
     const double first = onsetAfter(samples, 0.0);
-    EXPECT_NEAR(first, launched, 0.3) << "launch-to-sound latency of the player included";
+    EXPECT_TRUE((Played{launched - m_startS, launched + 0.6}.holds(first)))
+        << first << " against " << launched << ": the player's start-up included";
     const double last = onsetAfter(samples, first + 1.0);
     const double playedApartS = 0.5 + 1.5 + 0.6 + 2.5; // first tone, gap, second tone, gap
     EXPECT_NEAR(last - first, playedApartS - pausedS, 0.05);
@@ -453,7 +489,7 @@ TEST_P(FilterOutputTest, recordsTheDeviceBehindTheFilter) {
     std::unique_ptr<SystemAudioSource> source;
     QString target;
     std::function<std::optional<QString>()> stop;
-    const Clock::time_point start = Clock::now();
+    starting();
     if (GetParam() == FilterCase::tapOnPipeWire) {
         auto tap = std::make_unique<ProcessTapRecorder>();
         ASSERT_NO_THROW(tap->startBlocking());
@@ -467,24 +503,24 @@ TEST_P(FilterOutputTest, recordsTheDeviceBehindTheFilter) {
         stop = [raw = monitor.get()] { return raw->stopBlocking(); };
         source = std::move(monitor);
     }
+    started();
     const QString speaker = m_server->speakerSink();
     EXPECT_TRUE(target == speaker || target == AudioServerFixture::monitorOf(speaker)) << target.toStdString();
 
     std::this_thread::sleep_for(1s);
-    const double direct = play(*m_server, speaker, m_tone, start);
-    std::this_thread::sleep_for(1500ms);
-    const double throughFilter = play(*m_server, "tavrel_ec_sink", m_low, start);
-    std::this_thread::sleep_for(1500ms);
+    const Played direct = play(*m_server, speaker, m_tone);
+    std::this_thread::sleep_for(500ms);
+    const Played throughFilter = play(*m_server, "tavrel_ec_sink", m_low);
+    std::this_thread::sleep_for(500ms);
     const auto file = stop();
     ASSERT_TRUE(file);
 
     const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
     const double directOnset = onsetAfter(samples, 0.0);
-    // What is checked here is which device is heard; alignment has tests of its own, so paplay's start-up
-    // on a loaded machine is allowed for.
-    EXPECT_NEAR(directOnset, direct, 0.3) << "the speakers' own stream";
+    // What is checked here is which device is heard; alignment has tests of its own.
+    EXPECT_TRUE(direct.holds(directOnset)) << "the speakers' own stream";
     // The canceller adds its own processing delay to what goes through it.
-    EXPECT_NEAR(onsetAfter(samples, directOnset + 1.0), throughFilter, 0.4) << "the stream through the filter";
+    EXPECT_TRUE(throughFilter.holds(onsetAfter(samples, directOnset + 0.6), 0.4)) << "the stream through the filter";
     const QString prefix =
         GetParam() == FilterCase::tapOnPipeWire ? QStringLiteral("[ProcessTap]") : QStringLiteral("[SystemAudio]");
     EXPECT_TRUE(log.lines().contains(prefix + QStringLiteral(" Sortie filtrée, capture du périphérique → ") + speaker))
