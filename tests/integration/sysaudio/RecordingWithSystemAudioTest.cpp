@@ -160,21 +160,30 @@ TEST_P(RecordingWithSystemAudioTest, everyTrackLeavesThePauseOutAndStaysAligned)
     EXPECT_TRUE(before.holds(onsets[0])) << onsets[0] << " not in " << before.fromS << ".." << before.toS;
     EXPECT_TRUE(after.holds(onsets[1])) << onsets[1] << " not in " << after.fromS << ".." << after.toS;
     ASSERT_EQ(tracks.size(), pipeWire ? 2 : 3);
+    // The tone's beginning and end on each track (it is the last sound of every one): audio a server dropped under
+    // load becomes silence in its place, and a hole over one edge of the tone moves only that edge.
     std::vector<double> trackOnsets;
+    std::vector<double> trackEnds;
     for (const QString& track : tracks) {
-        const std::vector<float> samples = decodeToMonoFloat(track, kRate);
+        std::vector<float> samples = decodeToMonoFloat(track, kRate);
         trackOnsets.push_back(-1.0);
         for (double onset : findSoundOnsets(samples, kRate, -35.0, 300))
             if (onset > onsets[1] - 0.5 && trackOnsets.back() < 0.0)
                 trackOnsets.back() = onset;
+        const double lengthS = static_cast<double>(samples.size()) / kRate;
+        std::reverse(samples.begin(), samples.end());
+        const std::vector<double> fromEnd = findSoundOnsets(samples, kRate, -35.0, 300);
+        trackEnds.push_back(fromEnd.empty() ? -1.0 : lengthS - fromEnd[0]);
     }
     // Through pipewire-pulse, the latency a record stream reports is now and then short by about a fragment and a
     // quantum, which the microphone's track inherits; the tap times its buffers from the graph itself.
     const double toleranceS = pipeWire ? 0.1 : 0.05;
     for (size_t i = 1; i < trackOnsets.size(); ++i)
-        EXPECT_NEAR(trackOnsets[i], trackOnsets[0], toleranceS)
+        EXPECT_LE(std::min(std::abs(trackOnsets[i] - trackOnsets[0]), std::abs(trackEnds[i] - trackEnds[0])),
+                  toleranceS)
             << QFileInfo(tracks[static_cast<qsizetype>(i)]).fileName().toStdString()
-            << " against the microphone: " << ::testing::PrintToString(trackOnsets);
+            << " against the microphone: begins " << ::testing::PrintToString(trackOnsets) << ", ends "
+            << ::testing::PrintToString(trackEnds);
     // The intermediate files are gone.
     EXPECT_TRUE(
         QDir(RecordingFiles::captureDir()).entryList({"tavrel_tap_*", "tavrel_sys_*", "tavrel_bh_*"}).isEmpty());
