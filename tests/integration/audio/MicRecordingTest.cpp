@@ -309,40 +309,6 @@ INSTANTIATE_TEST_SUITE_P(Changes, MicrophoneFollows,
                                                                                  : "deviceReplugged16kHz";
                          });
 
-// A microphone that delivers nothing but zeros for 15 s while unmuted is told once, and its mark goes when sound
-// comes back; speech followed by the quiet of a room (a noise floor, never exact zeros) is never told.
-TEST_F(MicRecording, onlyDigitalSilenceIsToldAndOnlyOnce) {
-    TempDir dir;
-    const QString speech = speechFile(kSpeech);
-    const QString quiet = dir.filePath("quiet.wav");
-    ASSERT_EQ(
-        QProcess::execute("ffmpeg", {"-v", "error", "-y", "-f", "lavfi", "-i",
-                                     "anoisesrc=color=pink:amplitude=0.0005:sample_rate=44100:duration=17", quiet}),
-        0);
-    const QString speechThenQuiet = dir.filePath("speech-then-quiet.wav");
-    ASSERT_TRUE(concatenateAudio({speech, quiet}, speechThenQuiet));
-    AudioRecorder recorder;
-    std::vector<std::pair<double, CaptureEvent>> events;
-    const auto start = std::chrono::steady_clock::now();
-    const auto since = [&] { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(); };
-    recorder.setEventHandler([&](const CaptureEvent& event) { events.emplace_back(since(), event); });
-    ASSERT_FALSE(startAndWait(recorder));
-    ASSERT_TRUE(waitUntil([&] { return !events.empty(); }, 25s));
-    EXPECT_EQ(events[0].second.kind, CaptureEvent::Kind::silenceStarted);
-    EXPECT_EQ(events[0].second.side, CaptureSide::microphone);
-    EXPECT_GT(events[0].first, 14.5);
-    const std::optional<Notification> told = notificationFor(events[0].second);
-    ASSERT_TRUE(told);
-    EXPECT_EQ(told->title, QStringLiteral("⚠️ Aucun son capté"));
-
-    auto player = pulse().playIntoMicrophone(speechThenQuiet);
-    ASSERT_TRUE(waitUntil([&] { return events.size() == 2; }, 3s)) << "the mark stays after sound came back";
-    EXPECT_EQ(events[1].second.kind, CaptureEvent::Kind::silenceEnded);
-    player.wait(40s);
-    stopAndWait(recorder);
-    EXPECT_EQ(events.size(), 2u) << "quiet is not silence";
-}
-
 TEST_F(MicRecording, theSharedConnectionAnswersServerQueries) {
     auto connection = PulseContext::instance();
     const PulseServerInfo info = connection->serverInfo();
