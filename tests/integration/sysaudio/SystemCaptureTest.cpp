@@ -7,6 +7,7 @@
 #include "audio/sources/BlackHoleRecorder.h"
 #include "audio/sources/ProcessTapRecorder.h"
 #include "audio/sources/SystemAudioRecorder.h"
+#include "audio/timeline/RecordingClock.h"
 #include "core/Log.h"
 #include "core/RecordingFiles.h"
 
@@ -215,6 +216,36 @@ TEST_F(PulseCaptureTest, monitorFollowsTheDefaultOutput) {
     EXPECT_TRUE(played.holds(onset)) << onset << " not in " << played.fromS << ".." << played.toS;
     EXPECT_TRUE(
         log.lines().contains(QStringLiteral("[SystemAudio] Sortie par défaut changée → ") + m_server.blackHoleSink()));
+}
+
+// An application plays on the output and the monitor hears nothing but zeros for 15 s: the side is told once, and
+// told again as sound comes back (the panel's mark goes).
+TEST_F(PulseCaptureTest, anOutputInUseThatDeliversOnlyZerosIsTold) {
+    ASSERT_TRUE(makeSilence(17.0, m_dir.filePath("zeros.wav"), 2, kRate));
+    std::mutex mutex;
+    std::vector<CaptureEvent> events;
+    const auto kinds = [&] {
+        std::lock_guard lock(mutex);
+        std::vector<CaptureEvent::Kind> seen;
+        for (const CaptureEvent& event : events)
+            if (event.side == CaptureSide::systemAudio)
+                seen.push_back(event.kind);
+        return seen;
+    };
+    SystemAudioRecorder recorder;
+    recorder.setCaptureContext(std::make_shared<RecordingClock>(), [&](const CaptureEvent& event) {
+        std::lock_guard lock(mutex);
+        events.push_back(event);
+    });
+    ASSERT_NO_THROW(recorder.startBlocking());
+    ManagedProcess zeros = m_server.playIntoSink(m_server.speakerSink(), m_dir.filePath("zeros.wav"));
+    EXPECT_TRUE(waitUntil([&] { return !kinds().empty(); }, 30s));
+    ASSERT_EQ(zeros.wait(30s), 0);
+    play(m_server, m_server.speakerSink(), m_tone);
+    EXPECT_TRUE(waitUntil([&] { return kinds().size() >= 2; }, 5s));
+    recorder.stopBlocking();
+    EXPECT_EQ(kinds(),
+              (std::vector<CaptureEvent::Kind>{CaptureEvent::Kind::silenceStarted, CaptureEvent::Kind::silenceEnded}));
 }
 
 TEST_F(PulseCaptureTest, noDefaultOutputIsNoDisplay) {
