@@ -8,3 +8,11 @@ if(TARGET tavrel_testsupport)
         tavrel_warnings(bench_audio_mic)
     endif()
 endif()
+
+# Alignment of the two sides after a simulated hour, against the same chunks appended as they come.
+#   bench_audio_alignment [minutes, default 60]
+if(TARGET tavrel_sysaudio_testsupport)
+    add_executable(bench_audio_alignment ${CMAKE_CURRENT_LIST_DIR}/audio/AlignmentBench.cpp)
+    target_link_libraries(bench_audio_alignment PRIVATE tavrel_sysaudio_testsupport)
+    tavrel_warnings(bench_audio_alignment)
+endif()

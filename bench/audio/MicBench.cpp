@@ -44,23 +44,23 @@ double ms(Clock::duration d) {
     return std::chrono::duration<double, std::milli>(d).count();
 }
 
-template <typename Body>
-void runTask(Body body) {
-    QCoro::waitFor([&]() -> QCoro::Task<> { co_await body(); }());
+// A start that failed yields false (QCoro's waitFor never returns from a task that throws).
+QCoro::Task<bool> startRecorder(tavrel::AudioRecorder* recorder) {
+    bool started = false;
+    try {
+        auto starting = recorder->startRecording();
+        co_await starting;
+        started = true;
+    } catch (...) {
+    }
+    co_return started;
 }
 
 // Milliseconds from `startRecording()` being called to the first sample written; -1 on failure.
 double ourStartLatencyMs() {
     tavrel::AudioRecorder recorder;
     const auto begin = Clock::now();
-    bool started = false;
-    runTask([&]() -> QCoro::Task<> {
-        try {
-            co_await recorder.startRecording();
-            started = true;
-        } catch (...) {
-        }
-    });
+    const bool started = QCoro::waitFor(startRecorder(&recorder));
     double latency = -1.0;
     if (started) {
         while (recorder.micFramesWritten() == 0 && Clock::now() - begin < std::chrono::seconds(5)) {
@@ -70,11 +70,8 @@ double ourStartLatencyMs() {
         if (recorder.micFramesWritten() > 0)
             latency = ms(Clock::now() - begin);
     }
-    runTask([&]() -> QCoro::Task<> {
-        const auto file = co_await recorder.stopRecording();
-        if (file)
-            QFile::remove(*file);
-    });
+    if (const auto file = QCoro::waitFor(recorder.stopRecording()))
+        QFile::remove(*file);
     return latency;
 }
 
@@ -167,7 +164,7 @@ int main(int argc, char** argv) {
     const auto oursBegin = Clock::now();
     tavrel::AudioRecorder recorder;
     std::optional<QString> file;
-    runTask([&]() -> QCoro::Task<> { co_await recorder.startRecording(); });
+    QCoro::waitFor(startRecorder(&recorder));
     const auto end = oursBegin + std::chrono::seconds(seconds);
     while (Clock::now() < end) { // the panel polls the level at 20 Hz
         (void)recorder.currentMicLevel();
@@ -185,7 +182,7 @@ int main(int argc, char** argv) {
                         qPrintable(fields.value(12)));
         }
     }
-    runTask([&]() -> QCoro::Task<> { file = co_await recorder.stopRecording(); });
+    file = QCoro::waitFor(recorder.stopRecording());
     const double oursWall = std::chrono::duration<double>(Clock::now() - oursBegin).count();
     const double oursShare = (cpuSeconds(RUSAGE_SELF) - selfBefore) / oursWall;
 

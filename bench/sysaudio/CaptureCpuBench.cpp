@@ -7,6 +7,7 @@
 #include "PulseAudioFixture.h"
 #include "audio/sources/MicRecorder.h"
 #include "audio/sources/SystemAudioRecorder.h"
+#include "audio/timeline/RecordingClock.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -87,7 +88,7 @@ int main(int argc, char** argv) {
     const double referenceShare = (cpuSeconds(RUSAGE_CHILDREN) - childrenBefore) / referenceWall;
 
     const double recording = measure([&] {
-        MicRecorder micRecorder(scratch.filePath("mic.m4a"));
+        MicRecorder micRecorder(scratch.filePath("mic.m4a"), std::make_shared<RecordingClock>());
         micRecorder.record();
         SystemAudioRecorder system;
         system.startBlocking();

@@ -158,6 +158,7 @@ private:
     QDateTime now() const;
     QCoro::Task<> runStart();
     QCoro::Task<> runStop();
+    void onCaptureEvent(const CaptureEvent& event);
     void showSessionTask();
     QCoro::Task<> runUploadDialog(QString fileURL, DialogQueue::Place place);
     QCoro::Task<> runPendingCheck();

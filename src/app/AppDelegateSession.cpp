@@ -48,6 +48,10 @@ void AppDelegate::showSessionTask() {
 
 QCoro::Task<> AppDelegate::runStart() {
     const QPointer<AppDelegate> self(this);
+    m_recorder.setEventHandler([self](const CaptureEvent& event) {
+        if (self)
+            self->onCaptureEvent(event);
+    });
     QString failure;
     try {
         co_await m_recorder.startRecording();
@@ -82,6 +86,13 @@ QCoro::Task<> AppDelegate::runStart() {
         co_return;
     }
     warnIfSystemAudioMissing();
+}
+
+void AppDelegate::onCaptureEvent(const CaptureEvent& event) {
+    if (const std::optional<Notification> notification = notificationFor(event))
+        notify(notification->title, notification->body);
+    if (event.kind == CaptureEvent::Kind::silenceStarted || event.kind == CaptureEvent::Kind::silenceEnded)
+        m_hud->setMeterWarning(event.side != CaptureSide::microphone, event.kind == CaptureEvent::Kind::silenceStarted);
 }
 
 void AppDelegate::warnIfSystemAudioMissing() {

@@ -3,6 +3,7 @@
 #include "audio/BackgroundTask.h"
 #include "audio/files/RecordingJournal.h"
 #include "audio/sources/MicRecorder.h"
+#include "audio/timeline/RecordingClock.h"
 #include "core/Level.h"
 #include "core/Log.h"
 #include "core/RecordingFiles.h"
@@ -10,10 +11,19 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QPromise>
+#include <QScopeGuard>
 #include <algorithm>
 #include <chrono>
 
 namespace tavrel {
+
+/// Carries capture events from the capture threads to the recorder's own thread, where the handler runs. It
+/// lives as long as the last track that may report, and is deleted on its own thread.
+class CaptureEventRelay : public QObject {
+public:
+    std::function<void(const CaptureEvent&)> handler;
+};
 
 namespace {
 
@@ -35,19 +45,66 @@ void removeFile(const QString& path) {
     QFile::remove(path);
 }
 
+/// One start or stop's place in the line: it may run once `previous` has finished, and the next one waits
+/// for `mine`, which finishes when this one ends, however it ends.
+struct Turn {
+    QFuture<void> previous;
+    std::shared_ptr<QPromise<void>> mine;
+};
+
+Turn takeTurn(QFuture<void>& last) {
+    Turn turn{{}, std::make_shared<QPromise<void>>()};
+    turn.mine->start();
+    turn.previous = std::exchange(last, turn.mine->future());
+    return turn;
+}
+
 } // namespace
 
-AudioRecorder::AudioRecorder(SystemAudioBackends backends) : m_backends(std::move(backends)) {}
+AudioRecorder::AudioRecorder(SystemAudioBackends backends)
+    : m_backends(std::move(backends)), m_lastOperation(QtFuture::makeReadyFuture()),
+      m_relay(new CaptureEventRelay, [](CaptureEventRelay* relay) { relay->deleteLater(); }) {}
 
-AudioRecorder::~AudioRecorder() = default;
+AudioRecorder::~AudioRecorder() {
+    m_relay->handler = nullptr;
+}
+
+void AudioRecorder::setEventHandler(std::function<void(const CaptureEvent&)> handler) {
+    m_relay->handler = std::move(handler);
+}
+
+CaptureEvents AudioRecorder::eventSink() const {
+    // One recording tells of its first write failure only: one full disk fails every track at once.
+    auto writeFailureTold = std::make_shared<std::atomic<bool>>(false);
+    return [relay = m_relay, writeFailureTold](const CaptureEvent& event) {
+        if (event.kind == CaptureEvent::Kind::writeFailed && writeFailureTold->exchange(true))
+            return;
+        CaptureEventRelay* target = relay.get();
+        QMetaObject::invokeMethod(
+            target,
+            [target, event] {
+                if (target->handler)
+                    target->handler(event);
+            },
+            Qt::QueuedConnection);
+    };
+}
 
 QString AudioRecorder::recordingsDir() {
     return RecordingFiles::recordingsDir();
 }
 
 QCoro::Task<> AudioRecorder::startRecording() {
+    const Turn turn = takeTurn(m_lastOperation);
+    const auto done = qScopeGuard([mine = turn.mine] { mine->finish(); });
+    co_await turn.previous;
+    auto starting = startRecordingInTurn();
+    co_await starting;
+}
+
+QCoro::Task<> AudioRecorder::startRecordingInTurn() {
     if (m_isRecording)
-        co_return;
+        co_return; // the start before this one made the recording that is running
 
     // The server's answer about the default source stands for the microphone permission.
     // Work for other threads and the tasks that carry it are named before they are awaited: GCC 12 destroys some
@@ -67,18 +124,18 @@ QCoro::Task<> AudioRecorder::startRecording() {
     struct Opened {
         std::shared_ptr<MicRecorder> recorder;
         bool recording = false;
-        int64_t originNs = 0;
     };
     Opened opened;
+    // Time zero of every track: from now on the microphone's stream may deliver.
+    auto clock = std::make_shared<RecordingClock>();
+    const CaptureEvents events = eventSink();
     try {
-        auto open = [micPath] {
+        auto open = [micPath, clock, events] {
             Opened result;
-            result.recorder = std::make_shared<MicRecorder>(micPath);
+            result.recorder = std::make_shared<MicRecorder>(micPath, clock, events);
             result.recording = result.recorder->record();
-            // The microphone's file begins with what it captured from about now.
-            result.originNs = std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                  std::chrono::steady_clock::now().time_since_epoch())
-                                  .count();
+            if (!result.recording)
+                logLine(QStringLiteral("[AudioRecorder] Micro indisponible : ") + result.recorder->lastError());
             return result;
         };
         auto opening = runInBackground(std::move(open));
@@ -101,7 +158,8 @@ QCoro::Task<> AudioRecorder::startRecording() {
     }
 
     m_micRecorder = std::move(opened.recorder);
-    m_timelineOriginNs = opened.originNs;
+    m_clock = std::move(clock);
+    m_events = events;
     m_recordingStart = QDateTime::currentDateTime();
     m_notes.clear();
     m_isRecording = true;
@@ -115,9 +173,11 @@ QCoro::Task<AudioRecorder::SourceStart> AudioRecorder::startSource(std::unique_p
     try {
         if (!source)
             throw Error(QStringLiteral("source indisponible"));
-        source->setTimelineOrigin(m_timelineOriginNs);
+        source->setCaptureContext(m_clock, m_events);
         auto starting = source->start();
         co_await starting;
+        if (m_isPaused) // paused while this source was starting
+            source->pause();
         if (const std::optional<QString> track = source->outputURL(); track && m_journal)
             m_journal->recordTrack(*track);
         m_sysRecorders.push_back(std::move(source));
@@ -246,8 +306,9 @@ QCoro::Task<> AudioRecorder::startSystemAudio() {
 void AudioRecorder::pauseRecording() {
     if (!m_isRecording || m_isPaused)
         return;
-    if (m_micRecorder)
-        m_micRecorder->pause();
+    // Every track leaves out the same stretch, by capture time; the sources only quieten their levels.
+    if (m_clock)
+        m_clock->pause();
     for (const auto& source : m_sysRecorders)
         source->pause();
     m_isPaused = true;
@@ -256,16 +317,27 @@ void AudioRecorder::pauseRecording() {
 void AudioRecorder::resumeRecording() {
     if (!m_isRecording || !m_isPaused)
         return;
-    if (m_micRecorder)
-        m_micRecorder->record();
+    if (m_clock)
+        m_clock->resume();
     for (const auto& source : m_sysRecorders)
         source->resume();
     m_isPaused = false;
 }
 
 QCoro::Task<std::optional<QString>> AudioRecorder::stopRecording() {
+    const Turn turn = takeTurn(m_lastOperation);
+    const auto done = qScopeGuard([mine = turn.mine] { mine->finish(); });
+    co_await turn.previous;
+    auto stopping = stopRecordingInTurn();
+    co_return co_await stopping;
+}
+
+QCoro::Task<std::optional<QString>> AudioRecorder::stopRecordingInTurn() {
     if (!m_isRecording)
         co_return std::nullopt;
+    // Every track ends here, whatever its stream still delivers while the sources stop one after another.
+    if (m_clock)
+        m_clock->pause();
     m_isRecording = false;
     m_isPaused = false;
 

@@ -1,11 +1,13 @@
 #pragma once
 
+#include "audio/CaptureEvent.h"
 #include "audio/sources/SystemAudioBackends.h"
 #include "core/Error.h"
 #include "core/Notes.h"
 
 #include <QCoro/QCoroTask>
 #include <QDateTime>
+#include <QFuture>
 #include <QString>
 #include <QStringList>
 #include <atomic>
@@ -17,7 +19,9 @@
 
 namespace tavrel {
 
+class CaptureEventRelay;
 class MicRecorder;
+class RecordingClock;
 class RecordingJournal;
 
 /// Errors of the microphone start.
@@ -40,6 +44,9 @@ public:
 
     /// Starts the microphone, then the system-audio sources. Throws an `Error` (a `RecordFailure` or the
     /// microphone's own error) when the microphone cannot start; system-audio failures never throw.
+    /// Starts and stops take turns: one that arrives while another runs waits for it to finish, so a stop
+    /// issued during a start stops everything that start made, and a second start finds the first one's
+    /// recording running and leaves it alone.
     QCoro::Task<> startRecording();
     void pauseRecording();
     void resumeRecording();
@@ -50,6 +57,11 @@ public:
     /// Whether `path` is a file of the recording that is running or stopping (the microphone file, its
     /// working copies, the mix on its way in): it is not a recording to offer, send or delete yet.
     bool isInUse(const QString& path) const;
+
+    /// Where the tracks tell what the user must know while recording (a side lost, a failed write, a side
+    /// that delivers only digital silence). Called on the recorder's thread; the first write failure of a
+    /// recording only.
+    void setEventHandler(std::function<void(const CaptureEvent&)> handler);
 
     float currentMicLevel();
     float currentSystemLevel() const;
@@ -69,12 +81,17 @@ public:
     bool screenCapturePermissionMissing() const { return m_screenCapturePermissionMissing; }
 
 private:
+    /// The bodies of start and stop, run once every start and stop issued before has finished.
+    QCoro::Task<> startRecordingInTurn();
+    QCoro::Task<std::optional<QString>> stopRecordingInTurn();
     QCoro::Task<> startSystemAudio();
     struct SourceStart {
         std::exception_ptr failure; ///< none when the source runs
     };
     /// Starts `source` and keeps it; logs nothing.
     QCoro::Task<SourceStart> startSource(std::unique_ptr<SystemAudioSource> source);
+    /// Where one recording's tracks report, from any thread.
+    CaptureEvents eventSink() const;
     /// A start that failed leaves no file and no journal.
     void abandonStart();
     /// The last step of a stop: the notes file beside `finalFile`, the journal gone unless the next launch has
@@ -97,9 +114,12 @@ private:
     bool m_screenCapturePermissionMissing = false;
     std::vector<Note> m_notes;
     std::optional<QDateTime> m_recordingStart;
-    int64_t m_timelineOriginNs = 0;              // the microphone's time zero, handed to the system-audio sources
+    std::shared_ptr<RecordingClock> m_clock;     // time zero and pauses of the recording, shared by every track
+    CaptureEvents m_events;                      // the recording's event sink, handed to every source
     std::unique_ptr<RecordingJournal> m_journal; // the running or stopping recording's record on disk
     QStringList m_filesInUse;
+    QFuture<void> m_lastOperation; // the latest start or stop; the next one waits for it
+    std::shared_ptr<CaptureEventRelay> m_relay;
 };
 
 } // namespace tavrel

@@ -212,6 +212,11 @@ void RecordingHUD::tickClock() {
             QString::asprintf("%lld:%02lld", static_cast<long long>(minutes), static_cast<long long>(seconds)));
 }
 
+void RecordingHUD::setMeterWarning(bool systemMeter, bool warning) {
+    if (VUMeterView* meter = systemMeter ? m_sysMeter.data() : m_vuMeter.data())
+        meter->setWarning(warning);
+}
+
 void RecordingHUD::tickMeters() {
     if (!levelProvider)
         return;

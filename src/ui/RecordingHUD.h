@@ -54,6 +54,8 @@ public:
     /// directly instead of waiting.
     void tickClock();
     void tickMeters();
+    /// Marks the microphone's meter (or the system audio's) while that side delivers only digital silence.
+    void setMeterWarning(bool systemMeter, bool warning);
 
     /// Where the panel goes in a screen's available area (top right, 20 px from both edges).
     static QRect panelRect(const QRect& availableArea);

@@ -22,6 +22,7 @@ const QColor kSecondBand = QColor::fromRgbF(0.2f, 0.78f, 0.5f);
 const QColor kThirdBand = QColor::fromRgbF(0.95f, 0.3f, 0.25f);
 const QColor kTrack = QColor::fromRgbF(0.0f, 0.0f, 0.0f, 0.08f);
 const QColor kPeakLine = QColor::fromRgbF(1.0f / 3, 1.0f / 3, 1.0f / 3);
+constexpr double kWarningOutlinePx = 1.5;
 
 } // namespace
 
@@ -73,6 +74,13 @@ void VUMeterView::setLevel(double level) {
         update();
 }
 
+void VUMeterView::setWarning(bool warning) {
+    if (warning == m_warning)
+        return;
+    m_warning = warning;
+    update();
+}
+
 QRect VUMeterView::toWidgetRect(const QRectF& bottomUp) const {
     const QRectF flipped(bottomUp.x(), height() - bottomUp.y() - bottomUp.height(), bottomUp.width(),
                          bottomUp.height());
@@ -102,6 +110,15 @@ void VUMeterView::paintEvent(QPaintEvent*) {
         painter.setOpacity(m_peakOpacity);
         painter.setClipRect(bounds);
         painter.fillRect(line, kPeakLine);
+    }
+
+    if (m_warning) {
+        const double inset = kWarningOutlinePx / 2.0;
+        painter.setOpacity(1.0);
+        painter.setClipping(false);
+        painter.setBrush(Qt::NoBrush);
+        painter.setPen(QPen(kThirdBand, kWarningOutlinePx));
+        painter.drawRoundedRect(bounds.adjusted(inset, inset, -inset, -inset), kCornerRadius, kCornerRadius);
     }
 }
 

@@ -20,6 +20,9 @@ public:
 
     /// One level update (expected 0...1, not clamped: a level above 1 draws a bar taller than the meter).
     void setLevel(double level);
+    /// Marks the meter (a red outline) while its side delivers nothing at all although its device is in use.
+    void setWarning(bool warning);
+    bool warning() const { return m_warning; }
 
     double peak() const { return m_peak; }
     qint64 peakHoldCount() const { return m_peakHoldCount; }
@@ -43,6 +46,7 @@ private:
     double m_peakOpacity = 0.0;
     double m_peak = 0.0;
     qint64 m_peakHoldCount = 0;
+    bool m_warning = false;
 };
 
 } // namespace tavrel

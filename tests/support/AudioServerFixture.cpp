@@ -8,7 +8,10 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <algorithm>
+#include <csignal>
 #include <ostream>
+#include <thread>
 
 namespace tavrel::test {
 
@@ -46,6 +49,20 @@ void AudioServerFixture::stop() {
     m_daemons.clear();
     m_exported.restore();
     m_running = false;
+}
+
+::testing::AssertionResult AudioServerFixture::restart(std::chrono::milliseconds downFor) {
+    m_keepAlive.clear();
+    for (auto daemon = m_daemons.rbegin(); daemon != m_daemons.rend(); ++daemon)
+        daemon->sendSignal(SIGKILL);
+    for (ManagedProcess& daemon : m_daemons)
+        daemon.wait(std::chrono::seconds(5));
+    m_daemons.clear();
+    m_running = false;
+    // The private session bus does not take over an address that is still there.
+    QFile::remove(m_dir.filePath(QStringLiteral("run/bus")));
+    std::this_thread::sleep_for(downFor);
+    return start();
 }
 
 QProcessEnvironment AudioServerFixture::environment() const {
@@ -282,6 +299,9 @@ ManagedProcess AudioServerFixture::startRecordingClient(const RecordingClientOpt
     QStringList sources{micSource()};
     for (const char* sink : {kSpeakerSink, kBlackHoleSink, kMicFeedSink})
         sources << monitorOf(utf8(sink));
+    // A sink that was removed and made again lost its keep-alive: give every sink a new one.
+    if (std::any_of(m_keepAlive.begin(), m_keepAlive.end(), [](ManagedProcess& p) { return !p.isRunning(); }))
+        m_keepAlive.clear();
     if (kind() == AudioServerKind::PulseAudio && m_keepAlive.empty()) {
         for (const char* sink : {kSpeakerSink, kBlackHoleSink, kMicFeedSink}) {
             m_keepAlive.push_back(

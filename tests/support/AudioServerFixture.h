@@ -68,6 +68,10 @@ public:
     virtual ::testing::AssertionResult start() = 0;
     /// Stops every daemon by PID, last started first, and restores the environment (the destructor does it too).
     virtual void stop();
+    /// The audio server goes away for `downFor` and comes back at the same address with the same devices and
+    /// defaults, as after a crash or an update; clients see their connection fail. Warmed up again when the
+    /// fixture was.
+    ::testing::AssertionResult restart(std::chrono::milliseconds downFor = std::chrono::milliseconds(0));
     virtual AudioServerKind kind() const = 0;
     bool isRunning() const { return m_running; }
 

@@ -46,4 +46,19 @@ QProcessEnvironment mergedEnvironment(std::initializer_list<QProcessEnvironment>
     return env;
 }
 
+FileSizeLimit::FileSizeLimit(rlim_t bytes) {
+    getrlimit(RLIMIT_FSIZE, &m_saved);
+    m_handler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit = m_saved;
+    limit.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+void FileSizeLimit::restore() {
+    if (!std::exchange(m_active, false))
+        return;
+    setrlimit(RLIMIT_FSIZE, &m_saved);
+    std::signal(SIGXFSZ, m_handler);
+}
+
 } // namespace tavrel::test

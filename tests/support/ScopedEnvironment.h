@@ -2,7 +2,9 @@
 
 #include <QByteArray>
 #include <QProcessEnvironment>
+#include <csignal>
 #include <optional>
+#include <sys/resource.h>
 #include <utility>
 #include <vector>
 
@@ -34,5 +36,22 @@ private:
 /// starting a child (the real program) that must reach every fixture at once:
 /// `mergedEnvironment({pulse.variables(), bus.variables(), xvfb.variables()})`.
 QProcessEnvironment mergedEnvironment(std::initializer_list<QProcessEnvironment> parts);
+
+/// No file of the test process may grow past `bytes` while this lives, and writes past it fail with EFBIG
+/// instead of killing the process: a full disk for one test, without mounting one.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes);
+    ~FileSizeLimit() { restore(); }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+    /// Lifts the limit now instead of at destruction.
+    void restore();
+
+private:
+    rlimit m_saved{};
+    void (*m_handler)(int) = nullptr;
+    bool m_active = true;
+};
 
 } // namespace tavrel::test

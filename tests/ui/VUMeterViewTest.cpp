@@ -91,6 +91,18 @@ TEST(VUMeterView, BarIsPaintedFromTheBottomUp) {
     EXPECT_NEAR(bottom.blueF(), kBlue.blueF(), 0.02);
     EXPECT_GT(top.redF(), 0.85);
     EXPECT_GT(top.greenF(), 0.85);
+
+    // The mark of a side that delivers only digital silence: a red outline, gone with the mark.
+    const auto edge = [&] {
+        image.fill(Qt::white);
+        meter.render(&image);
+        return image.pixelColor(0, VUMeterView::kHeightPx / 4);
+    };
+    EXPECT_GT(edge().greenF(), 0.85);
+    meter.setWarning(true);
+    EXPECT_NEAR(edge().greenF(), kRed.greenF(), 0.1);
+    meter.setWarning(false);
+    EXPECT_GT(edge().greenF(), 0.85);
 }
 
 } // namespace

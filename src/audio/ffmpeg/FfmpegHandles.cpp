@@ -41,6 +41,23 @@ AVFormatOutputPtr makeOutput(const QString& path, const char* formatName) {
     return output;
 }
 
+void flushOutput(AVFormatContext* output, const char* step) {
+    if (!output->pb)
+        return;
+    avio_flush(output->pb);
+    ffCheck(output->pb->error, step);
+}
+
+void closeOutput(AVFormatOutputPtr& output, const char* step) {
+    AVFormatOutputPtr closing = std::move(output);
+    if (!closing->pb || (closing->oformat->flags & AVFMT_NOFILE))
+        return;
+    avio_flush(closing->pb);
+    const int pending = closing->pb->error;
+    const int closed = avio_closep(&closing->pb);
+    ffCheck(pending < 0 ? pending : closed, step);
+}
+
 AVFramePtr makeFrame() {
     AVFramePtr frame(av_frame_alloc());
     if (!frame)

@@ -76,6 +76,11 @@ using AVAudioFifoPtr = std::unique_ptr<AVAudioFifo, AVAudioFifoDeleter>;
 AVFormatInputPtr openInput(const QString& path);
 /// Allocates an output context for `formatName` (e.g. "ipod", "caf") and opens the file for writing.
 AVFormatOutputPtr makeOutput(const QString& path, const char* formatName);
+/// Flushes what the output still buffers, checks that every byte reached the file, and closes it; throws
+/// `FfmpegError` with the system's reason otherwise (the context is freed either way).
+void closeOutput(AVFormatOutputPtr& output, const char* step);
+/// Flushes the output's buffer now; throws `FfmpegError` when the file refused it.
+void flushOutput(AVFormatContext* output, const char* step);
 AVFramePtr makeFrame();
 AVPacketPtr makePacket();
 

@@ -3,9 +3,11 @@
 #include "core/Error.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cerrno>
 #include <cstring>
 #include <vector>
 
@@ -29,11 +31,11 @@ void putTag(std::vector<unsigned char>& out, const char* tag) {
 } // namespace
 
 CafWriter::CafWriter(const QString& path, int sampleRateHz, int channels)
-    : m_sampleRateHz(sampleRateHz), m_channels(channels) {
+    : m_path(path), m_sampleRateHz(sampleRateHz), m_channels(channels) {
     static_assert(std::endian::native == std::endian::little, "samples are written in memory order");
     m_file.reset(std::fopen(QFile::encodeName(path).constData(), "wb"));
     if (!m_file)
-        throw Error(QStringLiteral("Impossible de créer le fichier audio %1").arg(path));
+        fail("Impossible de créer le fichier audio", errno);
     std::vector<unsigned char> header;
     putTag(header, "caff");
     putBigEndian(header, 1, 2); // version
@@ -51,23 +53,37 @@ CafWriter::CafWriter(const QString& path, int sampleRateHz, int channels)
     m_dataSizeOffset = static_cast<long>(header.size());
     putBigEndian(header, ~uint64_t{0}, 8); // -1: the data runs to the end of the file
     putBigEndian(header, 0, 4);            // edit count
-    if (std::fwrite(header.data(), 1, header.size(), m_file.get()) != header.size())
-        throw Error(QStringLiteral("Impossible d'écrire le fichier audio %1").arg(path));
-    std::fflush(m_file.get());
+    if (std::fwrite(header.data(), 1, header.size(), m_file.get()) != header.size() || std::fflush(m_file.get()) != 0)
+        fail("Impossible d'écrire le fichier audio", errno);
 }
 
 CafWriter::~CafWriter() {
-    finish();
+    try {
+        finish();
+    } catch (const Error&) {
+        // The data chunk stays open-ended: readers take the file to its end.
+    }
+}
+
+void CafWriter::fail(const char* what, int errorNumber) const {
+    throw FileWriteError(QStringLiteral("%1 %2 : %3")
+                             .arg(QString::fromUtf8(what), QFileInfo(m_path).fileName(),
+                                  QString::fromLocal8Bit(std::strerror(errorNumber))),
+                         errorNumber);
 }
 
 void CafWriter::append(const float* interleaved, int64_t frames) {
-    std::fwrite(interleaved, sizeof(float) * static_cast<size_t>(m_channels), static_cast<size_t>(frames),
-                m_file.get());
-    m_endFrames += frames;
+    errno = 0;
+    const size_t written = std::fwrite(interleaved, sizeof(float) * static_cast<size_t>(m_channels),
+                                       static_cast<size_t>(frames), m_file.get());
+    m_endFrames += static_cast<int64_t>(written);
+    if (written != static_cast<size_t>(frames))
+        fail("Écriture audio impossible dans", errno ? errno : EIO);
     m_framesSinceFlush += frames;
     if (m_framesSinceFlush >= m_sampleRateHz / 4) { // at most a quarter of a second lost to a crash
-        std::fflush(m_file.get());
         m_framesSinceFlush = 0;
+        if (std::fflush(m_file.get()) != 0)
+            fail("Écriture audio impossible dans", errno);
     }
 }
 
@@ -90,11 +106,18 @@ void CafWriter::write(const float* interleaved, int64_t frames, int64_t position
 void CafWriter::finish() {
     if (!m_file)
         return;
+    // Whatever happens below, the handle goes: a second finish has nothing left to do.
+    std::unique_ptr<std::FILE, FileCloser> file = std::move(m_file);
+    if (std::fflush(file.get()) != 0)
+        fail("Écriture audio impossible dans", errno);
     std::vector<unsigned char> size;
     putBigEndian(size, static_cast<uint64_t>(4 + m_endFrames * m_channels * 4), 8);
-    if (std::fseek(m_file.get(), m_dataSizeOffset, SEEK_SET) == 0)
-        std::fwrite(size.data(), 1, size.size(), m_file.get());
-    m_file.reset();
+    if (std::fseek(file.get(), m_dataSizeOffset, SEEK_SET) != 0)
+        fail("Déplacement impossible dans", errno);
+    if (std::fwrite(size.data(), 1, size.size(), file.get()) != size.size() || std::fflush(file.get()) != 0)
+        fail("Écriture audio impossible dans", errno ? errno : EIO);
+    if (std::fclose(file.release()) != 0) // the handle is gone even when closing fails
+        fail("Écriture audio impossible dans", errno);
 }
 
 } // namespace tavrel

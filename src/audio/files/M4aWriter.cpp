@@ -57,7 +57,7 @@ M4aWriter::M4aWriter(const QString& path, int sampleRateHz, int channels)
     const int headerResult = avformat_write_header(m_output.get(), &options);
     av_dict_free(&options);
     ffCheck(headerResult, "Écriture de l'en-tête audio");
-    avio_flush(m_output->pb);
+    flushOutput(m_output.get(), "Écriture de l'en-tête audio");
 
     m_frame = makeFrame();
     m_frame->format = m_encoder->sample_fmt;
@@ -158,9 +158,9 @@ void M4aWriter::drainPackets() {
         ffCheck(writeResult, "Écriture audio");
         const int64_t interval = av_rescale_q(kFragmentIntervalMs, AVRational{1, 1000}, m_stream->time_base);
         if (packetEnd - m_lastFragmentPts >= interval) {
-            ffCheck(av_write_frame(m_output.get(), nullptr), "Écriture audio");
-            avio_flush(m_output->pb);
             m_lastFragmentPts = packetEnd;
+            ffCheck(av_write_frame(m_output.get(), nullptr), "Écriture audio");
+            flushOutput(m_output.get(), "Écriture audio");
         }
     }
 }
@@ -171,7 +171,7 @@ void M4aWriter::closeFragmented() {
     ffCheck(avcodec_send_frame(m_encoder.get(), nullptr), "Encodage AAC");
     drainPackets();
     ffCheck(av_write_trailer(m_output.get()), "Fin du fichier audio");
-    m_output.reset();
+    closeOutput(m_output, "Fin du fichier audio");
 }
 
 void M4aWriter::finish() {
@@ -353,7 +353,7 @@ int64_t remuxToPlainM4a(const QString& source, const QString& destination, std::
             writePending(lastDuration);
         }
         ffCheck(av_write_trailer(output.get()), "Fin du fichier audio");
-        output.reset();
+        closeOutput(output, "Fin du fichier audio");
         input.reset();
         const QByteArray from = QFile::encodeName(temporary);
         const QByteArray to = QFile::encodeName(destination);

@@ -13,9 +13,12 @@
 // While recording the file is a fragmented MP4 with a fragment flushed every quarter of a second, so that a
 // killed process leaves a readable file; `finish()` rewrites it by stream copy into an ordinary .m4a
 // (through a temporary name and a rename). `recoverInterruptedRecording()` does the same for a file that a
-// crash left fragmented. One writer is used from one thread at a time.
+// crash left fragmented. Every flush is checked: a write the disk refuses throws `FfmpegError` with the system's
+// reason, and the file stays readable up to its last complete fragment. One writer is used from one thread at
+// a time.
 
 #include "audio/ffmpeg/FfmpegHandles.h"
+#include "audio/files/TrackFile.h"
 
 #include <QString>
 #include <cstdint>
@@ -24,21 +27,21 @@
 
 namespace tavrel {
 
-class M4aWriter {
+class M4aWriter : public TrackFile {
 public:
     static constexpr int kFragmentIntervalMs = 250;
 
     M4aWriter(const QString& path, int sampleRateHz, int channels);
     /// An unfinished writer closes its fragments (the file stays readable, but fragmented).
-    ~M4aWriter();
+    ~M4aWriter() override;
     M4aWriter(const M4aWriter&) = delete;
     M4aWriter& operator=(const M4aWriter&) = delete;
 
     void write(const float* interleaved, int64_t frameCount);
-    void write(const float* interleaved, int64_t frameCount, int64_t positionFrames);
+    void write(const float* interleaved, int64_t frameCount, int64_t positionFrames) override;
     /// Encodes what is left, closes the fragmented file and rewrites it as an ordinary .m4a. Throws FfmpegError;
     /// on failure the fragmented file stays in place. Further calls do nothing.
-    void finish();
+    void finish() override;
 
     const QString& path() const { return m_path; }
     int sampleRateHz() const { return m_sampleRateHz; }

@@ -1,6 +1,6 @@
 #include "audio/pulse/PulseCapture.h"
 
-#include "audio/timeline/CaptureTimeline.h"
+#include "audio/timeline/RecordingClock.h"
 
 namespace tavrel {
 
@@ -99,12 +99,38 @@ bool PulseCapture::moveTo(const QString& source) {
     return true;
 }
 
+namespace {
+
+uint32_t sourceOfOutput(const pa_source_output_info* output) {
+    return output->source;
+}
+
+} // namespace
+
 QString PulseCapture::sourceName() const {
-    PulseContext::Lock lock(*m_pulse);
-    if (!m_stream || pa_stream_get_state(m_stream.get()) != PA_STREAM_READY)
+    uint32_t index = PA_INVALID_INDEX;
+    {
+        PulseContext::Lock lock(*m_pulse);
+        if (!m_stream || pa_stream_get_state(m_stream.get()) != PA_STREAM_READY)
+            return {};
+        index = pa_stream_get_index(m_stream.get());
+    }
+    try {
+        const std::vector<uint32_t> sources = m_pulse->list<pa_source_output_info>(
+            [index](pa_context* c, auto callback, void* userdata) {
+                return pa_context_get_source_output_info(c, index, callback, userdata);
+            },
+            &sourceOfOutput);
+        if (sources.empty())
+            return {};
+        // Looked up in the whole list: pipewire-pulse answers no query by index for a monitor.
+        for (const PulseDeviceInfo& source : m_pulse->sources())
+            if (source.index == sources.front())
+                return source.name;
         return {};
-    const char* name = pa_stream_get_device_name(m_stream.get());
-    return name ? QString::fromUtf8(name) : QString();
+    } catch (const PulseError&) {
+        return {};
+    }
 }
 
 void PulseCapture::disconnect() {
@@ -137,8 +163,7 @@ void PulseCapture::onRead(pa_stream* stream, size_t, void* userdata) {
             latencyUs = 0;
         // The oldest unread frame was captured `latency` ago; a hole (data == nullptr) is silence.
         const int64_t captureNs = monotonicNowNs() - static_cast<int64_t>(latencyUs) * 1000;
-        if (data)
-            self->m_onChunk(static_cast<const float*>(data), frames, captureNs);
+        self->m_onChunk(static_cast<const float*>(data), frames, captureNs);
         pa_stream_drop(stream);
     }
 }

@@ -13,9 +13,12 @@ namespace tavrel {
 /// One libpulse record stream of float samples on a named source, with each chunk's capture time.
 ///
 /// Chunks reach `onChunk` on the libpulse mainloop thread with the monotonic time at which their first frame
-/// was captured (arrival time less the stream's reported latency): the handler must copy and return. Small
-/// fragments are asked for, so that data arrives every ~20 ms and nothing is held back at stop. A stream the
-/// server ends (source gone, server gone) is reported once through `onEnded`; `disconnect()` does not report.
+/// was captured (arrival time less the stream's reported latency): the handler must copy and return. A
+/// stretch the server could not capture (a hole in the stream) comes with `interleaved` == nullptr. The
+/// server converts the source's rate and channels to the stream's, so a device that changes rate (a headset
+/// switching profile) changes neither pitch nor time here. Small fragments are asked for, so that data
+/// arrives every few tens of ms and nothing is held back at stop. A stream the server ends (source gone,
+/// server gone) is reported once through `onEnded`; `disconnect()` does not report.
 class PulseCapture {
 public:
     using ChunkHandler = std::function<void(const float* interleaved, int64_t frames, int64_t captureNs)>;
@@ -37,7 +40,9 @@ public:
     void connect(const QString& source, ChunkHandler onChunk, EndedHandler onEnded = {}, MovedHandler onMoved = {});
     /// Moves the running stream to another source (no reconnection, no gap of our own). False on failure.
     bool moveTo(const QString& source);
-    /// The source the stream is on now (empty when not connected).
+    /// The source the stream is on now, as the server says (empty when not connected or not known). Asks the
+    /// server: libpulse's own idea can lag behind a move (pipewire-pulse does not always report them). Not from
+    /// the mainloop thread.
     QString sourceName() const;
     /// Stops delivery and releases the stream. Idempotent.
     void disconnect();

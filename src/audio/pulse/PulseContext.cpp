@@ -210,6 +210,7 @@ PulseDeviceInfo toItem(const pa_source_info* source) {
     device.sampleRateHz = source->sample_spec.rate;
     device.channels = source->sample_spec.channels;
     device.monitorOfSink = source->monitor_of_sink;
+    device.muted = source->mute != 0;
     return device;
 }
 
@@ -224,6 +225,7 @@ PulseDeviceInfo toItem(const pa_sink_info* sink) {
     device.monitorSourceName = fromUtf8(sink->monitor_source_name);
     device.masterDevice = pulseProperty(sink->proplist, PA_PROP_DEVICE_MASTER_DEVICE);
     device.linkGroup = pulseProperty(sink->proplist, "node.link-group");
+    device.muted = sink->mute != 0;
     return device;
 }
 
@@ -232,6 +234,7 @@ PulseSinkInputInfo toItem(const pa_sink_input_info* input) {
     stream.index = input->index;
     stream.sink = input->sink;
     stream.linkGroup = pulseProperty(input->proplist, "node.link-group");
+    stream.corked = input->corked != 0;
     return stream;
 }
 

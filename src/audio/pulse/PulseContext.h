@@ -109,6 +109,7 @@ struct PulseDeviceInfo {
     QString masterDevice;
     /// PipeWire's "node.link-group": a filter's sink and the playback stream that carries its output share it.
     QString linkGroup;
+    bool muted = false;
     bool isMonitor() const { return monitorOfSink != PA_INVALID_INDEX; }
 };
 
@@ -117,6 +118,7 @@ struct PulseSinkInputInfo {
     uint32_t index = PA_INVALID_INDEX;
     uint32_t sink = PA_INVALID_INDEX;
     QString linkGroup; ///< see PulseDeviceInfo::linkGroup
+    bool corked = false;
 };
 
 /// A property of a libpulse property list, empty when absent.

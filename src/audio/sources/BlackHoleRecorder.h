@@ -2,7 +2,6 @@
 
 #include "audio/sources/CaptureSourceBase.h"
 #include "audio/sources/SystemAudioBackends.h"
-#include "audio/timeline/CaptureTimeline.h"
 #include "core/Error.h"
 
 #include <QString>
@@ -13,10 +12,8 @@
 
 namespace tavrel {
 
-class PcmFileWriter;
-class PulseCapture;
-class PulseContext;
-class SampleHandOff;
+class CaptureTrack;
+class PulseStreamKeeper;
 struct PulseDeviceInfo;
 
 /// Errors of the virtual-device source.
@@ -27,13 +24,13 @@ using BlackHoleFailure = CodedError<BlackHoleError>;
 
 /// Records the "BlackHole" virtual device (an audio-server source whose name says so: the loopback that
 /// telephone relays are routed through) into "tavrel_bh_<T>.m4a", or ".aiff" where this FFmpeg cannot
-/// write AAC. Pausing only silences the level: the file keeps running, paused stretch included.
+/// write AAC. The stream stays on that device: when the device goes away the track keeps its file and real
+/// time, and recording resumes when the device (or the audio server) comes back. Paused stretches are left
+/// out, as on every other track.
 class BlackHoleRecorder : public CaptureSourceBase {
 public:
     static constexpr int kSampleRateHz = 44100;
     static constexpr int kChannels = 2;
-    /// The longest `stop()` waits for the file to be finished.
-    static constexpr int kStopTimeoutMs = 10000;
 
     explicit BlackHoleRecorder(CaptureDevice device);
     ~BlackHoleRecorder() override;
@@ -55,25 +52,17 @@ public:
     std::optional<QString> stopBlocking() override;
     float currentLevel() const override;
     bool isRunning() const { return m_running.load(); }
+    /// Whether the stream is on the device now.
+    bool isConnected() const;
 
     /// Unsmoothed level of one chunk: average power of the first channel, mapped from -50...0 dB.
     static float chunkLevel(const float* interleaved, int64_t frames, int channels);
 
 private:
-    void onChunk(const float* samples, int64_t frames, int64_t captureNs);
-    void onEnded(const QString& reason);
-    void finishFile();
-
     CaptureDevice m_device;
-    std::shared_ptr<PulseContext> m_pulse;
-    std::unique_ptr<PcmFileWriter> m_writer;
-    std::unique_ptr<SampleHandOff> m_handOff;
-    std::unique_ptr<PulseCapture> m_capture;
-    std::optional<CaptureTimeline> m_timeline;
-    QString m_endedReason;
-
+    std::unique_ptr<CaptureTrack> m_track;
+    std::unique_ptr<PulseStreamKeeper> m_keeper;
     std::atomic<bool> m_running{false};
-    std::atomic<bool> m_ended{false};
 };
 
 } // namespace tavrel

@@ -1,126 +1,79 @@
 #pragma once
 
-#include "audio/pipewire/PipeWireHandles.h"
 #include "audio/sources/CaptureSourceBase.h"
-#include "audio/timeline/CaptureTimeline.h"
 
 #include <QString>
 #include <atomic>
 #include <condition_variable>
-#include <cstdint>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <spa/utils/hook.h>
+#include <thread>
 
 namespace tavrel {
 
-class CafWriter;
-class SampleHandOff;
+class CaptureTrack;
+class PipeWireCapture;
+class PipeWireConnection;
+class PipeWireOutputWatcher;
 
-/// The whole output mix, captured through PipeWire without touching the routing: a native capture
-/// stream on the default output (`stream.capture.sink`), written as float PCM to "tavrel_tap_<T>.caf".
+/// The whole output mix, captured through PipeWire without touching the routing: a native capture stream on
+/// the default output, written as float PCM to "tavrel_tap_<T>.caf".
 ///
-/// The stream follows the default output when it changes (a filter in front of a device, such as an echo
-/// canceller, is looked through: the device hears everything), only ever writes while it is linked to an
-/// output device (never to a microphone, which is where PipeWire falls back when a target vanishes), and
-/// keeps the track on real time through idle stretches (see CaptureTimeline).
+/// An output watcher follows the default output (through filters such as an echo canceller, to the device that
+/// hears everything) and the capture stream moves with it; audio is only written while the stream is linked to
+/// an output device (never a microphone, which is where PipeWire falls back when a target vanishes). When the
+/// daemon goes away, a supervisor builds the connection again and recording goes on in the same file, the gap
+/// kept as silence.
 class ProcessTapRecorder : public CaptureSourceBase {
 public:
     static constexpr const char* kThreadName = "fr.tavrel.recorder.tap";
     static constexpr int kSampleRateHz = 48000;
     static constexpr int kChannels = 2;
 
-    ProcessTapRecorder();
+    /// The steps of the start, each of which can fail it.
+    enum class Step { connect, defaultOutput, stream, format, link, file };
+    struct Options {
+        /// Makes the start fail at this step, as a daemon that misbehaves there would (tests).
+        std::optional<Step> failAt;
+    };
+
+    explicit ProcessTapRecorder(Options options = {});
     ~ProcessTapRecorder() override;
     ProcessTapRecorder(const ProcessTapRecorder&) = delete;
     ProcessTapRecorder& operator=(const ProcessTapRecorder&) = delete;
 
-    /// Throws `SystemAudioFailure(tapFailed)` on any failure, after releasing what it made.
+    /// Throws `SystemAudioFailure(tapFailed)` on any failure, within its time-outs, after releasing everything.
     void startBlocking() override;
     std::optional<QString> stopBlocking() override;
     float currentLevel() const override;
 
-    /// The sink the stream is currently meant to capture (empty before start).
+    /// The output the stream is meant to capture (empty before start).
     QString targetSink() const;
+    /// Whether the stream runs on the daemon now.
+    bool isConnected() const { return m_connected.load(); }
 
 private:
-    struct NodeFacts {
-        QString name;
-        QString mediaClass;
-        QString masterDevice;
-        QString linkGroup;
-    };
-    /// Filters show how they are chained only in their full properties, which the registry leaves out:
-    /// sinks and playback streams are bound to read them.
-    struct BoundNode {
-        ProcessTapRecorder* owner = nullptr;
-        uint32_t id = 0;
-        PwProxyPtr proxy;
-        spa_hook listener{};
-    };
-    struct LinkFacts {
-        uint32_t outputNode = 0;
-        uint32_t inputNode = 0;
-    };
+    /// One connection with its watcher and stream; made and dropped as a whole.
+    struct Session;
 
-    void connectStream();
-    bool waitLocked(const std::function<bool()>& condition, std::chrono::milliseconds timeout);
-    void roundTrip();
-    std::optional<uint32_t> linkedSourceNode() const;
-    bool linkedToTargetSink() const;
-    QString endOfDefaultChain() const;
-    void followDefaultChain();
-    void releaseAll();
+    bool openSession();
+    void closeSession();
+    void onGraphChanged();
+    void onChunk(const float* samples, int64_t frames, int64_t captureNs);
+    void supervise(std::stop_token stop);
 
-    // Callbacks on the loop thread.
-    static void onGlobal(void* data, uint32_t id, uint32_t permissions, const char* type, uint32_t version,
-                         const spa_dict* props);
-    static void onGlobalRemove(void* data, uint32_t id);
-    static void onNodeInfo(void* data, const pw_node_info* info);
-    void bindNode(uint32_t id);
-    void unbindNode(uint32_t id);
-    static int onMetadataProperty(void* data, uint32_t subject, const char* key, const char* type, const char* value);
-    static void onCoreDone(void* data, uint32_t id, int seq);
-    static void onCoreError(void* data, uint32_t id, int seq, int res, const char* message);
-    static void onStreamState(void* data, pw_stream_state old, pw_stream_state state, const char* error);
-    static void onStreamParamChanged(void* data, uint32_t id, const spa_pod* param);
-    static void onProcess(void* data);
-    void updateLevel(const float* samples, uint32_t count);
-
-    PwThreadLoopPtr m_loop; // destroyed last among PipeWire objects (declared first)
-    PwContextPtr m_context;
-    PwCorePtr m_core;
-    PwProxyPtr m_registry;
-    PwProxyPtr m_metadata;
-    PwStreamPtr m_stream;
-    spa_hook m_coreListener{};
-    spa_hook m_registryListener{};
-    spa_hook m_metadataListener{};
-    spa_hook m_streamListener{};
-
-    // Loop-thread state (read elsewhere only under the loop lock).
-    std::map<uint32_t, NodeFacts> m_nodes;
-    std::map<uint32_t, LinkFacts> m_links;
-    std::map<uint32_t, std::unique_ptr<BoundNode>> m_boundNodes;
-    uint32_t m_metadataId = 0;
-    QString m_defaultSink;
-    QString m_targetSink;
-    QString m_announcedDefault; // the default output last written to the log
-    int m_pendingSeq = -1;
-    bool m_roundTripDone = false;
-    pw_stream_state m_streamState = PW_STREAM_STATE_UNCONNECTED;
-    bool m_formatKnown = false;
-    bool m_started = false;
-    std::optional<CaptureTimeline> m_timeline;
-
-    std::unique_ptr<CafWriter> m_file;
-    std::unique_ptr<SampleHandOff> m_handOff;
-    int64_t m_startNs = 0;
-
-    std::atomic<bool> m_writing{false};
+    Options m_options;
+    std::unique_ptr<CaptureTrack> m_track;
+    std::unique_ptr<Session> m_session; // the supervisor's once started
+    QString m_announcedDefault;         // loop thread
+    std::atomic<std::shared_ptr<const QString>> m_target;
     std::atomic<bool> m_linkVerified{false};
+    std::atomic<bool> m_connected{false};
+    std::atomic<bool> m_running{false};
+    std::mutex m_wakeMutex;
+    std::condition_variable_any m_wake;
+    std::jthread m_supervisor; // last
 };
 
 } // namespace tavrel

@@ -1,37 +1,28 @@
 #include "audio/sources/SystemAudioRecorder.h"
 
 #include "audio/files/M4aWriter.h"
-#include "audio/pulse/PulseCapture.h"
 #include "audio/pulse/PulseContext.h"
+#include "audio/pulse/PulseStreamKeeper.h"
 #include "audio/sources/OutputChain.h"
-#include "audio/timeline/SampleHandOff.h"
+#include "audio/timeline/CaptureTrack.h"
+#include "audio/timeline/RecordingClock.h"
 #include "core/Log.h"
 #include "core/RecordingFiles.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <algorithm>
 #include <cmath>
-#include <time.h>
 
 namespace tavrel {
 
 namespace {
 
-using namespace std::chrono_literals;
+const QString kLogPrefix = QStringLiteral("[SystemAudio]");
 
-constexpr int64_t kHandOffSeconds = 10;
-// Samples played up to the moment of stop still reach us one or two fragments later.
-constexpr auto kTailWait = std::chrono::milliseconds(3 * PulseCapture::kFragmentMs);
-
-struct DefaultOutput {
-    QString sink;    ///< the default output, as the user chose it
-    QString device;  ///< where its sound ends up: the sink itself, or the device behind a filter
-    QString monitor; ///< the device's monitor
-};
-
-/// The default output and the monitor to record for it; none when the server has no default output (or
-/// it has no monitor).
-std::optional<DefaultOutput> defaultOutput(PulseContext& pulse) {
+/// Where the default output's sound can be recorded: the monitor of the output itself, or of the device
+/// behind it when it is a filter; none when the server has no default output (or it has no monitor).
+std::optional<PulseStreamKeeper::Target> defaultOutputMonitor(PulseContext& pulse) {
     const PulseServerInfo info = pulse.serverInfo();
     if (info.defaultSinkName.isEmpty())
         return std::nullopt;
@@ -40,30 +31,32 @@ std::optional<DefaultOutput> defaultOutput(PulseContext& pulse) {
                                      [&](const PulseDeviceInfo& sink) { return sink.name == info.defaultSinkName; });
     if (chosen == sinks.end() || chosen->monitorSourceName.isEmpty())
         return std::nullopt;
-    DefaultOutput output{chosen->name, chosen->name, chosen->monitorSourceName};
-    if (chosen->masterDevice.isEmpty() && chosen->linkGroup.isEmpty())
-        return output; // a device, not a filter
-
-    std::vector<OutputChainSink> chain;
-    for (const PulseDeviceInfo& sink : sinks)
-        chain.push_back(OutputChainSink{sink.index, sink.name, sink.masterDevice, sink.linkGroup});
-    std::vector<OutputChainStream> streams;
-    for (const PulseSinkInputInfo& input : pulse.sinkInputs())
-        if (!input.linkGroup.isEmpty())
-            streams.push_back(OutputChainStream{input.linkGroup, input.sink});
-    const OutputChainSink* end = endOfOutputChain(chain, streams, chosen->name);
-    const auto device = std::find_if(sinks.begin(), sinks.end(),
-                                     [&](const PulseDeviceInfo& sink) { return end && sink.index == end->id; });
-    if (device != sinks.end() && !device->monitorSourceName.isEmpty()) {
-        output.device = device->name;
-        output.monitor = device->monitorSourceName;
+    const std::vector<PulseSinkInputInfo> inputs = pulse.sinkInputs();
+    const PulseDeviceInfo* device = &*chosen;
+    if (!chosen->masterDevice.isEmpty() || !chosen->linkGroup.isEmpty()) {
+        std::vector<OutputChainSink> chain;
+        for (const PulseDeviceInfo& sink : sinks)
+            chain.push_back(OutputChainSink{sink.index, sink.name, sink.masterDevice, sink.linkGroup});
+        std::vector<OutputChainStream> streams;
+        for (const PulseSinkInputInfo& input : inputs)
+            if (!input.linkGroup.isEmpty())
+                streams.push_back(OutputChainStream{input.linkGroup, input.sink});
+        const OutputChainSink* end = endOfOutputChain(chain, streams, chosen->name);
+        const auto found = std::find_if(sinks.begin(), sinks.end(),
+                                        [&](const PulseDeviceInfo& sink) { return end && sink.index == end->id; });
+        if (found != sinks.end() && !found->monitorSourceName.isEmpty())
+            device = &*found;
     }
-    return output;
-}
-
-void logFilteredOutput(const DefaultOutput& output) {
-    if (output.device != output.sink)
-        logLine(QStringLiteral("[SystemAudio] Sortie filtrée, capture du périphérique → ") + output.device);
+    PulseStreamKeeper::Target target;
+    target.source = device->monitorSourceName;
+    target.label = chosen->name;
+    // Something plays on the output: only then is digital silence from its monitor worth a word.
+    target.inUse = std::any_of(inputs.begin(), inputs.end(), [&](const PulseSinkInputInfo& input) {
+        return input.sink == device->index && !input.corked;
+    });
+    if (device->name != chosen->name)
+        target.note = kLogPrefix + QStringLiteral(" Sortie filtrée, capture du périphérique → ") + device->name;
+    return target;
 }
 
 } // namespace
@@ -71,31 +64,30 @@ void logFilteredOutput(const DefaultOutput& output) {
 SystemAudioRecorder::SystemAudioRecorder() = default;
 
 SystemAudioRecorder::~SystemAudioRecorder() {
-    m_isRecording.store(false);
-    stopFollowing();
-    if (m_capture)
-        m_capture->disconnect();
-    if (m_handOff)
-        m_handOff->stop();
+    m_keeper.reset();
+    m_track.reset();
 }
 
 float SystemAudioRecorder::currentLevel() const {
-    if (!m_isRecording.load() || m_isPaused.load())
-        return 0.0f;
-    return m_level.load();
+    return m_isRecording.load() ? latestLevel() : 0.0f;
 }
 
 QString SystemAudioRecorder::expectedSource() const {
-    const auto expected = m_expectedSource.load();
-    return expected ? *expected : QString();
+    return m_keeper ? m_keeper->target() : QString();
+}
+
+bool SystemAudioRecorder::isConnected() const {
+    return m_keeper && m_keeper->isConnected();
 }
 
 void SystemAudioRecorder::startBlocking() {
-    const int64_t startNs = timelineStartNs();
-    std::optional<DefaultOutput> output;
+    // Time zero, when this source keeps its own clock: before the server is asked anything.
+    const std::shared_ptr<RecordingClock> clock = recordingClock();
+    std::shared_ptr<PulseContext> pulse;
+    std::optional<PulseStreamKeeper::Target> output;
     try {
-        m_pulse = PulseContext::instance();
-        output = defaultOutput(*m_pulse);
+        pulse = PulseContext::instance();
+        output = defaultOutputMonitor(*pulse);
     } catch (const PulseError&) {
         throw SystemAudioFailure(SystemAudioError::permissionDenied);
     }
@@ -104,47 +96,46 @@ void SystemAudioRecorder::startBlocking() {
 
     const QString path = RecordingFiles::screenCaptureFile();
     m_outputURL = path;
-    m_writer = std::make_unique<M4aWriter>(path, kSampleRateHz, kChannels);
-    M4aWriter* writer = m_writer.get();
-    m_handOff = std::make_unique<SampleHandOff>(
-        kChannels, kHandOffSeconds * kSampleRateHz,
-        [writer](const float* samples, int64_t frames, int64_t position) { writer->write(samples, frames, position); },
-        kThreadName);
-    m_timeline.emplace(startNs, kSampleRateHz);
-    m_expectedSource.store(std::make_shared<const QString>(output->monitor));
-    m_announcedDefault = output->sink;
-    m_sourceVerified.store(true);
-
-    m_capture =
-        std::make_unique<PulseCapture>(m_pulse, QStringLiteral("TaVREL sortie système"), kSampleRateHz, kChannels);
-    m_isRecording.store(true);
+    CaptureTrack::Settings track;
+    track.sampleRateHz = kSampleRateHz;
+    track.channels = kChannels;
+    track.threadName = kThreadName;
+    track.side = CaptureSide::systemAudio;
+    track.logPrefix = kLogPrefix;
     try {
-        m_capture->connect(
-            output->monitor,
-            [this](const float* samples, int64_t frames, int64_t captureNs) { onChunk(samples, frames, captureNs); },
-            [this](const QString& reason) { onEnded(reason); }, [this](const QString& source) { onMoved(source); });
+        m_track = std::make_unique<CaptureTrack>(
+            std::make_unique<M4aWriter>(path, kSampleRateHz, kChannels), clock, track, m_events,
+            [this](const float* samples, int64_t frames) {
+                storeLevel(smoothedLevel(m_level.load(std::memory_order_relaxed), samples, frames * kChannels));
+            });
     } catch (...) {
-        m_isRecording.store(false);
+        QFile::remove(path); // the name was taken by creating the file
         throw;
     }
+    PulseStreamKeeper::Settings stream;
+    stream.streamName = QStringLiteral("TaVREL sortie système");
+    stream.sampleRateHz = kSampleRateHz;
+    stream.channels = kChannels;
+    stream.follow = true;
+    // Default-output changes, new and vanished outputs, filters rerouted, players coming and going.
+    stream.events = static_cast<pa_subscription_mask_t>(PA_SUBSCRIPTION_MASK_SERVER | PA_SUBSCRIPTION_MASK_SINK |
+                                                        PA_SUBSCRIPTION_MASK_SINK_INPUT);
+    stream.logPrefix = kLogPrefix;
+    stream.changeLog = kLogPrefix + QStringLiteral(" Sortie par défaut changée → ");
+    stream.threadName = "tavrel-sys-watch";
+    stream.side = CaptureSide::systemAudio;
+    m_keeper = std::make_unique<PulseStreamKeeper>(stream, &defaultOutputMonitor, *m_track, m_events);
+    m_isRecording.store(true);
     try {
-        // Default-output changes, new and vanished outputs, filters rerouted: each may move the stream.
-        m_outputEvents = m_pulse->subscribe(static_cast<pa_subscription_mask_t>(PA_SUBSCRIPTION_MASK_SERVER |
-                                                                                PA_SUBSCRIPTION_MASK_SINK |
-                                                                                PA_SUBSCRIPTION_MASK_SINK_INPUT),
-                                            [this](pa_subscription_event_type_t, uint32_t) {
-                                                {
-                                                    std::lock_guard lock(m_followMutex);
-                                                    m_outputEventPending = true;
-                                                }
-                                                m_followWake.notify_one();
-                                            });
-    } catch (const PulseError&) {
-        // Without events the follower still checks now and then.
+        m_keeper->start(pulse, *output);
+    } catch (...) {
+        m_isRecording.store(false);
+        m_keeper.reset();
+        m_track.reset();
+        QFile::remove(path);
+        throw;
     }
-    m_follower = std::jthread([this](std::stop_token stop) { followDefaultOutput(stop); });
-    logLine(QStringLiteral("[SystemAudio] Capture démarrée : ") + QFileInfo(path).fileName());
-    logFilteredOutput(*output);
+    logLine(kLogPrefix + QStringLiteral(" Capture démarrée : ") + QFileInfo(path).fileName());
 }
 
 float SystemAudioRecorder::smoothedLevel(float previous, const float* samples, int64_t count) {
@@ -162,92 +153,20 @@ float SystemAudioRecorder::smoothedLevel(float previous, const float* samples, i
     return previous * 0.6f + x * 0.4f;
 }
 
-void SystemAudioRecorder::onChunk(const float* samples, int64_t frames, int64_t captureNs) {
-    if (!m_isRecording.load(std::memory_order_relaxed))
-        return;
-    const bool paused = m_isPaused.load(std::memory_order_relaxed);
-    const int64_t streamFrame = m_timeline->place(captureNs, frames);
-    const auto position = m_timeline->filePosition(streamFrame, frames, paused);
-    // While the stream sits on anything but the default output's monitor (the server moves it to the
-    // microphone when its output disappears), its audio is never written: the stretch stays silent.
-    if (!position || !m_sourceVerified.load(std::memory_order_relaxed))
-        return;
-    m_level.store(smoothedLevel(m_level.load(std::memory_order_relaxed), samples, frames * kChannels),
-                  std::memory_order_relaxed);
-    m_handOff->push(samples, frames, *position);
-}
-
-void SystemAudioRecorder::onEnded(const QString& reason) {
-    logLine(QStringLiteral("[SystemAudio] Stream stoppé : ") + reason);
-    m_ended.store(true);
-    m_isRecording.store(false);
-}
-
-void SystemAudioRecorder::onMoved(const QString& source) {
-    const auto expected = m_expectedSource.load();
-    m_sourceVerified.store(expected && *expected == source);
-}
-
-void SystemAudioRecorder::followDefaultOutput(std::stop_token stop) {
-    while (!stop.stop_requested()) {
-        {
-            std::unique_lock lock(m_followMutex);
-            m_followWake.wait_for(lock, stop, std::chrono::milliseconds(kFollowFallbackMs),
-                                  [this] { return m_outputEventPending; });
-            m_outputEventPending = false;
-        }
-        // A device change comes as a burst of events: let it settle, then look once.
-        std::this_thread::sleep_for(std::chrono::milliseconds(kFollowSettleMs));
-        if (stop.stop_requested() || !m_isRecording.load())
-            return;
-        std::optional<DefaultOutput> output;
-        try {
-            output = defaultOutput(*m_pulse);
-        } catch (const PulseError&) {
-            continue;
-        }
-        if (!output)
-            continue; // no output at all for now: nothing to follow, nothing is written meanwhile
-        const auto expected = m_expectedSource.load();
-        if (!expected || *expected != output->monitor) {
-            m_expectedSource.store(std::make_shared<const QString>(output->monitor));
-            if (output->sink != m_announcedDefault) {
-                m_announcedDefault = output->sink;
-                logLine(QStringLiteral("[SystemAudio] Sortie par défaut changée → ") + output->sink);
-            }
-            logFilteredOutput(*output);
-        }
-        const QString current = m_capture->sourceName();
-        m_sourceVerified.store(current == output->monitor);
-        if (!current.isEmpty() && current != output->monitor)
-            m_capture->moveTo(output->monitor);
-    }
-}
-
-void SystemAudioRecorder::stopFollowing() {
-    if (m_follower.joinable()) {
-        m_follower.request_stop();
-        m_follower.join();
-    }
-    m_outputEvents = PulseSubscription();
-}
-
 std::optional<QString> SystemAudioRecorder::stopBlocking() {
-    if (!m_isRecording.load())
+    if (!m_isRecording.exchange(false))
         return std::nullopt;
-    std::this_thread::sleep_for(kTailWait);
-    m_isRecording.store(false);
-    stopFollowing();
-    m_capture->disconnect();
-    m_handOff->stop();
+    endTrackNow();
+    m_keeper->stop(m_clock->pausedSinceNs());
     try {
-        m_writer->finish();
-    } catch (const Error&) {
-        // The file stays readable as it is; the merge decides what it can use.
+        m_track->finish();
+    } catch (const Error& error) {
+        // The file stays readable as written; the merge takes what it can.
+        logLine(kLogPrefix + QStringLiteral(" Fichier non finalisé : ") + error.localizedDescription());
     }
-    m_handOff.reset();
-    m_writer.reset();
-    logLine(QStringLiteral("[SystemAudio] Capture arrêtée"));
+    m_keeper.reset();
+    m_track.reset();
+    logLine(kLogPrefix + QStringLiteral(" Capture arrêtée"));
     return m_outputURL;
 }
 

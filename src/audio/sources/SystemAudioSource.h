@@ -1,13 +1,16 @@
 #pragma once
 
+#include "audio/CaptureEvent.h"
 #include "core/Error.h"
 
 #include <QCoro/QCoroTask>
 #include <QString>
-#include <cstdint>
+#include <memory>
 #include <optional>
 
 namespace tavrel {
+
+class RecordingClock;
 
 /// Errors of the system-audio sources and of track merging.
 enum class SystemAudioError { permissionDenied, noDisplay, mergeFailed, tapFailed };
@@ -34,9 +37,13 @@ public:
     virtual void resume() = 0;
     /// Level in 0...1, 0 while paused.
     virtual float currentLevel() const = 0;
-    /// Time zero of the recording (CLOCK_MONOTONIC, ns), given before `start()` so that every track lines
-    /// up with the microphone's; a source that is not told starts its timeline at its own `start()`.
-    virtual void setTimelineOrigin(int64_t monotonicNs) { (void)monotonicNs; }
+    /// The recording's clock (time zero and pauses, shared by every track so that they line up) and where to
+    /// report what the user must know, given before `start()`. A source that is not told keeps a clock of its
+    /// own that starts at its `start()`, and reports nothing.
+    virtual void setCaptureContext(std::shared_ptr<RecordingClock> clock, CaptureEvents events) {
+        (void)clock;
+        (void)events;
+    }
 };
 
 } // namespace tavrel

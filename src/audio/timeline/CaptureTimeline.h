@@ -1,59 +1,94 @@
 #pragma once
 
+#include "audio/timeline/RecordingClock.h"
+
 #include <cstdint>
-#include <optional>
+#include <memory>
+#include <vector>
 
 namespace tavrel {
 
-/// The monotonic clock in ns, the clock every capture time is given in.
-int64_t monotonicNowNs();
-
-/// Places captured chunks on a recording's timeline, in frames since the source started.
+/// Places one track's captured chunks on its recording's clock, in frames since the recording's time zero.
 ///
-/// Linux audio servers deliver nothing while an output is idle or suspended, and a device clock drifts
-/// from the system clock; a track built only by appending chunks would slide against the microphone. So
-/// each chunk's capture time (monotonic clock) is compared with where appending would put it: a hole
-/// (no data for a while) becomes silence at once, and a slow drift either way is corrected once it is
-/// larger than the timing noise over a window. Paused stretches are left out of the file: the first chunk
-/// after a pause measures the gap since the end of the last written chunk and adds it to the pause offset.
+/// Linux audio servers deliver nothing while an output is idle or suspended, drop data when a reader falls
+/// behind, and a device clock drifts from the system clock; a track built only by appending chunks would
+/// slide against the others. So each chunk's capture time (monotonic clock) is compared with where
+/// appending would put it: a hole (no data for a while) becomes silence at once, frames known to be lost
+/// are silence of their length, and a slow drift either way is corrected once it is larger than the
+/// timing noise over a window. Then the recording's pauses are cut out, by capture time, the same way for
+/// every track.
 ///
-/// Used from one thread (the capture callback's).
+/// Used from one thread (the track's writer thread).
 class CaptureTimeline {
 public:
-    /// Gaps longer than this are silence right away (a suspended sink, a moved stream).
+    /// Gaps longer than this are silence right away (a suspended sink, a moved stream, a reconnection).
     static constexpr int64_t kHoleNs = 150'000'000;
     /// Drift is measured as the smallest lag over this much audio...
     static constexpr int64_t kDriftWindowNs = 2'000'000'000;
     /// ...and corrected when it exceeds this.
     static constexpr int64_t kDriftToleranceNs = 15'000'000;
 
-    CaptureTimeline(int64_t startNs, int sampleRateHz) : m_startNs(startNs), m_sampleRateHz(sampleRateHz) {}
+    CaptureTimeline(std::shared_ptr<const RecordingClock> clock, int sampleRateHz)
+        : m_clock(std::move(clock)), m_sampleRateHz(sampleRateHz) {}
 
-    /// The stream clock of a chunk whose first frame was captured at `captureNs`: frames since the start,
-    /// pauses included. Call for every chunk, paused or not, so that the clock keeps running.
-    int64_t place(int64_t captureNs, int64_t frames);
+    /// The stream clock of a chunk whose first frame was captured at `captureNs`: frames since time zero,
+    /// pauses included. `missingFrames` were lost just before it. Call for every chunk, paused or not.
+    int64_t place(int64_t captureNs, int64_t frames, int64_t missingFrames = 0);
 
-    /// Where a chunk of the stream clock `streamFrame` goes in the file, or none while paused.
-    /// `paused` is the source's pause flag as seen when the chunk is handled.
-    std::optional<int64_t> filePosition(int64_t streamFrame, int64_t frames, bool paused);
+    /// Calls `write(filePosition, offsetInChunk, frameCount)` for each part of the stream-clock stretch
+    /// [streamFrame, streamFrame + frames) that lies outside the recording's pauses (none while paused).
+    template <typename Write>
+    void toFile(int64_t streamFrame, int64_t frames, Write&& write);
 
-    int64_t pauseOffsetFrames() const { return m_pauseOffset; }
     int sampleRateHz() const { return m_sampleRateHz; }
+    /// Silence put in for holes, lost frames and a slow device clock, in frames.
+    int64_t filledFrames() const { return m_filledFrames; }
+    /// Frames given up to a fast device clock (they overlap what was written before).
+    int64_t overlappedFrames() const { return m_overlappedFrames; }
 
 private:
+    struct PausedFrames {
+        int64_t start;
+        int64_t end; // INT64_MAX while open
+    };
     int64_t framesAt(int64_t ns) const;
+    void refreshPauses();
 
-    int64_t m_startNs;
+    std::shared_ptr<const RecordingClock> m_clock;
     int m_sampleRateHz;
     bool m_started = false;
     int64_t m_next = 0;         // stream clock where appending puts the next chunk
     int64_t m_windowStart = 0;  // stream clock where the current drift window began
     int64_t m_windowMinLag = 0; // smallest (expected - appended) seen in the window
     bool m_windowEmpty = true;
-    // Pause bookkeeping, in stream-clock frames.
-    int64_t m_pauseOffset = 0;
-    std::optional<int64_t> m_lastEnd; // end of the last written chunk
-    bool m_resync = false;
+    int64_t m_filledFrames = 0;
+    int64_t m_overlappedFrames = 0;
+    uint64_t m_pausesVersion = 0;
+    std::vector<PausedFrames> m_pauses;
 };
+
+template <typename Write>
+void CaptureTimeline::toFile(int64_t streamFrame, int64_t frames, Write&& write) {
+    refreshPauses();
+    const int64_t end = streamFrame + frames;
+    int64_t cursor = streamFrame;
+    int64_t removed = 0; // paused frames before `cursor`
+    for (const PausedFrames& pause : m_pauses) {
+        if (pause.end <= cursor) {
+            removed += pause.end - pause.start;
+            continue;
+        }
+        if (pause.start >= end)
+            break;
+        if (pause.start > cursor)
+            write(cursor - removed, cursor - streamFrame, pause.start - cursor);
+        if (pause.end >= end)
+            return;
+        removed += pause.end - pause.start;
+        cursor = pause.end;
+    }
+    if (cursor < end)
+        write(cursor - removed, cursor - streamFrame, end - cursor);
+}
 
 } // namespace tavrel

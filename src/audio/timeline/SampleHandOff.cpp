@@ -11,26 +11,37 @@ namespace {
 constexpr auto kWakeInterval = std::chrono::milliseconds(20);
 }
 
-SampleHandOff::SampleHandOff(int channels, int64_t capacityFrames, Consumer consume, const char* threadName)
+SampleHandOff::SampleHandOff(int channels, int64_t capacityFrames, Consumer consume, FailureHandler onFailure,
+                             const char* threadName)
     : m_channels(channels), m_samples(static_cast<size_t>(capacityFrames * channels)), m_records(kRecordCapacity),
-      m_consume(std::move(consume)), m_threadName(threadName), m_thread([this] { run(); }) {}
+      m_consume(std::move(consume)), m_onFailure(std::move(onFailure)), m_threadName(threadName),
+      m_thread([this] { run(); }) {}
 
 SampleHandOff::~SampleHandOff() {
     stop();
 }
 
-bool SampleHandOff::push(const float* interleaved, int64_t frames, int64_t positionFrames) {
-    if (frames <= 0)
-        return true;
-    const size_t count = static_cast<size_t>(frames * m_channels);
+bool SampleHandOff::push(const float* interleaved, int64_t frames, int64_t captureNs) {
+    return frames <= 0 || enqueue(interleaved, frames, captureNs);
+}
+
+bool SampleHandOff::pushHole(int64_t frames, int64_t captureNs) {
+    return frames <= 0 || enqueue(nullptr, frames, captureNs);
+}
+
+bool SampleHandOff::enqueue(const float* interleaved, int64_t frames, int64_t captureNs) {
+    const size_t count = interleaved ? static_cast<size_t>(frames * m_channels) : 0;
     const uint64_t recordWrite = m_recordWrite.load(std::memory_order_relaxed);
     const uint64_t recordRead = m_recordRead.load(std::memory_order_acquire);
     if (m_samples.capacity() - m_samples.available() < count || recordWrite - recordRead >= m_records.size()) {
-        m_dropped.fetch_add(1, std::memory_order_relaxed);
+        m_droppedFrames.fetch_add(frames, std::memory_order_relaxed);
+        m_missingFrames.fetch_add(frames, std::memory_order_relaxed);
         return false;
     }
-    m_samples.push(interleaved, count);
-    m_records[recordWrite % m_records.size()] = Record{frames, positionFrames};
+    if (count > 0)
+        m_samples.push(interleaved, count);
+    m_records[recordWrite % m_records.size()] =
+        Record{frames, captureNs, m_missingFrames.exchange(0, std::memory_order_relaxed), interleaved == nullptr};
     m_recordWrite.store(recordWrite + 1, std::memory_order_release);
     return true;
 }
@@ -42,16 +53,20 @@ bool SampleHandOff::drainOnce() {
         if (recordRead == m_recordWrite.load(std::memory_order_acquire))
             return any;
         const Record record = m_records[recordRead % m_records.size()];
-        const size_t count = static_cast<size_t>(record.frames * m_channels);
-        m_scratch.resize(count);
-        m_samples.pop(m_scratch.data(), count);
-        const float* data = m_scratch.data();
-        try {
-            m_consume(data, record.frames, record.position);
-        } catch (...) {
-            // A chunk the writer refuses is lost; the recording goes on with the next one.
+        const float* data = nullptr;
+        if (!record.hole) {
+            const size_t count = static_cast<size_t>(record.frames * m_channels);
+            m_scratch.resize(count);
+            m_samples.pop(m_scratch.data(), count);
+            data = m_scratch.data();
         }
         m_recordRead.store(recordRead + 1, std::memory_order_release);
+        try {
+            m_consume(Chunk{data, record.frames, record.captureNs, record.missingFrames});
+        } catch (...) {
+            if (m_onFailure)
+                m_onFailure(std::current_exception());
+        }
         any = true;
     }
 }
@@ -79,7 +94,7 @@ void SampleHandOff::stop() {
         m_stopping = true;
     }
     m_wake.notify_all();
-    if (m_thread.joinable())
+    if (m_thread.joinable() && m_thread.get_id() != std::this_thread::get_id())
         m_thread.join();
 }
 

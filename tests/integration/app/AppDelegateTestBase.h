@@ -29,7 +29,7 @@ protected:
     /// Makes the delegate and runs its launch; `customize` may change the services first.
     void launch(const std::function<void(AppServices&)>& customize = {}) {
         AppServices services;
-        services.notifier = std::make_unique<FakeNotifier>();
+        m_notifier = install<FakeNotifier>(services.notifier);
         m_desktop = install<FakeDesktop>(services.desktop);
         m_loginItem = install<FakeLoginItem>(services.loginItem);
         m_alerts = install<ScriptedAlertPresenter>(services.alerts);
@@ -59,6 +59,7 @@ protected:
     FakeLoginItem* m_loginItem = nullptr;
     ScriptedAlertPresenter* m_alerts = nullptr;
     FakeStatusItem* m_statusItem = nullptr;
+    FakeNotifier* m_notifier = nullptr;
 };
 
 } // namespace tavrel::test

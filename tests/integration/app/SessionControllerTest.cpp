@@ -7,8 +7,13 @@
 #include "ui/RecordingHUD.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
+#include <QProcess>
 #include <QSignalSpy>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 namespace tavrel::test {
 namespace {
@@ -272,6 +277,51 @@ TEST_F(SessionControllerTest, FailedStartShowsOneAlertWithTheErrorAndChangesNoth
     EXPECT_FALSE(m_delegate->hud().isShown());
     EXPECT_TRUE(m_statusItem->titles.isEmpty());
     EXPECT_EQ(changes.size(), 0);
+}
+
+// What goes wrong while recording reaches the user: the microphone delivering only zeros for 15 s (nothing plays
+// into the private server's microphone) marks its meter and is told once; the mark goes when sound comes back, and
+// speech followed by the quiet of a room (a noise floor, never exact zeros) is never told. A write that fails (a
+// file-size limit stands in for a full disk) is told once more, with the system's reason.
+TEST_F(SessionControllerTest, CaptureFaultsAreToldOnceAndMarkTheMeter) {
+    const QString speech = speechFile(QStringLiteral(
+        "Bonjour à tous, le premier point concerne le budget de l'année prochaine, puis le calendrier."));
+    const QString quiet = m_dir.filePath(QStringLiteral("quiet.wav"));
+    ASSERT_EQ(
+        QProcess::execute("ffmpeg", {"-v", "error", "-y", "-f", "lavfi", "-i",
+                                     "anoisesrc=color=pink:amplitude=0.0005:sample_rate=44100:duration=17", quiet}),
+        0);
+    const QString speechThenQuiet = m_dir.filePath(QStringLiteral("speech-then-quiet.wav"));
+    ASSERT_TRUE(concatenateAudio({speech, quiet}, speechThenQuiet));
+    launch();
+    QElapsedTimer sinceStart;
+    sinceStart.start();
+    startAndWait();
+    const auto told = [&](const QString& title) {
+        return std::count_if(m_notifier->notifications.begin(), m_notifier->notifications.end(),
+                             [&](const auto& notification) { return notification.first == title; });
+    };
+    const QString silence = QStringLiteral("⚠️ Aucun son capté");
+    ASSERT_TRUE(waitUntil([&] { return told(silence) == 1; }, 30s));
+    EXPECT_GT(sinceStart.elapsed(), 14500);
+    ASSERT_TRUE(m_delegate->hud().vuMeter());
+    EXPECT_TRUE(m_delegate->hud().vuMeter()->warning());
+    EXPECT_TRUE(m_notifier->notifications.front().second.contains(QStringLiteral("le micro")));
+
+    ManagedProcess player = s_pulse->playIntoMicrophone(speechThenQuiet);
+    EXPECT_TRUE(waitUntil([&] { return !m_delegate->hud().vuMeter()->warning(); }, 10s));
+    ASSERT_EQ(player.wait(60s), 0);
+    EXPECT_EQ(m_notifier->notifications.size(), 1) << "quiet is not silence";
+    const QString writeFailure = QStringLiteral("⚠️ ") + QString::fromLocal8Bit(std::strerror(EFBIG));
+    {
+        // The microphone's file is past a byte already: its next fragment fails (they come every quarter second).
+        FileSizeLimit limit(1);
+        EXPECT_TRUE(waitUntil([&] { return told(writeFailure) == 1; }, 10s));
+        waitUntil([] { return false; }, 1s); // room for a wrong second one
+    }
+    EXPECT_EQ(m_notifier->notifications.size(), 2);
+    EXPECT_EQ(told(silence), 1);
+    EXPECT_FALSE(stopAndWait().isEmpty()) << "what was written before the failure is the recording";
 }
 
 enum class Backends { none, tapNeedsPermission, monitorButTapNeedsPermission, monitor };

@@ -7,22 +7,33 @@
 
 namespace tavrel::test {
 
-std::exception_ptr startAndWait(AudioRecorder& recorder) {
+namespace {
+
+// QCoro's waitFor never returns when the task throws: the failure is caught inside and handed back (in a
+// struct: a task cannot yield an exception_ptr itself).
+struct StartOutcome {
     std::exception_ptr failure;
-    QCoro::waitFor([&]() -> QCoro::Task<> {
-        try {
-            co_await recorder.startRecording();
-        } catch (...) {
-            failure = std::current_exception();
-        }
-    }());
-    return failure;
+};
+
+QCoro::Task<StartOutcome> startCatching(AudioRecorder* recorder) {
+    StartOutcome outcome;
+    try {
+        auto starting = recorder->startRecording();
+        co_await starting;
+    } catch (...) {
+        outcome.failure = std::current_exception();
+    }
+    co_return outcome;
+}
+
+} // namespace
+
+std::exception_ptr startAndWait(AudioRecorder& recorder) {
+    return QCoro::waitFor(startCatching(&recorder)).failure;
 }
 
 std::optional<QString> stopAndWait(AudioRecorder& recorder) {
-    std::optional<QString> result;
-    QCoro::waitFor([&]() -> QCoro::Task<> { result = co_await recorder.stopRecording(); }());
-    return result;
+    return QCoro::waitFor(recorder.stopRecording());
 }
 
 RecordingHome::RecordingHome() : m_dir(QStringLiteral("tavrel-rec")) {

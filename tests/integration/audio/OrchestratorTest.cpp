@@ -1,6 +1,7 @@
 // The orchestrator with the real microphone (private PulseAudio) and scripted system-audio sources: the
 // fallback order, the flags the session controller reads, stopping, merging and the files left behind.
 #include "AudioTestSupport.h"
+#include "Wait.h"
 #include "core/Log.h"
 #include "core/RecordingFiles.h"
 
@@ -148,12 +149,13 @@ Built build(const Scenario& setup) {
     return built;
 }
 
-/// Log lines of the orchestrator, with the microphone file's own name replaced by "MIC".
+/// Log lines of the orchestrator (not the microphone track's own), with the microphone file's own name replaced
+/// by "MIC".
 class AudioLog {
 public:
     AudioLog()
         : m_capture([this](const QString& line) {
-              if (line.startsWith("[AudioRecorder]"))
+              if (line.startsWith("[AudioRecorder]") && !line.startsWith("[AudioRecorder] Micro :"))
                   m_lines << line;
           }) {}
     QStringList lines(const QString& micName = {}) const {
@@ -461,6 +463,38 @@ TEST_F(Orchestrator, pauseAndResumeReachEverySourceOnlyWhenTheyChangeSomething) 
     recorder.resumeRecording();
     EXPECT_TRUE(built.journal->isEmpty());
 }
+
+// A second start or a stop issued 50 ms into a start (a double click, a call ending at once) waits for the
+// start to finish: every source that was started is stopped, and one recording is made.
+class OrchestratorRace : public Orchestrator, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(OrchestratorRace, aCallDuringAStartWaitsForItsTurn) {
+    const bool secondIsStop = GetParam();
+    Built built = build(scenario([](Scenario& s) { s.tap = Script::failsTap; }));
+    AudioRecorder recorder(built.backends);
+    auto first = recorder.startRecording();
+    waitUntil([] { return false; }, 50ms);
+    std::optional<QString> result;
+    if (secondIsStop) {
+        result = stopAndWait(recorder);
+    } else {
+        EXPECT_FALSE(startAndWait(recorder));
+        EXPECT_TRUE(recorder.isRecording());
+        result = stopAndWait(recorder);
+    }
+    QCoro::waitFor(first);
+    EXPECT_FALSE(recorder.isRecording());
+    ASSERT_TRUE(result);
+    for (const QString source : {"sys", "bh"}) {
+        EXPECT_EQ(built.journal->count(source + ".start"), 1) << built.journal->join(',').toStdString();
+        EXPECT_EQ(built.journal->count(source + ".stopped"), 1) << built.journal->join(',').toStdString();
+    }
+    EXPECT_EQ(m_home.recordings(), QStringList{QFileInfo(*result).fileName()});
+    EXPECT_TRUE(m_home.tempFiles().isEmpty()) << m_home.tempFiles().join(',').toStdString();
+}
+
+INSTANTIATE_TEST_SUITE_P(SecondCall, OrchestratorRace, ::testing::Bool(),
+                         [](const auto& info) { return info.param ? "stop" : "start"; });
 
 TEST_F(Orchestrator, notesSurviveStopAndAreEmptiedByTheNextStart) {
     AudioRecorder recorder;
