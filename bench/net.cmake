@@ -1,5 +1,6 @@
-# Upload throughput of a large recording against curl posting the same body, and the upload's memory peak.
-#   bench_net_upload [megabytes, default 50] [rounds, default 3] [raw: the server does not parse the form]
+# Upload of an hour-long recording as the program sends it against `curl -F` of the same file, the upload's
+# memory peak and the longest main-thread stall.
+#   bench_net_upload [megabytes, default 58] [rounds, default 3]
 if(TARGET tavrel_net_testbackend)
     add_executable(bench_net_upload ${CMAKE_CURRENT_LIST_DIR}/net/UploadBench.cpp)
     target_link_libraries(bench_net_upload PRIVATE tavrel_net tavrel_net_testbackend Qt6::Core)

@@ -1,17 +1,24 @@
-// Cost of one call-monitor poll (the microphone-use query over the shared libpulse connection) against
-// `pactl list short source-outputs`, the cheapest command-line answer to "who records", on a private
-// PulseAudio server with a few recording clients. Wall time, this process's CPU (the query) or the children's
-// CPU (pactl), and the server's CPU, per round.
+// The call monitor's cost, on a private PulseAudio server.
 //
-//   bench_calls_poll [rounds, default 200]
+// 1. Idle: the real monitor polling every two seconds while nobody records, against this same process
+//    running its event loop for as long without the monitor: the difference is the monitor's share of one
+//    core (goal: at most 0.1 %).
+// 2. One poll with a few recording clients (the microphone-use query over the shared libpulse connection)
+//    against `pactl list short source-outputs`, the cheapest command-line answer to "who records": wall
+//    time, this process's CPU (the query) or the children's CPU (pactl), and the server's CPU, per round.
+//
+//   bench_calls_poll [rounds, default 200] [idle seconds, default 30]
 
 #include "PulseAudioFixture.h"
 #include "audio/pulse/PulseMicInputQuery.h"
+#include "core/CallMonitor.h"
 
 #include <QCoreApplication>
+#include <QEventLoop>
 #include <QFile>
 #include <QProcess>
 #include <QThread>
+#include <QTimer>
 #include <chrono>
 #include <cstdio>
 #include <sys/resource.h>
@@ -52,12 +59,33 @@ int main(int argc, char** argv) {
     using namespace tavrel;
     using namespace tavrel::test;
     const int rounds = argc > 1 ? std::max(10, std::atoi(argv[1])) : 200;
+    const int idleSeconds = argc > 2 ? std::max(4, std::atoi(argv[2])) : 30;
 
     PulseAudioFixture server;
     if (!server.start()) {
         std::fprintf(stderr, "cannot start PulseAudio\n");
         return 1;
     }
+
+    // CPU of this process while its event loop runs for `idleSeconds`, the monitor polling or not.
+    const auto idleCpuSeconds = [&](bool monitoring) {
+        CallMonitor monitor(std::make_unique<PulseMicInputQuery>());
+        if (monitoring)
+            monitor.start();
+        const double before = cpuSeconds(RUSAGE_SELF);
+        QEventLoop loop;
+        QTimer::singleShot(std::chrono::seconds(idleSeconds), &loop, &QEventLoop::quit);
+        loop.exec();
+        return cpuSeconds(RUSAGE_SELF) - before;
+    };
+    // The shared connection is made before measuring, as it is in the program long before any poll.
+    PulseMicInputQuery{}.inputApplications();
+    const double withoutMonitor = idleCpuSeconds(false);
+    const double withMonitor = idleCpuSeconds(true);
+    std::printf("idle for %d s: process CPU %.1f ms without the monitor, %.1f ms with it\n", idleSeconds,
+                withoutMonitor * 1000, withMonitor * 1000);
+    std::printf("call monitor while idle: %.4f %% of one core (goal <= 0.1 %%)\n",
+                std::max(0.0, withMonitor - withoutMonitor) / idleSeconds * 100);
     std::vector<ManagedProcess> clients;
     clients.push_back(server.startRecordingClient());
     RecordingClientOptions unknown;
@@ -70,9 +98,9 @@ int main(int argc, char** argv) {
 
     PulseMicInputQuery query;
     // Connection made and every client listed before measuring.
-    for (int i = 0; i < 50 && query.inputApplications().size() < 2; ++i)
+    for (int i = 0; i < 50 && query.inputApplications().value_or(QStringList{}).size() < 2; ++i)
         QThread::msleep(50);
-    const QStringList seen = query.inputApplications();
+    const QStringList seen = query.inputApplications().value_or(QStringList{});
 
     const auto measure = [&](int who, auto&& body) {
         Cost cost;

@@ -5,6 +5,7 @@
 #include "platform/Desktop.h"
 #include "platform/LoginItem.h"
 #include "platform/Notifier.h"
+#include "platform/PowerEvents.h"
 #include "platform/StatusItem.h"
 #include "platform/WindowPinning.h"
 #include "ui/AppIcon.h"
@@ -31,6 +32,7 @@ constexpr int kPopoverGapPx = 4;
 // A click on the tray item while the popup is open first closes the popup (a click outside it), then
 // reaches the item: within this delay the click only closes.
 constexpr qint64 kReopenGuardMs = 300;
+constexpr std::chrono::milliseconds kUploadProgressIntervalMs{500};
 
 /// Where the popup goes: centred on the click, under it when the tray is at the top of the screen and
 /// above it when the tray is at the bottom, kept inside the screen.
@@ -52,7 +54,7 @@ QRect popoverRect(QPoint click) {
 
 AppDelegate::AppDelegate(AppServices services, QObject* parent)
     : QObject(parent), m_services(std::move(services)), m_recorder(m_services.audioBackends),
-      m_hud(std::make_unique<RecordingHUD>()) {
+      m_hud(std::make_unique<RecordingHUD>()), m_fileWorker(std::make_unique<WorkerThread>("tavrel-files")) {
     if (m_services.alerts) {
         // An alert blocks the program: a popover left open under it must not act meanwhile.
         const QPointer<AppDelegate> weak(this);
@@ -61,6 +63,10 @@ AppDelegate::AppDelegate(AppServices services, QObject* parent)
                 weak->closePopover();
         };
     }
+    m_uploadProgressTimer.setInterval(kUploadProgressIntervalMs);
+    connect(&m_uploadProgressTimer, &QTimer::timeout, this, &AppDelegate::refreshUploadProgress);
+    if (m_services.powerEvents)
+        connect(m_services.powerEvents.get(), &PowerEvents::resumed, this, &AppDelegate::onResumedFromSleep);
 }
 
 AppDelegate::~AppDelegate() {
@@ -98,6 +104,7 @@ void AppDelegate::applicationDidFinishLaunching() {
     recoverThenCheckPending();
 
     setupCallMonitor();
+    resumeFollowedJobs();
 }
 
 void AppDelegate::removeStaleRoutingDevice() {
@@ -211,8 +218,11 @@ void AppDelegate::togglePopover() {
             weak->togglePause();
     };
     controller->onQuit = [weak] {
-        if (weak && !weak->raiseAlertIfUp())
-            QCoreApplication::quit();
+        // Under an alert the alert comes first; otherwise quitting asks while an upload runs.
+        if (!weak || weak->raiseAlertIfUp())
+            return;
+        weak->closePopover();
+        weak->requestQuit();
     };
     controller->openURL = [weak](const QUrl& url) {
         if (weak && weak->m_services.desktop)

@@ -1,8 +1,11 @@
 #pragma once
 
+#include "app/DialogQueue.h"
 #include "audio/AudioRecorder.h"
 #include "audio/pulse/AudioRouting.h"
+#include "core/FollowedJobs.h"
 #include "core/MicInputQuery.h"
+#include "core/WorkerThread.h"
 #include "ui/Alert.h"
 
 #include <QCoro/QCoroTask>
@@ -13,10 +16,12 @@
 #include <QStringList>
 #include <QTimer>
 #include <QUrl>
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <vector>
 
 namespace tavrel {
 
@@ -25,8 +30,10 @@ class Desktop;
 class LoginItem;
 class MainPopoverController;
 class Notifier;
+class PowerEvents;
 class RecordingHUD;
 class StatusItem;
+class UploadAbort;
 
 /// Everything the application delegate needs from the desktop, passed in so that tests can run it
 /// with fakes.
@@ -53,6 +60,10 @@ struct AppServices {
     std::function<QCoro::Task<>()> recoverInterruptedRecordings;
     /// The status item's clock. Empty: the system clock.
     std::function<QDateTime()> now;
+    /// Wake-ups from suspend: uploads under way are sent again at once. None: not followed.
+    std::unique_ptr<PowerEvents> powerEvents;
+    /// Ends the program once the user has agreed. Empty: QCoreApplication::quit.
+    std::function<void()> quit;
 };
 
 /// The hub of the program: owns every long-lived object, runs the recording session, the uploads and
@@ -103,6 +114,12 @@ public:
     void setBusyIndicator(bool busy, const QString& symbol);
     void showUploadDialog(const QString& fileURL);
     void checkPendingRecordings();
+    /// Follows again the jobs a previous run left unfinished (kept on disk by `FollowedJobs`).
+    void resumeFollowedJobs();
+    /// Quits, after asking when an upload is under way (its recording would stay to be sent later).
+    void requestQuit();
+    /// Uploads whose body is being sent right now.
+    int uploadsInFlight() const { return static_cast<int>(m_uploads.size()); }
 
     // --- state, read by the D-Bus face and tests ---
     bool isRecording() const { return m_isRecording; }
@@ -142,7 +159,24 @@ private:
     QCoro::Task<> runStart();
     QCoro::Task<> runStop();
     void showSessionTask();
-    QCoro::Task<> runUploadDialog(QString fileURL);
+    QCoro::Task<> runUploadDialog(QString fileURL, DialogQueue::Place place);
+    QCoro::Task<> runPendingCheck();
+    QCoro::Task<QString> describeRecording(QString path);
+    /// Runs `work` (file writes that wait for the disk) on the file thread; false when the delegate went away.
+    QCoro::Task<bool> onFileThread(std::function<void()> work);
+    QCoro::Task<> followJob(FollowedJob job);
+    QCoro::Task<> showUploadFailure(QString fileURL, QString title, qint64 clientId, QString synthesisType,
+                                    QString depth, QString notes, std::exception_ptr failure);
+    void onResumedFromSleep();
+    void refreshUploadProgress();
+
+    /// An upload whose body is going out, as the tray's tooltip and a wake-up see it.
+    struct RunningUpload {
+        QString title;
+        std::shared_ptr<std::atomic<int>> percent; ///< written by the upload's thread
+        std::shared_ptr<UploadAbort> abort;
+        bool sendAgain = false; ///< stopped on purpose by a wake-up: sent again, not reported
+    };
 
     AppServices m_services;
     AudioRecorder m_recorder;
@@ -161,6 +195,11 @@ private:
     std::unique_ptr<CallMonitor> m_callMonitor;
     bool m_autoStartedRecording = false;
     int m_activeJobs = 0;
+    std::vector<std::shared_ptr<RunningUpload>> m_uploads;
+    QTimer m_uploadProgressTimer; ///< refreshes the tooltip's progress while uploads run
+    DialogQueue m_dialogs;
+    /// Reads recordings' headers for the dialogs' titles, keeps the followed jobs, removes the recordings sent.
+    std::unique_ptr<WorkerThread> m_fileWorker;
     QString m_statusTitle;
     QPoint m_lastClickPos;
     qint64 m_popoverClosedAtMs = 0;

@@ -12,6 +12,7 @@
 #include "platform/Desktop.h"
 #include "platform/LoginItem.h"
 #include "platform/Notifier.h"
+#include "platform/PowerEvents.h"
 #include "platform/StatusItem.h"
 #include "ui/AppIcon.h"
 
@@ -34,7 +35,8 @@ QCoro::Task<> recoverAtLaunch(std::shared_ptr<QLockFile> lock) {
 
 } // namespace
 
-int runApplication(int argc, char** argv, const AlertPresenterFactory& makeAlerts) {
+int runApplication(int argc, char** argv, const AlertPresenterFactory& makeAlerts,
+                   const std::function<void(AppServices&)>& adjustServices) {
     installCrashHooks();
 
     // The window system is chosen on the command line Qt reads, not through QT_QPA_PLATFORM: programs we
@@ -84,6 +86,7 @@ int runApplication(int argc, char** argv, const AlertPresenterFactory& makeAlert
     services.desktop = makeDesktop();
     services.loginItem = makeLoginItem();
     services.alerts = makeAlerts();
+    services.powerEvents = makePowerEvents();
     services.audioBackends = linuxSystemAudioBackends();
     services.deviceWithUID = [](const QString& uid) { return AudioRouting::device(uid); };
     services.destroyDevice = [](const AudioRouting::Device& device) { return AudioRouting::destroy(device); };
@@ -91,6 +94,8 @@ int runApplication(int argc, char** argv, const AlertPresenterFactory& makeAlert
     // recordings for interrupted ones.
     auto captureLock = std::make_shared<QLockFile>(RecordingFiles::captureLockFile());
     services.recoverInterruptedRecordings = [captureLock] { return recoverAtLaunch(captureLock); };
+    if (adjustServices)
+        adjustServices(services);
     AppDelegate delegate(std::move(services));
     service.attach(&delegate);
     delegate.applicationDidFinishLaunching();

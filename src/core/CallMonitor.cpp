@@ -32,7 +32,11 @@ constexpr std::array<QLatin1String, 16> kCallPrefixes{
 } // namespace
 
 CallMonitor::CallMonitor(std::unique_ptr<MicInputQuery> query, std::chrono::milliseconds pollIntervalMs)
-    : m_query(std::move(query)), m_pollIntervalMs(pollIntervalMs), m_guard(std::make_unique<QObject>()) {}
+    : m_query(std::move(query)), m_pollIntervalMs(pollIntervalMs), m_guard(std::make_unique<QObject>()),
+      m_queryThread(std::make_unique<WorkerThread>("tavrel-calls")) {
+    // One query at a time, on a thread of its own: the audio server may take its time (or its time-out)
+    // to answer, and the shared worker pool may be busy merging a recording.
+}
 
 CallMonitor::~CallMonitor() = default;
 
@@ -52,6 +56,8 @@ void CallMonitor::stop() {
     m_timer.reset();
     m_callActive = false;
     m_promptedThisCall = false;
+    m_pollsWithoutCall = 0;
+    ++m_generation;
 }
 
 bool CallMonitor::isCallApplication(const QString& bundle) {
@@ -62,9 +68,11 @@ bool CallMonitor::isCallApplication(const QString& bundle) {
     return false;
 }
 
-MicInputStatus CallMonitor::micInputStatus(MicInputQuery& query) {
+std::optional<MicInputStatus> CallMonitor::micInputStatus(const std::optional<QStringList>& applications) {
+    if (!applications)
+        return std::nullopt;
     MicInputStatus status;
-    for (const QString& bundle : query.inputApplications()) {
+    for (const QString& bundle : *applications) {
         if (bundle.isEmpty())
             continue;
         status.bundles.append(bundle);
@@ -74,9 +82,47 @@ MicInputStatus CallMonitor::micInputStatus(MicInputQuery& query) {
     return status;
 }
 
+std::optional<MicInputStatus> CallMonitor::micInputStatus(MicInputQuery& query) {
+    return micInputStatus(query.inputApplications());
+}
+
 void CallMonitor::tick() {
-    const MicInputStatus status = m_query ? micInputStatus(*m_query) : MicInputStatus{};
-    if (status.matched) {
+    if (m_pollWaiting)
+        return;
+    auto pending = poll();
+}
+
+QCoro::Task<> CallMonitor::poll() {
+    if (!m_query) {
+        handle(MicInputStatus{});
+        co_return;
+    }
+    const std::shared_ptr<MicInputQuery> query = m_query;
+    const auto ask = [query] { return query->inputApplications(); };
+    m_pollWaiting = true;
+    const int generation = m_generation;
+    const QPointer<QObject> alive(m_guard.get());
+    std::optional<QStringList> applications;
+    bool asked = false;
+    try {
+        applications = co_await m_queryThread->run(ask);
+        asked = true;
+    } catch (const Error&) {
+        // The monitor is going away.
+    }
+    if (!alive)
+        co_return;
+    m_pollWaiting = false;
+    if (asked && generation == m_generation)
+        handle(micInputStatus(applications));
+}
+
+void CallMonitor::handle(const std::optional<MicInputStatus>& status) {
+    // The server could not be asked: nobody is known to have started or ended anything.
+    if (!status)
+        return;
+    if (status->matched) {
+        m_pollsWithoutCall = 0;
         if (!m_callActive) {
             m_callActive = true;
             const bool recording = isRecording && isRecording();
@@ -86,19 +132,20 @@ void CallMonitor::tick() {
             }
         }
     } else {
-        if (m_callActive) {
+        if (m_callActive && ++m_pollsWithoutCall >= kPollsToEnd) {
             m_callActive = false;
             m_promptedThisCall = false;
+            m_pollsWithoutCall = 0;
             if (onEnd)
                 onEnd();
         }
-        if (!status.bundles.isEmpty() && !m_loggedUnmatched) {
+        if (!status->bundles.isEmpty() && !m_loggedUnmatched) {
             m_loggedUnmatched = true;
             logLine(QStringLiteral("[CallMonitor] Micro utilisé mais appli non reconnue : ") +
-                    status.bundles.join(QStringLiteral(", ")));
+                    status->bundles.join(QStringLiteral(", ")));
         }
     }
-    if (status.bundles.isEmpty())
+    if (status->bundles.isEmpty())
         m_loggedUnmatched = false;
 }
 

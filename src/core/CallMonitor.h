@@ -1,7 +1,9 @@
 #pragma once
 
 #include "core/MicInputQuery.h"
+#include "core/WorkerThread.h"
 
+#include <QCoro/QCoroTask>
 #include <QObject>
 #include <QString>
 #include <QStringList>
@@ -9,6 +11,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 
 namespace tavrel {
 
@@ -18,10 +21,17 @@ struct MicInputStatus {
 };
 
 /// Watches which applications capture the microphone and offers to record when a conferencing application
-/// (or a browser) starts doing so; tells the owner when that call ends. Main thread only.
+/// (or a browser) starts doing so; tells the owner when that call ends. The audio server is asked on the
+/// monitor's own thread; everything else runs on the main thread.
+///
+/// A call ends only after `kPollsToEnd` answered polls in a row without any conferencing application: a
+/// client that drops its stream for a moment (a mute, a device change, the audio server restarting)
+/// is still in the same call when it comes back within those polls. A poll the server could not answer
+/// says nothing: it neither starts nor ends a call, nor counts toward the end.
 class CallMonitor {
 public:
     static constexpr std::chrono::milliseconds kPollIntervalMs{2000};
+    static constexpr int kPollsToEnd = 3;
 
     /// The prompt: returns true when the user chose the first button.
     using PromptPresenter =
@@ -39,12 +49,20 @@ public:
     void stop();
     bool isPolling() const { return m_timer != nullptr; }
 
-    static MicInputStatus micInputStatus(MicInputQuery& query);
+    /// What a query's answer means: nothing when the server could not be asked.
+    static std::optional<MicInputStatus> micInputStatus(const std::optional<QStringList>& applications);
+    /// The same, asking `query` on the calling thread.
+    static std::optional<MicInputStatus> micInputStatus(MicInputQuery& query);
     /// Whether an application identifier begins with one of the conferencing prefixes (case-sensitive).
     static bool isCallApplication(const QString& bundle);
 
-    /// One poll, as the timer runs it every two seconds.
+    /// One poll, as the timer runs it every two seconds: the query goes to the monitor's thread and its
+    /// answer is handled on this thread when it comes. Skipped while the previous poll still waits.
     void tick();
+    /// The same, resumed once the answer has been handled.
+    QCoro::Task<> poll();
+    /// The call states on one poll's answer (nothing: the server could not be asked).
+    void handle(const std::optional<MicInputStatus>& status);
 
     std::function<void()> onStart; ///< the user accepted the prompt
     std::function<void()> onEnd;   ///< a call ended
@@ -58,10 +76,15 @@ private:
     bool m_callActive = false;
     bool m_promptedThisCall = false;
     bool m_loggedUnmatched = false;
-    std::unique_ptr<MicInputQuery> m_query;
+    int m_pollsWithoutCall = 0;
+    bool m_pollWaiting = false;
+    int m_generation = 0; ///< changes at stop(): an answer asked for before belongs to a forgotten call
+    std::shared_ptr<MicInputQuery> m_query;
     std::chrono::milliseconds m_pollIntervalMs;
-    // Context of queued prompts: they are dropped, not run on a dead monitor, once it is gone.
+    // Context of queued prompts and of answers: they are dropped, not run on a dead monitor, once it is gone.
     std::unique_ptr<QObject> m_guard;
+    // Declared last: destroyed first, waiting for a query still running.
+    std::unique_ptr<WorkerThread> m_queryThread;
 };
 
 } // namespace tavrel

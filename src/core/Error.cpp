@@ -28,4 +28,9 @@ QString debugDescription(const std::exception_ptr& error) {
         error, [](const Error& e) { return e.debugDescription(); }, QStringLiteral("erreur inconnue"));
 }
 
+QString technicalCause(const std::exception_ptr& error) {
+    return describe(
+        error, [](const Error& e) { return e.technicalCause(); }, QString());
+}
+
 } // namespace tavrel

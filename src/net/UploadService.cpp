@@ -2,6 +2,9 @@
 
 #include "core/ClientResolver.h"
 #include "core/SettingsManager.h"
+#include "core/WorkerThread.h"
+#include "net/MultipartBody.h"
+#include "net/StreamedPost.h"
 
 #include <QCoreApplication>
 #include <QCoro/QCoroNetworkReply>
@@ -9,10 +12,12 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QMetaEnum>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QPointer>
+#include <QSslError>
 #include <QStringDecoder>
 #include <QTextBoundaryFinder>
 #include <QThread>
@@ -27,17 +32,20 @@ namespace {
 constexpr int kMaxErrorTextCharacters = 200;
 const QByteArray kCRLF = QByteArrayLiteral("\r\n");
 
-/// One access manager per thread that talks to the backend (only the main thread in this program).
-/// Owned by the application object, or by the thread, so that it goes before Qt's internals do.
+/// One access manager per thread that talks to the backend (the main thread and the network thread). The
+/// main thread's belongs to the application object, so that it goes before Qt's internals do; another
+/// thread's goes when that thread ends, on that thread.
 QNetworkAccessManager& manager() {
     thread_local QPointer<QNetworkAccessManager> instance;
+    thread_local std::unique_ptr<QNetworkAccessManager> ownedByThread;
     if (!instance) {
-        instance = new QNetworkAccessManager;
+        auto* created = new QNetworkAccessManager;
         QCoreApplication* app = QCoreApplication::instance();
         if (app && app->thread() == QThread::currentThread())
-            instance->setParent(app);
+            created->setParent(app);
         else
-            QObject::connect(QThread::currentThread(), &QThread::finished, instance.data(), &QObject::deleteLater);
+            ownedByThread.reset(created);
+        instance = created;
     }
     return *instance;
 }
@@ -53,10 +61,28 @@ bool isHttpScheme(const QUrl& url) {
 
 /// Base URL + path, concatenated as they stand and parsed strictly.
 QUrl requestUrl(const QString& path) {
-    const QUrl url(SettingsManager::shared().backendURL() + path, QUrl::StrictMode);
+    const QString text = SettingsManager::shared().backendURL() + path;
+    const QUrl url(text, QUrl::StrictMode);
     if (!url.isValid() || url.scheme().isEmpty() || (isHttpScheme(url) && url.host().isEmpty()))
-        throw UploadFailure::invalidURL();
+        throw UploadFailure::invalidURL(text);
     return url;
+}
+
+/// `text` with the access token masked: an answer or an error text may quote the request's headers.
+QString withoutToken(QString text) {
+    const QString token = SettingsManager::shared().token();
+    if (!token.isEmpty())
+        text.replace(token, QStringLiteral("«jeton masqué»"));
+    return text;
+}
+
+/// "HTTP <status>" and the first characters of the body, as the details of a failure show them.
+QString httpCause(int statusCode, const QByteArray& body) {
+    QString cause = QStringLiteral("HTTP ") + QString::number(statusCode);
+    const QString text = QString::fromUtf8(body).trimmed();
+    if (!text.isEmpty())
+        cause += QStringLiteral(" : ") + firstCharacters(text, kMaxErrorTextCharacters);
+    return withoutToken(cause);
 }
 
 QNetworkRequest makeRequest(const QUrl& url) {
@@ -77,54 +103,6 @@ struct Response {
     QString otherErrorString;
 };
 
-/// The user reads these: Qt's own texts are English, so the common cases get French ones and the rest
-/// keep Qt's text after a French lead.
-TransportFailure transportFailure(QNetworkReply::NetworkError error, const QString& qtText) {
-    QString text;
-    switch (error) {
-    case QNetworkReply::ConnectionRefusedError:
-        text = QStringLiteral("Connexion refusée par le serveur.");
-        break;
-    case QNetworkReply::RemoteHostClosedError:
-        text = QStringLiteral("Le serveur a fermé la connexion avant de répondre.");
-        break;
-    case QNetworkReply::HostNotFoundError:
-        text = QStringLiteral("Serveur introuvable.");
-        break;
-    case QNetworkReply::TimeoutError:
-    case QNetworkReply::OperationCanceledError: // what a transfer timeout reports; we cancel nothing else
-        text = QStringLiteral("Le serveur ne répond pas (délai dépassé).");
-        break;
-    case QNetworkReply::SslHandshakeFailedError:
-        text = QStringLiteral("La connexion sécurisée au serveur a échoué (certificat ou TLS).");
-        break;
-    case QNetworkReply::TemporaryNetworkFailureError:
-    case QNetworkReply::NetworkSessionFailedError:
-        text = QStringLiteral("Le réseau est indisponible.");
-        break;
-    case QNetworkReply::TooManyRedirectsError:
-    case QNetworkReply::InsecureRedirectError:
-        text = QStringLiteral("Le serveur redirige la requête de façon incorrecte.");
-        break;
-    case QNetworkReply::ProtocolUnknownError:
-        text = QStringLiteral("Adresse du serveur non prise en charge.");
-        break;
-    default:
-        text = QStringLiteral("Erreur réseau : ") + qtText;
-        break;
-    }
-    return TransportFailure(static_cast<int>(error), text);
-}
-
-Error fileFailure(const QString& path, const QString& qtText) {
-    const QFileInfo info(path);
-    if (!info.exists())
-        return Error(QStringLiteral("Le fichier « %1 » est introuvable.").arg(info.fileName()));
-    if (!info.isReadable())
-        return Error(QStringLiteral("Le fichier « %1 » n'est pas lisible (accès refusé).").arg(info.fileName()));
-    return Error(QStringLiteral("Le fichier « %1 » ne peut pas être lu : %2").arg(info.fileName(), qtText));
-}
-
 /// No complete answer arrived: the connection failed, broke or timed out. Errors that Qt derives from an
 /// HTTP status (content and server errors, 400 included) come with the status and the body, which the
 /// operations judge themselves.
@@ -136,31 +114,26 @@ bool isTransportError(QNetworkReply::NetworkError error, bool hasStatus) {
     return static_cast<int>(error) < 100;
 }
 
-QCoro::Task<Response> send(QNetworkRequest request, QByteArray verb, QByteArray body,
-                           UploadService::UploadProgress onProgress = {}) {
-    ReplyPtr reply;
-    if (verb == "POST")
-        reply.reset(manager().post(request, body));
-    else
-        reply.reset(manager().get(request));
-    // The reply holds its own reference to the body; dropping ours keeps a single copy in memory.
-    body = QByteArray();
-    if (onProgress) {
-        QObject::connect(reply.get(), &QNetworkReply::uploadProgress, reply.get(),
-                         [onProgress](qint64 sent, qint64 total) {
-                             // Qt also reports (0, 0) once the request is done; that is no progress.
-                             if (total > 0)
-                                 onProgress(sent, total);
-                         });
-    }
+/// Sends one GET request and waits for the whole answer.
+QCoro::Task<Response> get(QNetworkRequest request) {
+    ReplyPtr reply(manager().get(request));
+    // The certificate's faults are only told by this signal; the final error just says the handshake failed.
+    auto tlsErrors = std::make_shared<QStringList>();
+    QObject::connect(reply.get(), &QNetworkReply::sslErrors, reply.get(), [tlsErrors](const QList<QSslError>& errors) {
+        for (const QSslError& error : errors)
+            tlsErrors->append(error.errorString());
+    });
     co_await reply.get();
 
     const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
     const QNetworkReply::NetworkError error = reply->error();
     Response response;
     if (isHttpScheme(request.url())) {
-        if (isTransportError(error, status.isValid()) || !status.isValid())
-            throw transportFailure(error, reply->errorString());
+        if (isTransportError(error, status.isValid()) || !status.isValid()) {
+            throw transportFailure(
+                error, reply->errorString(),
+                tlsErrors->isEmpty() ? QString() : QStringLiteral("TLS : ") + tlsErrors->join(QStringLiteral(" ; ")));
+        }
         response.isHttp = true;
         response.statusCode = status.toInt();
     } else if (error == QNetworkReply::ProtocolUnknownError) {
@@ -171,6 +144,16 @@ QCoro::Task<Response> send(QNetworkRequest request, QByteArray verb, QByteArray 
         response.otherErrorString = reply->errorString();
     }
     response.body = reply->readAll();
+    // A connection closed before the announced end may still come back without an error: a cut answer
+    // must not pass for the backend's word.
+    const QVariant announced = reply->header(QNetworkRequest::ContentLengthHeader);
+    if (response.isHttp && announced.isValid() && reply->rawHeader("Content-Encoding").isEmpty() &&
+        response.body.size() < announced.toLongLong()) {
+        throw transportFailure(QNetworkReply::RemoteHostClosedError,
+                               QStringLiteral("Réponse tronquée : %1 octets reçus sur %2 annoncés")
+                                   .arg(response.body.size())
+                                   .arg(announced.toLongLong()));
+    }
     co_return response;
 }
 
@@ -183,31 +166,6 @@ QString localPath(const QString& fileURL) {
     if (url.isLocalFile())
         return url.toLocalFile();
     return fileURL;
-}
-
-/// The whole file appended to `body`, read straight into the buffer so that a large recording is held
-/// only once.
-void appendFileContents(QByteArray& body, const QString& path) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        throw fileFailure(path, file.errorString());
-    const qint64 expected = file.size();
-    const qsizetype start = body.size();
-    body.resize(start + expected);
-    const qint64 read = file.read(body.data() + start, expected);
-    if (read < 0)
-        throw fileFailure(path, file.errorString());
-    body.resize(start + read);
-    // The file may have grown since its size was taken.
-    while (!file.atEnd()) {
-        const QByteArray rest = file.read(1 << 20);
-        if (rest.isEmpty()) {
-            if (file.error() != QFileDevice::NoError)
-                throw fileFailure(path, file.errorString());
-            break;
-        }
-        body.append(rest);
-    }
 }
 
 } // namespace
@@ -238,6 +196,52 @@ QString firstCharacters(const QString& text, int maxCharacters) {
     return text.left(finder.position());
 }
 
+// The user reads these: the HTTP clients' own texts are English, so the common cases get French ones and
+// the rest keep the client's text after a French lead.
+TransportFailure transportFailure(int networkError, const QString& clientText, const QString& more) {
+    const auto error = static_cast<QNetworkReply::NetworkError>(networkError);
+    QString text;
+    switch (error) {
+    case QNetworkReply::ConnectionRefusedError:
+        text = QStringLiteral("Connexion refusée par le serveur.");
+        break;
+    case QNetworkReply::RemoteHostClosedError:
+        text = QStringLiteral("Le serveur a fermé la connexion avant de répondre.");
+        break;
+    case QNetworkReply::HostNotFoundError:
+        text = QStringLiteral("Serveur introuvable.");
+        break;
+    case QNetworkReply::TimeoutError:
+    case QNetworkReply::OperationCanceledError: // what Qt's transfer timeout reports
+        text = QStringLiteral("Le serveur ne répond pas (délai dépassé).");
+        break;
+    case QNetworkReply::SslHandshakeFailedError:
+        text = QStringLiteral("La connexion sécurisée au serveur a échoué (certificat ou TLS).");
+        break;
+    case QNetworkReply::TemporaryNetworkFailureError:
+    case QNetworkReply::NetworkSessionFailedError:
+        text = QStringLiteral("Le réseau est indisponible.");
+        break;
+    case QNetworkReply::TooManyRedirectsError:
+    case QNetworkReply::InsecureRedirectError:
+        text = QStringLiteral("Le serveur redirige la requête de façon incorrecte.");
+        break;
+    case QNetworkReply::ProtocolUnknownError:
+        text = QStringLiteral("Adresse du serveur non prise en charge.");
+        break;
+    default:
+        text = QStringLiteral("Erreur réseau : ") + clientText;
+        break;
+    }
+    QStringList labels;
+    if (const char* name = QMetaEnum::fromType<QNetworkReply::NetworkError>().valueToKey(error))
+        labels << QLatin1String(name);
+    if (!more.isEmpty())
+        labels << more;
+    const QString cause = labels.isEmpty() ? clientText : clientText + QStringLiteral(" (%1)").arg(labels.join(u", "));
+    return TransportFailure(networkError, withoutToken(text), withoutToken(cause));
+}
+
 QString UploadFailure::describe(UploadError code, int statusCode, const QString& responseText) {
     switch (code) {
     case UploadError::httpError: {
@@ -254,20 +258,33 @@ QString UploadFailure::describe(UploadError code, int statusCode, const QString&
     return {};
 }
 
-UploadFailure::UploadFailure(UploadError code, int statusCode, QString responseText)
-    : Error(describe(code, statusCode, responseText)), m_code(code), m_statusCode(statusCode),
-      m_responseText(std::move(responseText)) {}
+UploadFailure::UploadFailure(UploadError code, int statusCode, QString responseText, QString technicalCause)
+    : Error(describe(code, statusCode, responseText), std::move(technicalCause)), m_code(code),
+      m_statusCode(statusCode), m_responseText(std::move(responseText)) {}
 
 UploadFailure UploadFailure::httpError(int statusCode, const QString& responseText) {
-    return UploadFailure(UploadError::httpError, statusCode, responseText);
+    return httpError(statusCode, responseText, responseText.toUtf8());
+}
+
+UploadFailure UploadFailure::httpError(int statusCode, const QString& responseText, const QByteArray& body) {
+    // What the server answered may quote the request back, its token included.
+    return UploadFailure(UploadError::httpError, statusCode, withoutToken(responseText), httpCause(statusCode, body));
 }
 
 UploadFailure UploadFailure::invalidURL() {
-    return UploadFailure(UploadError::invalidURL, 0, {});
+    return UploadFailure(UploadError::invalidURL, 0, {}, {});
+}
+
+UploadFailure UploadFailure::invalidURL(const QString& url) {
+    return UploadFailure(UploadError::invalidURL, 0, {}, QStringLiteral("URL : « %1 »").arg(withoutToken(url)));
 }
 
 UploadFailure UploadFailure::badResponse() {
-    return UploadFailure(UploadError::badResponse, 0, {});
+    return UploadFailure(UploadError::badResponse, 0, {}, {});
+}
+
+UploadFailure UploadFailure::badResponse(int statusCode, const QByteArray& body) {
+    return UploadFailure(UploadError::badResponse, statusCode, {}, httpCause(statusCode, body));
 }
 
 // ---------------------------------------------------------------------------------------------------------------
@@ -275,7 +292,7 @@ UploadFailure UploadFailure::badResponse() {
 
 QCoro::Task<QList<UploadService::ClientRecord>> UploadService::fetchClients() {
     const QUrl url = requestUrl(QStringLiteral("/clients"));
-    const Response response = co_await send(makeRequest(url), QByteArrayLiteral("GET"), {});
+    const Response response = co_await get(makeRequest(url));
     if (response.otherError != QNetworkReply::NoError)
         throw transportFailure(response.otherError, response.otherErrorString);
 
@@ -298,70 +315,77 @@ QCoro::Task<UploadService::AsyncUploadResult> UploadService::uploadAsync(QString
                                                                          std::optional<qint64> clientId,
                                                                          QString synthesisType, QString depth,
                                                                          QString notes) {
+    // Named: GCC 12 destroys an aggregate temporary of a co_await expression twice.
+    const UploadHooks noHooks;
     co_return co_await uploadAsync(std::move(fileURL), std::move(title), clientId, std::move(synthesisType),
-                                   std::move(depth), std::move(notes), UploadProgress{});
+                                   std::move(depth), std::move(notes), noHooks);
 }
 
 QCoro::Task<UploadService::AsyncUploadResult> UploadService::uploadAsync(QString fileURL, QString title,
                                                                          std::optional<qint64> clientId,
                                                                          QString synthesisType, QString depth,
-                                                                         QString notes, UploadProgress onProgress) {
+                                                                         QString notes, UploadHooks hooks) {
     const QUrl url = requestUrl(QStringLiteral("/transcriptions/upload-async"));
 
     const QByteArray boundary =
         QByteArrayLiteral("Boundary-") + QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper().toLatin1();
-    QNetworkRequest request = makeRequest(url);
-    request.setRawHeader(QByteArrayLiteral("Content-Type"),
-                         QByteArrayLiteral("multipart/form-data; boundary=") + boundary);
-    request.setTransferTimeout(kUploadTimeoutMs);
+    const QList<QByteArray> headers{QByteArrayLiteral("Authorization: Bearer ") +
+                                        SettingsManager::shared().token().toUtf8(),
+                                    QByteArrayLiteral("Content-Type: multipart/form-data; boundary=") + boundary};
 
     const QString path = localPath(fileURL);
-    QByteArray body;
-    appendField(body, boundary, QStringLiteral("title"), title);
-    appendField(body, boundary, QStringLiteral("synthesis_type"), synthesisType);
-    appendField(body, boundary, QStringLiteral("synthesis_depth"), depth);
+    QByteArray head;
+    appendField(head, boundary, QStringLiteral("title"), title);
+    appendField(head, boundary, QStringLiteral("synthesis_type"), synthesisType);
+    appendField(head, boundary, QStringLiteral("synthesis_depth"), depth);
     if (clientId && *clientId >= 1)
-        appendField(body, boundary, QStringLiteral("client_id"), QString::number(*clientId));
+        appendField(head, boundary, QStringLiteral("client_id"), QString::number(*clientId));
     if (!notes.isEmpty())
-        appendField(body, boundary, QStringLiteral("notes"), notes);
-    body += "--" + boundary + kCRLF;
-    body += "Content-Disposition: form-data; name=\"file\"; filename=\"" + QFileInfo(path).fileName().toUtf8() + "\"" +
+        appendField(head, boundary, QStringLiteral("notes"), notes);
+    head += "--" + boundary + kCRLF;
+    head += "Content-Disposition: form-data; name=\"file\"; filename=\"" + QFileInfo(path).fileName().toUtf8() + "\"" +
             kCRLF;
-    body += "Content-Type: audio/m4a" + kCRLF + kCRLF;
-    appendFileContents(body, path);
-    body += kCRLF + "--" + boundary + "--" + kCRLF;
+    head += "Content-Type: audio/m4a" + kCRLF + kCRLF;
+    // The file's bytes go between the two, read from disk as they are sent. Opened here: an unreadable
+    // recording fails before anything is sent.
+    const auto body = std::make_shared<MultipartBody>(std::move(head), path, kCRLF + "--" + boundary + "--" + kCRLF);
 
-    const Response response =
-        co_await send(std::move(request), QByteArrayLiteral("POST"), std::move(body), std::move(onProgress));
-    if (!response.isHttp)
-        throw UploadFailure::badResponse();
+    // A thread of its own for the transfer: a long recording takes as long as it takes, in large pieces,
+    // without holding the caller's thread or any other upload.
+    WorkerThread sender("tavrel-upload");
+    const QByteArray target = url.toEncoded();
+    const auto post = [target, headers, body, hooks] {
+        return postStreamed(target, headers, *body, std::chrono::milliseconds(kUploadTimeoutMs), hooks);
+    };
+    const HttpAnswer response = co_await sender.run(post);
     if (!isSuccess(response.statusCode)) {
         QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
         QString text = decoder.decode(response.body);
         if (decoder.hasError())
             text.clear();
-        throw UploadFailure::httpError(response.statusCode, text);
+        throw UploadFailure::httpError(response.statusCode, text, response.body);
     }
 
     const QJsonDocument document = QJsonDocument::fromJson(response.body);
     if (!document.isObject())
-        throw UploadFailure::badResponse();
+        throw UploadFailure::badResponse(response.statusCode, response.body);
     const QJsonObject answer = document.object();
     const std::optional<qint64> id = exactInteger(answer.value(QLatin1String("id")));
     const QJsonValue jobId = answer.value(QLatin1String("job_id"));
     if (!id || !jobId.isString())
-        throw UploadFailure::badResponse();
+        throw UploadFailure::badResponse(response.statusCode, response.body);
     const QJsonValue answeredTitle = answer.value(QLatin1String("title"));
     co_return AsyncUploadResult{*id, jobId.toString(), answeredTitle.isString() ? answeredTitle.toString() : title};
 }
 
 QCoro::Task<UploadService::JobState> UploadService::pollJob(QString jobId) {
     const QUrl url = requestUrl(QStringLiteral("/transcriptions/jobs/") + jobId);
-    const Response response = co_await send(makeRequest(url), QByteArrayLiteral("GET"), {});
+    const Response response = co_await get(makeRequest(url));
     if (!response.isHttp)
         throw UploadFailure::badResponse();
+    // The answer's text is not part of a poll's error, but its details keep it.
     if (!isSuccess(response.statusCode))
-        throw UploadFailure::httpError(response.statusCode, QString());
+        throw UploadFailure::httpError(response.statusCode, QString(), response.body);
 
     const QJsonObject answer = QJsonDocument::fromJson(response.body).object();
     JobState state;

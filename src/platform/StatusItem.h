@@ -22,6 +22,8 @@ public:
     virtual void setIcon(StatusIcon icon) = 0;
     virtual void setTitle(const QString& title) = 0;
     virtual QString title() const = 0;
+    /// A second line of the tooltip under the title, e.g. how far an upload has gone; empty for none.
+    virtual void setToolTipDetail(const QString& detail) = 0;
     /// Whether a tray host shows the item (a StatusNotifierWatcher accepted it, or an XEmbed tray exists).
     virtual bool isShown() const = 0;
 

@@ -18,6 +18,11 @@ struct AlertSpec {
     QStringList buttons; ///< empty means one "OK" button
     AlertStyle style = AlertStyle::informational;
     QWidget* accessory = nullptr; ///< not owned; stays alive while the alert runs
+    /// The window's title; empty: the program's name. Says which recording a dialog is about.
+    QString windowTitle;
+    /// What the system said of a failure (an HTTP status and body, a TLS verdict, an errno), shown in
+    /// small type under the informative text, selectable so that it can be copied into a report.
+    QString details;
 };
 
 /// Response of the first button; the n-th button answers kFirstButton + n.

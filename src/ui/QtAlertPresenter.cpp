@@ -4,6 +4,7 @@
 #include "ui/SymbolIcon.h"
 
 #include <QDialog>
+#include <QFontDatabase>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPointer>
@@ -23,6 +24,7 @@ const char* const kStyleSheet = R"(
 QDialog#alert { background: #f6f6f6; }
 QLabel#alertMessage { color: rgba(0, 0, 0, 0.88); }
 QLabel#alertInformative { color: rgba(0, 0, 0, 0.7); }
+QLabel#alertDetails { color: rgba(0, 0, 0, 0.55); }
 QPushButton {
     min-width: 76px; min-height: 24px; padding: 2px 14px;
     border: 1px solid rgba(0, 0, 0, 0.14); border-radius: 6px;
@@ -81,7 +83,7 @@ QPixmap alertPicture(AlertStyle style, qreal ratio) {
 int QtAlertPresenter::run(const AlertSpec& alertSpec) {
     AlertDialog dialog;
     dialog.setObjectName(QStringLiteral("alert"));
-    dialog.setWindowTitle(QStringLiteral("TaVREL Recorder"));
+    dialog.setWindowTitle(alertSpec.windowTitle.isEmpty() ? QStringLiteral("TaVREL Recorder") : alertSpec.windowTitle);
     dialog.setWindowIcon(appIcon());
     dialog.setStyleSheet(QString::fromLatin1(kStyleSheet));
     dialog.setModal(true);
@@ -121,6 +123,18 @@ int QtAlertPresenter::run(const AlertSpec& alertSpec) {
         informative->setFont(informativeFont);
         informative->setMinimumWidth(kTextWidthPx);
         texts->addWidget(informative);
+    }
+    if (!alertSpec.details.isEmpty()) {
+        auto* details = new QLabel(alertSpec.details, &dialog);
+        details->setObjectName(QStringLiteral("alertDetails"));
+        details->setTextFormat(Qt::PlainText);
+        details->setWordWrap(true);
+        details->setTextInteractionFlags(Qt::TextSelectableByMouse);
+        QFont detailsFont = QFontDatabase::systemFont(QFontDatabase::FixedFont);
+        detailsFont.setPixelSize(10);
+        details->setFont(detailsFont);
+        details->setMinimumWidth(kTextWidthPx);
+        texts->addWidget(details);
     }
     // The caller owns the accessory: it goes back to its parent when the alert ends.
     QPointer<QWidget> accessory = alertSpec.accessory;

@@ -25,7 +25,9 @@ int ScriptedAlertPresenter::run(const AlertSpec& alertSpec) {
                      alertSpec.buttons.isEmpty() ? QStringList{QStringLiteral("OK")} : alertSpec.buttons,
                      alertSpec.style,
                      alertSpec.accessory != nullptr,
-                     kUnexpectedResponse};
+                     kUnexpectedResponse,
+                     alertSpec.windowTitle,
+                     alertSpec.details};
 
     auto reject = [&](const QString& why) {
         m_unexpected << why;

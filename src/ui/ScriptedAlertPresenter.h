@@ -25,6 +25,8 @@ public:
         AlertStyle style = AlertStyle::informational;
         bool hadAccessory = false;
         int response = 0;
+        QString windowTitle;
+        QString details;
     };
 
     /// Response given to alerts nobody expected.

@@ -15,3 +15,12 @@ tavrel_add_test(net_integration_tests LABELS integration
 tavrel_add_test(net_workflow_tests LABELS integration QT_GUI
     SOURCES ${CMAKE_CURRENT_LIST_DIR}/net/UploadWorkflowTest.cpp ${CMAKE_CURRENT_LIST_DIR}/net/DelegateHarness.h
     LIBS tavrel_app tavrel_net tavrel_platform_fake tavrel_net_testbackend)
+
+# The real program (the shipped binary for its real dialogs, the test build for scripted answers) sending
+# to the reference backend under Xvfb, killed while following a job, woken from suspend by a mock logind.
+tavrel_add_test(net_e2e_tests LABELS integration TIMEOUT 300
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/net/UploadEndToEndTest.cpp
+    LIBS tavrel_net_testbackend Qt6::DBus)
+target_compile_definitions(net_e2e_tests PRIVATE TAVREL_RECORDER_BIN="$<TARGET_FILE:tavrel-recorder-scripted>"
+    TAVREL_SHIPPED_RECORDER_BIN="$<TARGET_FILE:tavrel-recorder>")
+add_dependencies(net_e2e_tests tavrel-recorder-scripted tavrel-recorder)

@@ -2,7 +2,9 @@
 // instead of real dialogs. Its value lists the answers in order, separated by "|", each a button index
 // (0 = the first, affirmative button) or a button title; every alert beyond the list is answered as if
 // closed without a button. Each alert is logged as "[Alert] <message> → <response>" so that end-to-end
-// tests can follow them. The shipped program never reads this variable.
+// tests can follow them. TAVREL_TEST_JOB_POLL_MS, when set, shortens the wait between two polls of a
+// transcription job. The shipped program reads neither variable.
+#include "app/AppDelegate.h"
 #include "app/Application.h"
 #include "core/Log.h"
 #include "ui/ScriptedAlertPresenter.h"
@@ -39,7 +41,13 @@ private:
 } // namespace
 
 int main(int argc, char** argv) {
-    return tavrel::runApplication(argc, argv, [] {
-        return std::make_unique<LoggedScriptedAlerts>(qEnvironmentVariable("TAVREL_TEST_ALERT_ANSWERS"));
-    });
+    return tavrel::runApplication(
+        argc, argv,
+        [] { return std::make_unique<LoggedScriptedAlerts>(qEnvironmentVariable("TAVREL_TEST_ALERT_ANSWERS")); },
+        [](tavrel::AppServices& services) {
+            bool isNumber = false;
+            const int pollMs = qEnvironmentVariableIntValue("TAVREL_TEST_JOB_POLL_MS", &isNumber);
+            if (isNumber && pollMs > 0)
+                services.jobPollIntervalMs = std::chrono::milliseconds(pollMs);
+        });
 }

@@ -101,13 +101,18 @@ TEST(HUDOnX11, Child) {
     EXPECT_EQ(property(connection, window, "_NET_WM_DESKTOP"), std::vector<uint32_t>{0xFFFFFFFF});
     EXPECT_TRUE(hud.panel()->isVisible());
     EXPECT_FALSE(hud.panel()->mask().isEmpty()) << "cut to the card's shape: no black shadow area";
-    // Where the window manager put it, in screen coordinates.
-    std::unique_ptr<xcb_translate_coordinates_reply_t, FreeDeleter> placed(xcb_translate_coordinates_reply(
-        connection, xcb_translate_coordinates(connection, window, root, 0, 0), nullptr));
-    ASSERT_TRUE(placed);
+    // Where the window manager put it, in screen coordinates; Qt learns of the move from a later event.
     const QRect expected = tavrel::RecordingHUD::panelRect(QGuiApplication::primaryScreen()->availableGeometry());
-    EXPECT_EQ(QPoint(placed->dst_x, placed->dst_y), expected.topLeft());
-    EXPECT_EQ(hud.panel()->geometry(), expected);
+    auto placedAt = [&] {
+        std::unique_ptr<xcb_translate_coordinates_reply_t, FreeDeleter> placed(xcb_translate_coordinates_reply(
+            connection, xcb_translate_coordinates(connection, window, root, 0, 0), nullptr));
+        return placed ? QPoint(placed->dst_x, placed->dst_y) : QPoint(-1, -1);
+    };
+    EXPECT_TRUE(
+        tavrel::test::waitUntil([&] { return placedAt() == expected.topLeft() && hud.panel()->geometry() == expected; },
+                                std::chrono::seconds(10)))
+        << "placed at " << placedAt().x() << "," << placedAt().y() << ", Qt has " << hud.panel()->geometry().x() << ","
+        << hud.panel()->geometry().y() << ", expected " << expected.x() << "," << expected.y();
 
     // A window opened later, over the panel's corner, stays below it.
     QWidget other;

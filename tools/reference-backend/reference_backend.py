@@ -29,6 +29,7 @@ import json
 import os
 import re
 import socket
+import ssl
 import sys
 import threading
 import time
@@ -65,6 +66,7 @@ class Control:
         self.advance = args.advance
         self.step_seconds = args.step_seconds
         self.faults = {route: [] for route in ROUTES}
+        self.digest_only = args.digest_only
         self.jobs = {}
         self.upload_count = 0
         if args.fault:
@@ -93,6 +95,8 @@ class Control:
                                "body": "..."} for a failed poll
         advance: "poll"|"time" move a job one step per poll, or one step every step_seconds
         step_seconds: n
+        digest_only: true      uploads are read as they come, counted and hashed, not kept nor parsed
+                               (for recordings of hundreds of megabytes)
         fault: {...}           misbehave on a route ("clients", "upload", "job" or "any"):
                                status (int), body (str), content_type (str), delay (seconds before
                                answering), truncate (announce more bytes than sent, then close),
@@ -108,6 +112,9 @@ class Control:
                 self.faults = {route: [] for route in ROUTES}
                 self.advance = self.args.advance
                 self.step_seconds = self.args.step_seconds
+                self.digest_only = self.args.digest_only
+            if "digest_only" in command:
+                self.digest_only = bool(command["digest_only"])
             if "token" in command:
                 self.token = command["token"]
             if "clients" in command:
@@ -145,6 +152,7 @@ class Control:
                 "step_seconds": self.step_seconds,
                 "faults": self.faults,
                 "uploads": self.upload_count,
+                "digest_only": self.digest_only,
                 "jobs": {job_id: {k: v for k, v in job.items() if k != "created"} for job_id, job in self.jobs.items()},
             }
 
@@ -275,7 +283,24 @@ class Handler(BaseHTTPRequestHandler):
             return self.job_state(match.group("id"))
         return self.send(404, {"detail": "Not found"})
 
+    def read_body_digest(self):
+        """Reads the body as it comes without keeping it: its size and SHA-256."""
+        length = int(self.headers.get("Content-Length") or 0)
+        digest = hashlib.sha256()
+        received = 0
+        while received < length:
+            chunk = self.rfile.read(min(length - received, 1 << 20))
+            if not chunk:
+                break
+            digest.update(chunk)
+            received += len(chunk)
+        return received, digest.hexdigest()
+
     def do_POST(self):
+        with self.control.lock:
+            digest_only = self.control.digest_only
+        if digest_only and self.path == BASE + "/transcriptions/upload-async":
+            return self.upload_digest()
         body = self.read_body()
         self.record(body)
         if self.path == "/_control":
@@ -390,6 +415,28 @@ class Handler(BaseHTTPRequestHandler):
             }
         return self.send(200, {"id": number, "job_id": job_id, "title": fields.get("title", "")})
 
+    def upload_digest(self):
+        size, sha256 = self.read_body_digest()
+        self.record(b"")
+        if not self.authorised():
+            return self.send(401, {"detail": "Unauthorized"})
+        if self.misbehave("upload"):
+            return None
+        job_id = "job-" + uuid.uuid4().hex[:12]
+        with self.control.lock:
+            self.control.upload_count += 1
+            number = self.control.upload_count
+            self.control.jobs[job_id] = {"upload": number, "title": "", "sequence": list(self.control.sequence),
+                                         "polls": 0, "created": time.monotonic()}
+        folder = os.path.join(self.server.data, "uploads", str(number))
+        os.makedirs(folder, exist_ok=True)
+        with open(os.path.join(folder, "fields.json"), "w", encoding="utf-8") as out:
+            json.dump({"number": number, "accepted": True, "path": self.path, "job_id": job_id,
+                       "content_type": self.headers.get("Content-Type"),
+                       "authorization": self.headers.get("Authorization"),
+                       "body_size": size, "body_sha256": sha256}, out, ensure_ascii=False, indent=1)
+        return self.send(200, {"id": number, "job_id": job_id})
+
     def job_state(self, job_id):
         with self.control.lock:
             job = self.control.jobs.get(job_id)
@@ -437,6 +484,10 @@ def main():
     parser.add_argument("--step-seconds", type=float, default=25.0)
     parser.add_argument("--sequence", help="JSON list of job statuses (default: %s)" % json.dumps(DEFAULT_SEQUENCE))
     parser.add_argument("--fault", action="append", help="JSON fault object, as POST /_control's \"fault\"")
+    parser.add_argument("--digest-only", action="store_true",
+                        help="read uploads without keeping or parsing them: only their size and SHA-256")
+    parser.add_argument("--tls-cert", help="serve HTTPS with this certificate (PEM)")
+    parser.add_argument("--tls-key", help="the certificate's private key (PEM)")
     args = parser.parse_args()
     if args.host not in ("127.0.0.1", "localhost", "::1"):
         parser.error("the reference backend listens on loopback only")
@@ -447,8 +498,16 @@ def main():
     server.control = Control(args)
     server.data = args.data
     server.log_lock = threading.Lock()
+    scheme = "http"
+    if args.tls_cert:
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(args.tls_cert, args.tls_key)
+        # The handshake happens in the request's thread: a client that refuses the certificate stops only
+        # its own connection.
+        server.socket = context.wrap_socket(server.socket, server_side=True, do_handshake_on_connect=False)
+        scheme = "https"
     host, port = server.server_address[:2]
-    print("listening on http://%s:%d" % (host, port), flush=True)
+    print("listening on %s://%s:%d" % (scheme, host, port), flush=True)
     try:
         server.serve_forever(poll_interval=0.1)
     except KeyboardInterrupt:

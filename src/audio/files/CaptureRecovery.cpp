@@ -75,6 +75,15 @@ public:
         }
         if (recoverInterruptedRecording(m_said.mic) == RecoveryResult::failed)
             return keepMicrophoneAlone(QStringLiteral("fichier micro illisible"), /*retry=*/false);
+        if (!holdsAudio(m_said.mic)) {
+            // Killed before the microphone's first fragment reached the disk: the other sides hold no more than
+            // that first fraction of a second, and no launch will make more of them.
+            log(QStringLiteral("Enregistrement interrompu avant son premier son : %1").arg(nameOf(m_said.mic)));
+            QFile::remove(m_said.mic);
+            removeTracks();
+            m_journal.remove();
+            return false;
+        }
 
         QStringList tracks;
         for (const QString& track : std::as_const(m_said.tracks)) {

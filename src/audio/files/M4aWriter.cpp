@@ -252,6 +252,24 @@ BoxScan scanBoxes(const QString& path) {
 
 } // namespace
 
+bool holdsAudio(const QString& path) {
+    try {
+        AVFormatInputPtr input = openInput(path);
+        const int audioIndex = av_find_best_stream(input.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+        if (audioIndex < 0)
+            return false;
+        AVPacketPtr packet = makePacket();
+        while (packet && av_read_frame(input.get(), packet.get()) >= 0) {
+            const bool audio = packet->stream_index == audioIndex;
+            av_packet_unref(packet.get());
+            if (audio)
+                return true;
+        }
+    } catch (const Error&) {
+    }
+    return false;
+}
+
 bool isFragmentedMp4(const QString& path) {
     const BoxScan scan = scanBoxes(path);
     return scan.hasMoof || scan.hasMvex;

@@ -78,6 +78,9 @@ enum class RecoveryResult { untouched, recovered, failed };
 /// Never throws.
 RecoveryResult recoverInterruptedRecording(const QString& path);
 
+/// Whether the file at `path` opens with an audio stream that holds at least one packet. Never throws.
+bool holdsAudio(const QString& path);
+
 /// Whether the MP4 file at `path` holds movie fragments (a recording that was not finished).
 bool isFragmentedMp4(const QString& path);
 

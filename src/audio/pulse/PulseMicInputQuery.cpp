@@ -53,7 +53,6 @@ OutputFacts toOutput(const pa_source_output_info* info) {
     output.source = info->source;
     output.client = info->client;
     PulseMicInputQuery::StreamFacts& facts = output.stream;
-    facts.corked = info->corked != 0;
     facts.sampleRateHz = info->sample_spec.rate;
     facts.capturesOutput = pulseProperty(info->proplist, "stream.capture.sink") == QLatin1String("true");
     facts.mediaRole = pulseProperty(info->proplist, PA_PROP_MEDIA_ROLE);
@@ -155,9 +154,7 @@ std::optional<QString> PulseMicInputQuery::identify(const StreamFacts& stream, q
         return std::nullopt;
     if (isMixerApplication(stream.applicationId) || stream.mediaName == QLatin1String("Peak detect"))
         return std::nullopt;
-    // A paused stream is not listening.
-    if (stream.corked)
-        return std::nullopt;
+    // A corked stream still holds the microphone: meeting clients cork theirs while the user is muted.
     if (!stream.processId.isEmpty() && stream.processId == QString::number(ownPid))
         return QString::fromLatin1(kOwnApplicationId);
     if (!stream.applicationId.isEmpty())
@@ -169,27 +166,30 @@ std::optional<QString> PulseMicInputQuery::identify(const StreamFacts& stream, q
     return stream.applicationName;
 }
 
-QStringList PulseMicInputQuery::inputApplications() {
+std::optional<QStringList> PulseMicInputQuery::inputApplications() {
     Snapshot snapshot;
     try {
         const std::shared_ptr<PulseContext> pulse = PulseContext::instance(kQueryTimeoutMs);
+        snapshot.outputs =
+            pulse->list<pa_source_output_info>(&pa_context_get_source_output_info_list, &toOutput, kQueryTimeoutMs);
+        // Most polls find nobody recording: the other two lists are only needed to judge streams.
+        if (snapshot.outputs.empty())
+            return QStringList{};
         for (const PulseDeviceInfo& source : pulse->sources(kQueryTimeoutMs))
             snapshot.sourceIsMonitor.insert(source.index, source.isMonitor());
         for (const auto& [index, client] :
              pulse->list<pa_client_info>(&pa_context_get_client_info_list, &toClient, kQueryTimeoutMs))
             snapshot.clients.insert(index, client);
-        snapshot.outputs =
-            pulse->list<pa_source_output_info>(&pa_context_get_source_output_info_list, &toOutput, kQueryTimeoutMs);
     } catch (const Error&) {
-        // No server, a lost connection or a slow answer: nobody is seen capturing until the next poll.
-        return {};
+        // No server, a lost connection or a slow answer: who captures is unknown until the next poll.
+        return std::nullopt;
     }
 
     const qint64 ownPid = QCoreApplication::applicationPid();
     QStringList applications;
     for (OutputFacts& output : snapshot.outputs) {
         StreamFacts& facts = output.stream;
-        // A source that appeared after the source list was read is not known to be a monitor.
+        // A source that appeared after the record streams were read is not known to be a monitor.
         facts.onMonitorSource = snapshot.sourceIsMonitor.value(output.source, false);
         facts.hasClient = output.client != PA_INVALID_INDEX;
         // Native PipeWire clients keep the process properties on the client, not on the stream.

@@ -12,21 +12,22 @@ namespace tavrel {
 /// Which applications capture audio input, asked of the PulseAudio (or pipewire-pulse) server through the
 /// process's shared connection: the record streams on sources that are not monitors, less the streams the
 /// audio stack makes for itself (virtual-source and loopback filters, level meters of mixer applications).
-/// One poll costs three list operations (sources, record streams, clients); nothing is spawned.
+/// A corked stream counts: a meeting client that mutes the user keeps the microphone all the same. One
+/// poll costs one list operation while nobody records, three otherwise (record streams, sources,
+/// clients); nothing is spawned. Blocks for up to a few time-outs: not for the main thread.
 class PulseMicInputQuery : public MicInputQuery {
 public:
-    static constexpr std::chrono::milliseconds kQueryTimeoutMs{500};
+    static constexpr std::chrono::milliseconds kQueryTimeoutMs{1500};
     /// Our own identifier; our own record streams are reported under it whatever they declare.
     static constexpr const char* kOwnApplicationId = "fr.tavrel.Recorder";
 
-    QStringList inputApplications() override;
+    std::optional<QStringList> inputApplications() override;
 
     /// What the classification reads of a record stream, with its client's properties laid under it.
     struct StreamFacts {
         bool onMonitorSource = false;
         bool capturesOutput = false; ///< a PipeWire stream that taps a sink (stream.capture.sink)
         bool hasClient = true;
-        bool corked = false;
         uint32_t sampleRateHz = 0;
         QString mediaRole;
         QString mediaName;

@@ -11,6 +11,9 @@ std::unique_ptr<LoginItem> makeLoginItem() {
 std::unique_ptr<Desktop> makeDesktop() {
     return std::make_unique<FakeDesktop>();
 }
+std::unique_ptr<PowerEvents> makePowerEvents() {
+    return std::make_unique<FakePowerEvents>();
+}
 std::unique_ptr<StatusItem> makeStatusItem(const QIcon&) {
     return std::make_unique<FakeStatusItem>();
 }

@@ -4,6 +4,7 @@
 #include "platform/Desktop.h"
 #include "platform/LoginItem.h"
 #include "platform/Notifier.h"
+#include "platform/PowerEvents.h"
 #include "platform/StatusItem.h"
 
 #include <QList>
@@ -48,6 +49,12 @@ public:
     int soundSettingsOpened = 0;
 };
 
+/// Wakes the program up when the test says so.
+class FakePowerEvents final : public PowerEvents {
+public:
+    void resume() { emit resumed(); }
+};
+
 class FakeStatusItem final : public StatusItem {
 public:
     void setIcon(StatusIcon value) override { icon = value; }
@@ -56,10 +63,12 @@ public:
         m_title = value;
     }
     QString title() const override { return m_title; }
+    void setToolTipDetail(const QString& value) override { details.append(value); }
     bool isShown() const override { return true; }
     void click(QPoint pos = QPoint(640, 24)) { emit clicked(pos); }
     StatusIcon icon = StatusIcon::idle;
-    QStringList titles; ///< every title set, in order
+    QStringList titles;  ///< every title set, in order
+    QStringList details; ///< every tooltip detail set, in order
 
 private:
     QString m_title;

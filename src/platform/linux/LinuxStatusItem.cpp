@@ -89,7 +89,8 @@ SniPixmapList StatusNotifierItemAdaptor::iconPixmap() const {
 }
 
 SniToolTip StatusNotifierItemAdaptor::toolTip() const {
-    return SniToolTip{m_item->iconName(), m_item->iconPixmaps(), QStringLiteral("TaVREL Recorder"), m_item->title()};
+    return SniToolTip{m_item->iconName(), m_item->iconPixmaps(), QStringLiteral("TaVREL Recorder"),
+                      m_item->toolTipText()};
 }
 
 QString StatusNotifierItemAdaptor::label() const {
@@ -189,8 +190,23 @@ void LinuxStatusItem::refreshFallback() {
     for (int sizePx : kPixmapSizesPx)
         icon.addPixmap(QPixmap::fromImage(currentImage(sizePx)));
     m_fallback->setIcon(icon);
-    m_fallback->setToolTip(m_title.isEmpty() ? QStringLiteral("TaVREL Recorder")
-                                             : QStringLiteral("TaVREL Recorder — ") + m_title);
+    const QString text = toolTipText();
+    m_fallback->setToolTip(text.isEmpty() ? QStringLiteral("TaVREL Recorder")
+                                          : QStringLiteral("TaVREL Recorder — ") + text);
+}
+
+QString LinuxStatusItem::toolTipText() const {
+    if (m_toolTipDetail.isEmpty())
+        return m_title;
+    return m_title.isEmpty() ? m_toolTipDetail : m_title + QLatin1Char('\n') + m_toolTipDetail;
+}
+
+void LinuxStatusItem::setToolTipDetail(const QString& detail) {
+    if (detail == m_toolTipDetail)
+        return;
+    m_toolTipDetail = detail;
+    emit m_adaptor->NewToolTip();
+    refreshFallback();
 }
 
 bool LinuxStatusItem::isShown() const {

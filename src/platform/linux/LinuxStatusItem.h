@@ -22,7 +22,10 @@ public:
     void setIcon(StatusIcon icon) override;
     void setTitle(const QString& title) override;
     QString title() const override { return m_title; }
+    void setToolTipDetail(const QString& detail) override;
     bool isShown() const override;
+    /// The tooltip's text under the program's name: the title, then the detail.
+    QString toolTipText() const;
 
     // Read by the D-Bus adaptor.
     QString iconName() const;
@@ -39,6 +42,7 @@ private:
     QIcon m_icon;
     StatusIcon m_state = StatusIcon::idle;
     QString m_title;
+    QString m_toolTipDetail;
     QString m_serviceName;
     bool m_registered = false;
     bool m_busOk = false;

@@ -5,6 +5,7 @@
 #include "core/CallMonitor.h"
 #include "core/Log.h"
 
+#include <QCoro/QCoroTask>
 #include <QDialog>
 #include <QElapsedTimer>
 #include <QTimer>
@@ -22,7 +23,8 @@ protected:
 
     static bool micInUse() {
         PulseMicInputQuery query;
-        return !CallMonitor::micInputStatus(query).bundles.isEmpty();
+        const std::optional<MicInputStatus> status = CallMonitor::micInputStatus(query);
+        return status && !status->bundles.isEmpty();
     }
 
     test::PulseAudioFixture m_pulse;
@@ -40,7 +42,7 @@ TEST_F(CallMonitorOnPulse, unknownApplicationIsLoggedOncePerStretchByItsExecutab
     const auto pollUntil = [&](const std::function<bool()>& condition) {
         return test::waitUntil(
             [&] {
-                m_monitor.tick();
+                QCoro::waitFor(m_monitor.poll());
                 QCoreApplication::processEvents();
                 return condition();
             },
@@ -53,19 +55,20 @@ TEST_F(CallMonitorOnPulse, unknownApplicationIsLoggedOncePerStretchByItsExecutab
         ManagedProcess client = m_pulse.startRecordingClient(obs);
         ASSERT_TRUE(pollUntil([&] { return m_log.count(line) == stretch; })) << m_log.join(u'\n').toStdString();
         for (int i = 0; i < 4; ++i)
-            m_monitor.tick();
+            QCoro::waitFor(m_monitor.poll());
         EXPECT_EQ(m_log.count(line), stretch);
         client.stop();
         // One poll with the microphone free ends the stretch.
         ASSERT_TRUE(pollUntil([&] { return !micInUse(); }));
-        m_monitor.tick();
+        QCoro::waitFor(m_monitor.poll());
     }
     EXPECT_EQ(m_log.size(), 2) << m_log.join(u'\n').toStdString();
     EXPECT_EQ(prompts, 0);
 }
 
 // The real two-second timer, and a real modal dialog: polling goes on inside the dialog's event loop, so a
-// call that ends while the prompt is up is reported at once, and accepting afterwards still starts.
+// call that ends while the prompt is up is reported (after its three polls without the client), and
+// accepting afterwards still starts.
 TEST_F(CallMonitorOnPulse, realTimerKeepsPollingWhileTheModalPromptRuns) {
     ManagedProcess zoom = m_pulse.startRecordingClient();
     ASSERT_TRUE(test::waitUntil([&] { return micInUse(); }, 5s));
@@ -83,7 +86,7 @@ TEST_F(CallMonitorOnPulse, realTimerKeepsPollingWhileTheModalPromptRuns) {
                 dialog.accept();
         });
         watch.start(20);
-        QTimer::singleShot(8000, &dialog, &QDialog::reject);
+        QTimer::singleShot(16000, &dialog, &QDialog::reject);
         return dialog.exec() == QDialog::Accepted;
     };
 
@@ -92,11 +95,11 @@ TEST_F(CallMonitorOnPulse, realTimerKeepsPollingWhileTheModalPromptRuns) {
     m_monitor.start();
     m_monitor.start(); // a second start keeps one timer and logs once
     EXPECT_EQ(m_log, QStringList{QStringLiteral("[CallMonitor] Surveillance des appels/visios activée")});
-    ASSERT_TRUE(test::waitUntil([&] { return order.contains(QStringLiteral("start")); }, 12s))
+    ASSERT_TRUE(test::waitUntil([&] { return order.contains(QStringLiteral("start")); }, 20s))
         << order.join(u',').toStdString();
     EXPECT_EQ(order, (QStringList{"prompt", "end", "start"}));
-    // First poll one interval after start (coarse timers may fire 5 % early), the end at the next one.
-    EXPECT_GE(clock.elapsed(), CallMonitor::kPollIntervalMs.count() * 2 * 9 / 10);
+    // First poll one interval after start (coarse timers may fire 5 % early), the end three polls later.
+    EXPECT_GE(clock.elapsed(), CallMonitor::kPollIntervalMs.count() * (1 + CallMonitor::kPollsToEnd) * 9 / 10);
     m_monitor.stop();
     EXPECT_FALSE(m_monitor.isPolling());
 }

@@ -4,7 +4,10 @@
 #include "audio/pulse/PulseMicInputQuery.h"
 #include "core/CallMonitor.h"
 
+#include <QCoro/QCoroTask>
+#include <QElapsedTimer>
 #include <QSignalSpy>
+#include <csignal>
 
 namespace tavrel::test {
 namespace {
@@ -42,14 +45,15 @@ protected:
 
     void pollTimes(int count) {
         for (int i = 0; i < count; ++i) {
-            m_delegate->callMonitor()->tick();
+            QCoro::waitFor(m_delegate->callMonitor()->poll());
             QCoreApplication::processEvents();
         }
     }
 
     static bool micInUse() {
         PulseMicInputQuery query;
-        return CallMonitor::micInputStatus(query).matched;
+        const std::optional<MicInputStatus> status = CallMonitor::micInputStatus(query);
+        return status && status->matched;
     }
 
     int prompts() const {
@@ -68,7 +72,10 @@ protected:
     std::unique_ptr<QSignalSpy> m_finished;
 };
 
-TEST_F(CallSessionTest, IgnoredCallRecordsNothingAndTheNextAcceptedCallRecordsUntilItEnds) {
+// An ignored call records nothing. The next one, accepted, records on through what a meeting really goes
+// through: the client mutes (corks its stream) for a while, the audio server restarts (the client reconnects,
+// polls meanwhile fail); only when the client leaves does the recording stop, within 8 s.
+TEST_F(CallSessionTest, IgnoredCallRecordsNothingAndAnAcceptedOneRecordsThroughMuteAndServerRestartUntilItEnds) {
     ManagedProcess zoom = m_pulse.startRecordingClient();
     ASSERT_TRUE(pollUntil([&] { return prompts() == 1; }));
     pollTimes(5);
@@ -76,21 +83,50 @@ TEST_F(CallSessionTest, IgnoredCallRecordsNothingAndTheNextAcceptedCallRecordsUn
     EXPECT_FALSE(m_delegate->isRecording());
     zoom.stop();
     ASSERT_TRUE(pollUntil([&] { return !micInUse(); }));
-    pollTimes(1);
+    pollTimes(CallMonitor::kPollsToEnd);
 
+    // From here on, the monitor's own two-second timer.
     m_alerts->answer(QStringLiteral("Oui, enregistrer"));
-    ManagedProcess again = m_pulse.startRecordingClient();
-    ASSERT_TRUE(pollUntil([&] { return m_delegate->isRecording(); }))
+    m_delegate->callMonitor()->start();
+    ManagedProcess::Options options;
+    options.program = QStringLiteral(TAVREL_FAKE_MEETING_CLIENT);
+    options.arguments = {QStringLiteral("us.zoom.xos"), QStringLiteral("zoom"), AudioServerFixture::micSource()};
+    options.captureStdout = true;
+    ManagedProcess meeting;
+    ASSERT_TRUE(meeting.start(options)) << meeting.errorString().toStdString();
+    const auto expectLine = [&](const char* line) {
+        for (;;) {
+            const std::optional<QByteArray> said = meeting.readStdoutLine(10s);
+            if (!said || *said == line)
+                return said.has_value();
+        }
+    };
+    ASSERT_TRUE(expectLine("ready")) << meeting.describe().toStdString();
+    ASSERT_TRUE(waitUntil([&] { return m_delegate->isRecording(); }, 20s))
         << m_alerts->shownMessages().join(u'|').toStdString();
-    // Our own recording now captures too; the call goes on and is not prompted again.
-    pollTimes(5);
-    EXPECT_TRUE(m_delegate->isRecording());
+
+    meeting.sendSignal(SIGUSR1);
+    ASSERT_TRUE(expectLine("corked"));
+    waitUntil([] { return false; }, 4s);
+    EXPECT_TRUE(m_delegate->isRecording()) << "a muted client is still in the call";
+    meeting.sendSignal(SIGUSR2);
+    ASSERT_TRUE(expectLine("uncorked"));
+
+    m_pulse.stop();
+    ASSERT_TRUE(m_pulse.start());
+    ASSERT_TRUE(expectLine("ready")) << "the client did not come back: " << meeting.describe().toStdString();
+    waitUntil([] { return false; }, CallMonitor::kPollIntervalMs * (CallMonitor::kPollsToEnd + 1));
+    EXPECT_TRUE(m_delegate->isRecording()) << "the call survives the audio server's restart";
     EXPECT_EQ(prompts(), 2);
 
-    again.stop();
-    ASSERT_TRUE(pollUntil([&] { return !m_delegate->isRecording(); }));
-    ASSERT_TRUE(waitUntil([&] { return m_finished->size() == 1; }, 20s));
+    meeting.stop();
+    QElapsedTimer sinceLeft;
+    sinceLeft.start();
+    ASSERT_TRUE(waitUntil([&] { return !m_delegate->isRecording(); }, 20s));
+    EXPECT_LT(sinceLeft.elapsed(), 8000);
     EXPECT_EQ(prompts(), 2);
+    // What was recorded is kept.
+    ASSERT_TRUE(waitUntil([&] { return m_finished->size() == 1; }, 30s));
 }
 
 TEST_F(CallSessionTest, CallDuringARecordingStartedByHandNeitherPromptsNorStopsIt) {

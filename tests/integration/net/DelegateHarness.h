@@ -24,6 +24,7 @@ public:
         services.alerts = keep(alerts);
         services.statusItem = keep(statusItem);
         services.jobPollIntervalMs = pollInterval;
+        services.quit = [this] { ++quits; };
         delegate = std::make_unique<AppDelegate>(std::move(services));
     }
 
@@ -62,6 +63,7 @@ public:
     FakeDesktop* desktop = nullptr;
     ScriptedAlertPresenter* alerts = nullptr;
     FakeStatusItem* statusItem = nullptr;
+    int quits = 0; ///< times the delegate ended the program
     std::unique_ptr<AppDelegate> delegate;
 
 private:

@@ -19,7 +19,8 @@ QByteArray readWhole(const QString& path) {
 
 } // namespace
 
-ReferenceBackend::ReferenceBackend() : m_data(QStringLiteral("refbk")), m_config(QStringLiteral("refcfg")) {
+ReferenceBackend::ReferenceBackend(const QStringList& extraArguments)
+    : m_data(QStringLiteral("refbk")), m_config(QStringLiteral("refcfg")) {
     m_environment.set("XDG_CONFIG_HOME", m_config.path().toUtf8());
 
     const QString source = qEnvironmentVariable("TAVREL_SOURCE_DIR", QStringLiteral(TAVREL_SOURCE_DIR_FALLBACK));
@@ -27,14 +28,15 @@ ReferenceBackend::ReferenceBackend() : m_data(QStringLiteral("refbk")), m_config
     options.program = QStringLiteral("/usr/bin/python3");
     options.arguments = QStringList{source + QStringLiteral("/tools/reference-backend/reference_backend.py")} +
                         QStringLiteral("--host 127.0.0.1 --port 0 --advance poll --data").split(QLatin1Char(' ')) +
-                        QStringList{m_data.path()};
+                        QStringList{m_data.path()} + extraArguments;
     options.captureStdout = true;
     options.logPath = m_data.filePath(QStringLiteral("server.log"));
     if (!m_process.start(options))
         return;
     const std::optional<QByteArray> line = m_process.readStdoutLine(std::chrono::seconds(10));
-    if (!line || !line->startsWith("listening on http://127.0.0.1:"))
+    if (!line || !line->startsWith("listening on http"))
         return;
+    m_scheme = line->startsWith("listening on https://") ? QStringLiteral("https") : QStringLiteral("http");
     m_port = line->mid(line->lastIndexOf(':') + 1).toInt();
 
     SettingsManager::shared().setBackendURL(baseURL());

@@ -36,15 +36,16 @@ inline QJsonObject jsonObject(const char* json) {
 /// directory, and the settings store pointed at it (empty token) through a private XDG config directory.
 class ReferenceBackend {
 public:
-    ReferenceBackend();
+    /// `extraArguments` go to the server (e.g. "--tls-cert", path, "--tls-key", path for HTTPS).
+    explicit ReferenceBackend(const QStringList& extraArguments = {});
     ~ReferenceBackend();
 
     /// False (with the log in `describe()`) when the server did not come up.
     bool isRunning() const { return m_port > 0; }
     QString describe() const { return m_process.describe(); }
 
-    /// "http://127.0.0.1:<port>"
-    QString origin() const { return QStringLiteral("http://127.0.0.1:%1").arg(m_port); }
+    /// "http://127.0.0.1:<port>" (https when serving TLS)
+    QString origin() const { return m_scheme + QStringLiteral("://127.0.0.1:%1").arg(m_port); }
     QString baseURL() const { return origin() + QStringLiteral("/backend"); }
     QString dataDir() const { return m_data.path(); }
 
@@ -67,6 +68,7 @@ private:
     TempDir m_config;
     ScopedEnvironment m_environment;
     ManagedProcess m_process;
+    QString m_scheme = QStringLiteral("http");
     int m_port = 0;
 };
 

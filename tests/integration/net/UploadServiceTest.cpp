@@ -8,6 +8,7 @@
 #include <QFile>
 #include <QRandomGenerator>
 #include <QRegularExpression>
+#include <cerrno>
 #include <gtest/gtest.h>
 
 using namespace tavrel;
@@ -77,7 +78,7 @@ TEST_F(UploadServiceTest, ServerReceivesEveryFieldAndTheFileWithExactFraming) {
         qint64 lastTotal = -1;
         const auto outcome = runTask(UploadService::uploadAsync(
             path, c.title, c.clientId, QStringLiteral("revue_dce"), QStringLiteral("approfondie"), c.notes,
-            [&](qint64 sent, qint64 total) { lastSent = sent, lastTotal = total; }));
+            UploadService::UploadHooks{[&](qint64 sent, qint64 total) { lastSent = sent, lastTotal = total; }, {}}));
         ASSERT_TRUE(outcome.value) << outcome.errorText().toStdString();
         const QJsonObject received = m_backend.upload(number);
         EXPECT_TRUE(received.value("accepted").toBool());
@@ -222,6 +223,10 @@ TEST_F(UploadServiceTest, UploadAnswerGivesTheResultOrTheErrorText) {
         if (outcome.value) {
             EXPECT_EQ(outcome.value->id, 7);
             EXPECT_EQ(outcome.value->jobId, "abc");
+        } else {
+            // The details say what came back, whatever the sentence kept of it.
+            const QString cause = outcome.errorAs<Error>()->technicalCause();
+            EXPECT_TRUE(cause.startsWith(QStringLiteral("HTTP %1").arg(c.status))) << cause.toStdString();
         }
     }
 }
@@ -231,6 +236,7 @@ TEST_F(UploadServiceTest, JobStateFallsBackToUnknownAndFailedPollsThrow) {
         const char* step; ///< the job's one state on the server
         QString expected; ///< the status read, or the error thrown
         std::optional<QString> expectedError = std::nullopt;
+        QString expectedCause = {};
     } cases[] = {{R"("transcribing")", "transcribing"},
                  {R"({"status":null})", "unknown"},
                  {R"({"status":3,"error":4})", "unknown"},
@@ -238,7 +244,8 @@ TEST_F(UploadServiceTest, JobStateFallsBackToUnknownAndFailedPollsThrow) {
                  {R"({"status":"error","error":"Audio illisible"})", "error", QStringLiteral("Audio illisible")},
                  {R"(["done"])", "unknown"},
                  {R"({"http":200,"body":"pas du json"})", "unknown"},
-                 {R"({"http":500,"body":"Panne"})", "Erreur serveur 500"}, // the text is dropped
+                 // The text is dropped from the sentence, kept in the details.
+                 {R"({"http":500,"body":"Panne"})", "Erreur serveur 500", std::nullopt, "HTTP 500 : Panne"},
                  {R"({"http":404,"body":"{\"detail\":\"x\"}"})", "Erreur serveur 404"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.step);
@@ -249,7 +256,79 @@ TEST_F(UploadServiceTest, JobStateFallsBackToUnknownAndFailedPollsThrow) {
         EXPECT_EQ(lastRequestPath(), "/backend/transcriptions/jobs/" + upload.value->jobId);
         EXPECT_EQ(state.value ? state.value->status : state.errorText(), c.expected);
         EXPECT_EQ(state.value ? state.value->error : std::nullopt, c.expectedError);
+        if (!c.expectedCause.isEmpty())
+            EXPECT_EQ(state.errorAs<Error>()->technicalCause(), c.expectedCause);
     }
+}
+
+// ----- failures: what the details say ------------------------------------------------------------------------
+
+// A server that quotes the request back never gets the token into a message; a recording that shrinks while
+// it is sent stops the request (a cut file must never be accepted, the local copy would then be deleted).
+TEST_F(UploadServiceTest, FailuresNameTheirCauseNeverTheTokenAndACutRecordingIsNeverSent) {
+    SettingsManager::shared().setToken(QStringLiteral("s3cr3t-jeton"));
+    answerOnce("upload", 401, "Refused: Authorization: Bearer s3cr3t-jeton");
+    const auto refused = send();
+    EXPECT_EQ(refused.errorText(), "Erreur serveur 401 : Refused: Authorization: Bearer «jeton masqué»");
+    EXPECT_EQ(refused.errorAs<Error>()->technicalCause(), "HTTP 401 : Refused: Authorization: Bearer «jeton masqué»");
+    SettingsManager::shared().setToken(QString());
+
+    const QString path = writeRecording(QStringLiteral("long.m4a"), QByteArray(64 << 20, 'a'));
+    const auto cut = runTask(UploadService::uploadAsync(path, "t", std::nullopt, "professional", "normal", {},
+                                                        UploadService::UploadHooks{[&](qint64 sent, qint64) {
+                                                                                       if (sent > (1 << 20))
+                                                                                           QFile::resize(path, 1 << 20);
+                                                                                   },
+                                                                                   {}}),
+                             std::chrono::seconds(60));
+    ASSERT_TRUE(cut.finished);
+    EXPECT_EQ(cut.errorText(), "Le fichier « long.m4a » ne peut pas être lu.");
+    EXPECT_TRUE(cut.errorAs<Error>()->technicalCause().contains(QStringLiteral("(errno %1)").arg(ENODATA)))
+        << cut.errorAs<Error>()->technicalCause().toStdString();
+    for (int number = 1; number <= m_backend.uploadCount(); ++number)
+        EXPECT_FALSE(m_backend.upload(number).value("accepted").toBool());
+}
+
+// A server whose certificate is not trusted: the sentence says TLS, the details say why.
+TEST(UploadServiceTls, AnUntrustedCertificateIsNamedInTheDetails) {
+    TempDir certificates(QStringLiteral("tls"));
+    const QString certificate = certificates.filePath(QStringLiteral("cert.pem"));
+    const QString key = certificates.filePath(QStringLiteral("key.pem"));
+    // Spawned, not forked: a test binary under ThreadSanitizer cannot fork once it runs threads.
+    ManagedProcess::Options openssl;
+    openssl.program = QStringLiteral("openssl");
+    openssl.arguments = {QStringLiteral("req"),
+                         QStringLiteral("-x509"),
+                         QStringLiteral("-newkey"),
+                         QStringLiteral("rsa:2048"),
+                         QStringLiteral("-nodes"),
+                         QStringLiteral("-keyout"),
+                         key,
+                         QStringLiteral("-out"),
+                         certificate,
+                         QStringLiteral("-subj"),
+                         QStringLiteral("/CN=127.0.0.1"),
+                         QStringLiteral("-days"),
+                         QStringLiteral("1")};
+    openssl.logPath = certificates.filePath(QStringLiteral("openssl.log"));
+    ManagedProcess making;
+    ASSERT_TRUE(making.start(openssl)) << making.errorString().toStdString();
+    ASSERT_EQ(making.wait(std::chrono::seconds(30)), 0) << making.describe().toStdString();
+    ReferenceBackend backend({QStringLiteral("--tls-cert"), certificate, QStringLiteral("--tls-key"), key});
+    ASSERT_TRUE(backend.isRunning()) << backend.describe().toStdString();
+    ASSERT_TRUE(backend.baseURL().startsWith(QStringLiteral("https://")));
+    QFile recording(certificates.filePath(QStringLiteral("r.m4a")));
+    ASSERT_TRUE(recording.open(QIODevice::WriteOnly));
+    recording.write("audio");
+    recording.close();
+
+    const auto outcome =
+        runTask(UploadService::uploadAsync(recording.fileName(), "t", std::nullopt, "professional", "normal", {}));
+    ASSERT_TRUE(outcome.errorAs<TransportFailure>());
+    EXPECT_EQ(outcome.errorText(), "La connexion sécurisée au serveur a échoué (certificat ou TLS).");
+    const QString cause = outcome.errorAs<Error>()->technicalCause();
+    EXPECT_TRUE(cause.contains(QStringLiteral("self-signed"), Qt::CaseInsensitive)) << cause.toStdString();
+    EXPECT_TRUE(cause.contains(QStringLiteral("SslHandshakeFailedError"))) << cause.toStdString();
 }
 
 } // namespace

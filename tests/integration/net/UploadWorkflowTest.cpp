@@ -1,9 +1,21 @@
 // The delegate's upload workflow against the reference backend: what the user is told, what stays on disk,
 // and the busy mark in the tray, under success and under every failure the backend can produce.
 #include "DelegateHarness.h"
+#include "core/Log.h"
 #include "core/SettingsManager.h"
 
+#include <QCryptographicHash>
+#include <QRegularExpression>
+#include <atomic>
 #include <gtest/gtest.h>
+#include <iostream>
+#include <malloc.h>
+#include <mutex>
+#include <thread>
+#include <time.h>
+
+// The sanitizers' allocators say what the program holds; their quarantine of freed blocks is not its memory.
+extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
 
 using namespace tavrel;
 using namespace tavrel::test;
@@ -51,16 +63,22 @@ TEST_F(UploadWorkflowTest, AcceptedUploadDeletesTheFilesAndFollowsTheJobToTheSum
                   {kSummarizingTitle, QStringLiteral("« Réunion commune » — rédaction de la synthèse…")},
                   {kDoneTitle, QStringLiteral("« Réunion commune » est disponible dans TaVREL.")}}));
 
-    // "⬆︎" (with its progress) while sending, "⏳" while following, nothing at the end.
+    // "⬆︎" while sending, "⏳" while following, nothing at the end; the progress goes to the tooltip only.
     const QStringList titles = h.statusItem->titles;
     ASSERT_FALSE(titles.isEmpty());
     EXPECT_EQ(titles.first(), QStringLiteral("⬆︎"));
-    const qsizetype following = titles.indexOf(QStringLiteral("⏳"));
-    ASSERT_GT(following, 0);
-    for (qsizetype i = 1; i < following - 1; ++i)
-        EXPECT_TRUE(titles[i].startsWith(QStringLiteral("⬆︎ ")) && titles[i].endsWith(" %"))
-            << titles[i].toStdString();
+    EXPECT_GT(titles.indexOf(QStringLiteral("⏳")), titles.lastIndexOf(QStringLiteral("⬆︎")));
+    for (const QString& title : titles)
+        EXPECT_TRUE(title.isEmpty() || title == QStringLiteral("⬆︎") || title == QStringLiteral("⏳"))
+            << title.toStdString();
     EXPECT_EQ(titles.last(), QString());
+    const QStringList details = h.statusItem->details;
+    ASSERT_GE(details.size(), 2);
+    for (qsizetype i = 0; i + 1 < details.size(); ++i)
+        EXPECT_TRUE(
+            QRegularExpression(QStringLiteral("^Envoi de « Réunion commune » : \\d+ %$")).match(details[i]).hasMatch())
+            << details[i].toStdString();
+    EXPECT_EQ(details.last(), QString());
     expectIdle(h);
 }
 
@@ -99,7 +117,12 @@ TEST_F(UploadWorkflowTest, JobFollowingNotifiesAtEachStage) {
 TEST_F(UploadWorkflowTest, FollowingGivesUpSilentlyAfter540Polls) {
     // A failed poll and the polls that find the job still running all count.
     h.backend.control(R"({"sequence": [{"http": 500, "body": "Panne"}, "transcribing"]})");
+    QStringList log;
+    const LogCapture capture([&](const QString& line) { log << line; });
     upload(h, h.makeRecording(QStringLiteral("r.m4a")));
+    // The failed poll is logged with its cause, once.
+    EXPECT_EQ(log.filter(QStringLiteral("interrogation échouée")).size(), 1) << log.join(u'\n').toStdString();
+    EXPECT_EQ(log.filter(QStringLiteral("HTTP 500 : Panne")).size(), 1) << log.join(u'\n').toStdString();
     const QString jobId = h.backend.upload(1).value("job_id").toString();
     EXPECT_EQ(h.backend.requestsTo("/backend/transcriptions/jobs/" + jobId), 540);
     EXPECT_EQ(h.notificationTitles(), QStringList{kUploadedTitle});
@@ -134,6 +157,7 @@ TEST(UploadFailure, UserIsToldAndNothingIsLost) {
         const char* label;
         const char* control;         ///< applied to the backend before the upload; "" for none
         QString expectedDescription; ///< empty: the transport's own text, whatever it is
+        QString expectedDetails;     ///< what the alert's details and the log line must contain
         QString backendURL = {};     ///< replaces the stored base URL when set
         QString answer = QStringLiteral("Plus tard");
         bool fileMissing = false;
@@ -141,24 +165,24 @@ TEST(UploadFailure, UserIsToldAndNothingIsLost) {
         {"ServerError",
          R"({"fault":{"route":"upload","status":500,"body":""}})",
          "Erreur serveur 500",
+         "HTTP 500",
          {},
          "Afficher dans le Finder"},
         {"TooLarge", R"({"fault":{"route":"upload","status":413,"body":"Fichier trop volumineux"}})",
-         "Erreur serveur 413 : Fichier trop volumineux"},
-        {"WrongToken", R"({"token":"secret"})", R"(Erreur serveur 401 : {"detail": "Unauthorized"})"},
+         "Erreur serveur 413 : Fichier trop volumineux", "HTTP 413 : Fichier trop volumineux"},
+        {"WrongToken", R"({"token":"secret"})", R"(Erreur serveur 401 : {"detail": "Unauthorized"})", "HTTP 401"},
         {"NotJson", R"({"fault":{"route":"upload","status":200,"body":"<html>OK</html>"}})",
-         "Réponse inattendue du serveur"},
-        {"NoJobId", R"({"fault":{"route":"upload","status":200,"body":"{\"id\":3}"}})",
-         "Réponse inattendue du serveur"},
-        {"Closed", R"({"fault":{"route":"upload","close":true}})", {}},
-        {"Truncated", R"({"fault":{"route":"upload","truncate":true,"body":"{\"id\":3,\"job_id\":\"j\"}"}})", {}},
-        {"SlowThenError", R"({"fault":{"route":"upload","delay":0.5,"status":503,"body":"Indisponible"}})",
-         "Erreur serveur 503 : Indisponible"},
-        {"EmptyBaseUrl", "", "URL du serveur invalide", QStringLiteral("")},
-        {"NoServer", "", "Connexion refusée par le serveur.", QStringLiteral("http://127.0.0.1:1/backend")},
+         "Réponse inattendue du serveur", "HTTP 200 : <html>OK</html>"},
+        {"Closed", R"({"fault":{"route":"upload","close":true}})", {}, "RemoteHostClosedError"},
+        // Cut short after a usable start: whether Qt calls it an error or not, never an acceptance.
+        {"Truncated", R"({"fault":{"route":"upload","truncate":true,"body":"{\"id\":3,\"job_id\":\"j\"}"}})", {}, {}},
+        {"EmptyBaseUrl", "", "URL du serveur invalide", "URL : « /transcriptions/upload-async »", QStringLiteral("")},
+        {"NoServer", "", "Connexion refusée par le serveur.", "ConnectionRefusedError",
+         QStringLiteral("http://127.0.0.1:1/backend")},
         {"UnreadableRecording",
          "",
          "Le fichier « disparu.m4a » est introuvable.",
+         "(errno 2)",
          {},
          QStringLiteral("Plus tard"),
          true}};
@@ -176,12 +200,24 @@ TEST(UploadFailure, UserIsToldAndNothingIsLost) {
         // Another job is being followed meanwhile: its mark must survive the failed upload's release.
         h.delegate->setBusyIndicator(true, QStringLiteral("⏳"));
         h.alerts->answer(c.answer);
+        QStringList log;
+        const LogCapture capture([&](const QString& line) { log << line; });
 
         upload(h, path);
 
         ASSERT_EQ(h.alerts->shown().size(), 1u);
         const auto& alert = h.alerts->shown().front();
         EXPECT_EQ(alert.message, "Erreur d'envoi");
+        // Which recording it is about; what the system said, in the details and in one log line.
+        EXPECT_TRUE(alert.windowTitle.startsWith(
+            c.fileMissing ? QStringLiteral("Enregistrement « disparu.m4a »")
+                          : QDateTime::fromSecsSinceEpoch(1731772800)
+                                .toString(QStringLiteral("'Enregistrement du 'dd/MM/yyyy' à 'HH:mm"))))
+            << alert.windowTitle.toStdString();
+        EXPECT_TRUE(alert.details.contains(c.expectedDetails)) << alert.details.toStdString();
+        ASSERT_EQ(log.size(), 1) << log.join(u'\n').toStdString();
+        EXPECT_TRUE(log.first().startsWith(QStringLiteral("[Upload] Échec de l'envoi de « ")));
+        EXPECT_TRUE(log.first().contains(alert.details)) << log.first().toStdString();
         EXPECT_TRUE(alert.informativeText.endsWith(kKeptSuffix));
         const QString description = alert.informativeText.chopped(kKeptSuffix.size());
         if (c.expectedDescription.isEmpty()) {
@@ -227,6 +263,194 @@ TEST_F(UploadWorkflowTest, RetrySendsTheSameFieldsAndNotesAgain) {
                          R"("synthesis_depth":"normal","client_id":"9","notes":"première version"})"));
     EXPECT_FALSE(QFile::exists(path));
     expectIdle(h);
+}
+
+// ----- long recordings and quitting ----------------------------------------------------------------------------
+
+/// Heap in use right now.
+qint64 heapInUseBytes() {
+    if (__sanitizer_get_current_allocated_bytes)
+        return static_cast<qint64>(__sanitizer_get_current_allocated_bytes());
+    const struct mallinfo2 info = mallinfo2();
+    return static_cast<qint64>(info.uordblks + info.hblkhd);
+}
+
+double threadCpuMs() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
+}
+
+double sinceMs(std::chrono::steady_clock::time_point from, std::chrono::steady_clock::time_point to) {
+    return std::chrono::duration<double, std::milli>(to - from).count();
+}
+
+/// A 10 ms timer on the main thread, and the same period slept by a thread that does nothing else (what the
+/// machine's load alone does to a timer). Per main-thread tick: the main thread's own CPU time since the
+/// previous tick, and how much later it came than the other thread was at the same moment.
+class MainThreadWatch {
+public:
+    static constexpr auto kPeriod = 10ms;
+
+    MainThreadWatch() {
+        m_reference = std::thread([this] {
+            auto last = std::chrono::steady_clock::now();
+            while (!m_stop) {
+                std::this_thread::sleep_for(kPeriod);
+                const auto now = std::chrono::steady_clock::now();
+                std::lock_guard lock(m_mutex);
+                m_referenceLateness.push_back({now, sinceMs(last, now) - 10.0});
+                last = now;
+            }
+        });
+        m_lastTick = std::chrono::steady_clock::now();
+        m_lastCpuMs = threadCpuMs();
+        m_timer.setTimerType(Qt::PreciseTimer);
+        m_timer.callOnTimeout([this] { tick(); });
+        m_timer.start(kPeriod);
+    }
+    ~MainThreadWatch() { stop(); }
+
+    void stop() {
+        m_timer.stop();
+        m_stop = true;
+        if (m_reference.joinable())
+            m_reference.join();
+    }
+
+    /// Called at every tick with nothing else to do: a place to sample what the test follows.
+    std::function<void()> onTick;
+    double longestBusyMs = 0;   ///< the main thread's CPU between two ticks, at most
+    double longestLateMs = 0;   ///< the main timer's lateness, at most
+    double longestExcessMs = 0; ///< its lateness beyond the idle thread's over the same stretch, at most
+    double referenceLateMs = 0; ///< the idle thread's lateness, at most
+    int ticks = 0;
+
+private:
+    void tick() {
+        const auto now = std::chrono::steady_clock::now();
+        const double cpuMs = threadCpuMs();
+        const double lateMs = sinceMs(m_lastTick, now) - 10.0;
+        double referenceMs = 0;
+        {
+            std::lock_guard lock(m_mutex);
+            for (const auto& [when, late] : m_referenceLateness) {
+                if (when >= m_lastTick)
+                    referenceMs = std::max(referenceMs, late);
+                referenceLateMs = std::max(referenceLateMs, late);
+            }
+            m_referenceLateness.clear();
+        }
+        longestBusyMs = std::max(longestBusyMs, cpuMs - m_lastCpuMs);
+        longestLateMs = std::max(longestLateMs, lateMs);
+        longestExcessMs = std::max(longestExcessMs, lateMs - referenceMs);
+        ++ticks;
+        if (onTick)
+            onTick();
+        m_lastTick = std::chrono::steady_clock::now();
+        m_lastCpuMs = threadCpuMs();
+    }
+
+    QTimer m_timer;
+    std::thread m_reference;
+    std::atomic<bool> m_stop{false};
+    std::mutex m_mutex;
+    std::vector<std::pair<std::chrono::steady_clock::time_point, double>> m_referenceLateness;
+    std::chrono::steady_clock::time_point m_lastTick;
+    double m_lastCpuMs = 0;
+};
+
+// A 400 MB recording goes from disk to the backend in pieces, off the main thread: the heap stays within
+// 20 MB of where it was, and the main thread's 10 ms timer keeps its time. "Never 100 ms late" is checked in
+// the form the machine's load cannot fake: the main thread never works 100 ms on end between two ticks. Its
+// wall-clock lateness beyond an idle thread's is bounded more loosely (a loaded 2-core machine delays one
+// thread and not the other by over a hundred milliseconds); reading the file on the main thread, as uploads once
+// did, stalls it for far longer.
+TEST_F(UploadWorkflowTest, LongRecordingKeepsTheHeapFlatAndTheMainThreadFree) {
+    constexpr int kMegabytes = 400;
+    h.backend.control(R"({"digest_only": true, "sequence": ["done"]})");
+    // Each megabyte different, made again to check what the backend got.
+    QByteArray pattern(1 << 20, Qt::Uninitialized);
+    char* bytes = pattern.data();
+    for (qsizetype i = 0; i < pattern.size(); ++i)
+        bytes[i] = static_cast<char>((i * 131) >> 3);
+    const auto megabyte = [&pattern](int index) {
+        QByteArray chunk = pattern;
+        std::memcpy(chunk.data(), &index, sizeof index);
+        return chunk;
+    };
+    const QString path = h.recordingsDir() + QStringLiteral("/tavrel_merged_1731772800.m4a");
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    for (int index = 0; index < kMegabytes; ++index)
+        ASSERT_EQ(file.write(megabyte(index)), 1 << 20);
+    file.close();
+
+    const qint64 heapBefore = heapInUseBytes();
+    qint64 heapPeak = heapBefore;
+    MainThreadWatch watch;
+    watch.onTick = [&] { heapPeak = std::max(heapPeak, heapInUseBytes()); };
+    const auto outcome =
+        runTask(h.delegate->uploadFile(path, QStringLiteral("Long"), -1, "professional", "normal", {}), 300s);
+    watch.stop();
+    ASSERT_TRUE(outcome.finished);
+    ASSERT_EQ(h.notificationTitles(), (QStringList{kUploadedTitle, kDoneTitle}));
+
+    // The backend got the whole body, byte for byte (hashed as it came).
+    const QJsonObject received = h.backend.upload(1);
+    const QString boundary = received.value("content_type").toString().section(QStringLiteral("boundary="), 1);
+    QCryptographicHash expected(QCryptographicHash::Sha256);
+    const std::pair<const char*, const char*> fields[] = {
+        {"title", "Long"}, {"synthesis_type", "professional"}, {"synthesis_depth", "normal"}};
+    for (const auto& [name, value] : fields)
+        expected.addData(QStringLiteral("--%1\r\nContent-Disposition: form-data; name=\"%2\"\r\n\r\n%3\r\n")
+                             .arg(boundary, QLatin1String(name), QLatin1String(value))
+                             .toUtf8());
+    expected.addData(QStringLiteral("--%1\r\nContent-Disposition: form-data; name=\"file\"; "
+                                    "filename=\"tavrel_merged_1731772800.m4a\"\r\nContent-Type: audio/m4a\r\n\r\n")
+                         .arg(boundary)
+                         .toUtf8());
+    for (int index = 0; index < kMegabytes; ++index)
+        expected.addData(megabyte(index));
+    expected.addData(QStringLiteral("\r\n--%1--\r\n").arg(boundary).toUtf8());
+    EXPECT_EQ(received.value("body_sha256").toString(), QString::fromLatin1(expected.result().toHex()));
+
+    const double heapGrowthMb = static_cast<double>(heapPeak - heapBefore) / (1 << 20);
+    std::cout << "[ figures  ] heap growth " << heapGrowthMb << " MB; main thread: longest busy stretch "
+              << watch.longestBusyMs << " ms, latest tick " << watch.longestLateMs << " ms (" << watch.longestExcessMs
+              << " ms beyond an idle thread, which was at most " << watch.referenceLateMs << " ms late), "
+              << watch.ticks << " ticks" << std::endl;
+    EXPECT_GT(watch.ticks, 10);
+    EXPECT_LT(heapGrowthMb, 20.0);
+    EXPECT_LT(watch.longestBusyMs, 100.0);
+    EXPECT_LT(watch.longestExcessMs, 500.0);
+}
+
+// Quitting asks while a recording is being sent (it would stay to be sent at the next launch), and only then.
+TEST_F(UploadWorkflowTest, QuittingDuringAnUploadAsksFirst) {
+    h.delegate->requestQuit();
+    EXPECT_EQ(h.quits, 1);
+    EXPECT_TRUE(h.alerts->shown().empty());
+
+    h.backend.control(R"({"fault": {"route": "upload", "delay": 2, "times": 1}, "sequence": ["done"]})");
+    const QString path = h.makeRecording(QStringLiteral("r.m4a"));
+    auto sending = h.delegate->uploadFile(path, QStringLiteral("Réunion"), -1, "professional", "normal", {});
+    ASSERT_EQ(h.delegate->uploadsInFlight(), 1);
+    h.alerts->answer(QStringLiteral("Continuer l'envoi"));
+    h.delegate->requestQuit();
+    EXPECT_EQ(h.quits, 1);
+    h.alerts->answer(QStringLiteral("Quitter quand même"));
+    h.delegate->requestQuit();
+    EXPECT_EQ(h.quits, 2);
+    ASSERT_EQ(h.alerts->shown().size(), 2u);
+    EXPECT_EQ(h.alerts->shown()[0].message, "Envoi en cours");
+    EXPECT_TRUE(h.alerts->shown()[0].informativeText.startsWith(QStringLiteral("« Réunion » n'est pas encore")));
+    EXPECT_EQ(h.alerts->shown()[0].buttons, (QStringList{"Continuer l'envoi", "Quitter quand même"}));
+
+    // Kept sending: the recording goes only once the backend has it.
+    EXPECT_TRUE(QFile::exists(path));
+    ASSERT_TRUE(waitUntil([&] { return h.notificationTitles().contains(kDoneTitle); }, 20s));
+    EXPECT_FALSE(QFile::exists(path));
 }
 
 } // namespace

@@ -202,6 +202,14 @@ TEST_F(StatusItemTest, TitleIsTheLabelAndTheTooltip) {
     // Hosts learn of the change from the signal, without polling.
     EXPECT_TRUE(test::waitUntil([&] { return receiver.labels.size() >= expected.size(); }, 2s));
     EXPECT_EQ(receiver.labels, expected);
+
+    // An upload's progress goes under the title, in the tooltip only.
+    m_item->setTitle(QStringLiteral("⬆︎"));
+    m_item->setToolTipDetail(QStringLiteral("Envoi de « Réunion » : 42 %"));
+    SniToolTip toolTip;
+    property(m_service, QStringLiteral("ToolTip")).value<QDBusArgument>() >> toolTip;
+    EXPECT_EQ(toolTip.description, QStringLiteral("⬆︎\nEnvoi de « Réunion » : 42 %"));
+    EXPECT_EQ(property(m_service, QStringLiteral("XAyatanaLabel")).toString(), QStringLiteral("⬆︎"));
 }
 
 TEST_F(StatusItemTest, TheIconChangesWithTheState) {

@@ -184,7 +184,7 @@ TEST_F(PendingRecordingsTest, OnlyRecordingsCountAndLaterOrShowInFileManagerChan
     EXPECT_EQ(h.backend.uploadCount(), 0);
 }
 
-TEST_F(PendingRecordingsTest, SendNowOpensOneDialogPerRecording) {
+TEST_F(PendingRecordingsTest, SendNowOpensOneDialogPerRecordingInTheSortedOrder) {
     const QString sent = recordingFrom(QStringLiteral("sent.m4a"), 10);
     const QString kept = recordingFrom(QStringLiteral("kept.m4a"), 5);
     h.alerts->answer(QStringLiteral("Envoyer maintenant"));
@@ -196,9 +196,10 @@ TEST_F(PendingRecordingsTest, SendNowOpensOneDialogPerRecording) {
     EXPECT_EQ(h.alerts->shownMessages(),
               (QStringList{"2 enregistrement(s) non envoyé(s)", "Enregistrement terminé", "Enregistrement terminé"}));
     EXPECT_EQ(clientFetches(), 2);
-    // Exactly one of the two went (which one depends on which client fetch ended first); the other
-    // stays and is offered at the next check.
-    EXPECT_NE(QFile::exists(sent), QFile::exists(kept));
+    // One after the other, newest first, each answer with its own recording; the one kept is offered again.
+    EXPECT_TRUE(h.alerts->shown()[1].windowTitle.startsWith(QStringLiteral("Enregistrement du ")));
+    EXPECT_TRUE(QFile::exists(kept));
+    EXPECT_FALSE(QFile::exists(sent));
     h.alerts->answer(QStringLiteral("Plus tard"));
     h.delegate->checkPendingRecordings();
     EXPECT_EQ(h.alerts->shownMessages().last(), "1 enregistrement(s) non envoyé(s)");

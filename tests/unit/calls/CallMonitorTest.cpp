@@ -3,21 +3,29 @@
 #include "core/Log.h"
 
 #include <QCoreApplication>
+#include <QCoro/QCoroTask>
 #include <QEventLoop>
+#include <QThread>
+#include <atomic>
 #include <deque>
 #include <gtest/gtest.h>
 
 namespace tavrel {
 namespace {
 
-// Answers every poll with what the test says is capturing input right now.
+// Answers every poll with what the test says is capturing input right now (nothing: the server could not
+// be asked), and notes the thread it was asked on.
 class ScriptedQuery : public MicInputQuery {
 public:
-    explicit ScriptedQuery(const QStringList* current) : m_current(current) {}
-    QStringList inputApplications() override { return *m_current; }
+    explicit ScriptedQuery(const std::optional<QStringList>* current) : m_current(current) {}
+    std::optional<QStringList> inputApplications() override {
+        askedOn = QThread::currentThread();
+        return *m_current;
+    }
+    std::atomic<QThread*> askedOn{nullptr};
 
 private:
-    const QStringList* m_current;
+    const std::optional<QStringList>* m_current;
 };
 
 void drainEvents() {
@@ -26,7 +34,7 @@ void drainEvents() {
 
 // Everything the monitor does to its owner and to the log, in order.
 struct Harness {
-    QStringList capturing;
+    std::optional<QStringList> capturing;
     bool recording = false;
     std::deque<bool> answers; // prompt answers in order; missing answers decline
     QStringList trace;
@@ -50,9 +58,9 @@ struct Harness {
         };
     }
 
-    void poll(const QStringList& apps) {
-        capturing = apps;
-        monitor.tick();
+    // One answered poll (nothing: a query that failed), handled as the poll's end handles it.
+    void poll(const std::optional<QStringList>& apps) {
+        monitor.handle(CallMonitor::micInputStatus(apps));
         drainEvents();
     }
 };
@@ -87,12 +95,17 @@ INSTANTIATE_TEST_SUITE_P(
                       PrefixCase{"us.zoo", false}, PrefixCase{"com.microsoft.Teams", false},
                       PrefixCase{"x.us.zoom", false}, PrefixCase{"fr.tavrel.Recorder", false}, PrefixCase{"", false}));
 
+const QStringList kZoom{QStringLiteral("us.zoom.xos")};
+const QStringList kNone{};
+const QStringList kOther{QStringLiteral("com.example.recorder")};
+const QStringList kUnanswered{QStringLiteral("<the server did not answer>")};
+
 // A run of polls and what the owner and the log saw, in order. The plain cases (a declined or accepted
-// call, a call during a recording, an unknown application) run against a real server in the integration
-// tests; these are the edges.
+// call, a call during a recording, an unknown application, a muted client, a restarting server) run
+// against a real server in the integration tests; these are the edges.
 struct Scenario {
     const char* name;
-    std::vector<std::pair<QStringList, bool>> polls; // capturing applications, recording at that poll
+    std::vector<std::pair<QStringList, bool>> polls; // capturing applications (or kUnanswered), recording at that poll
     std::deque<bool> answers;
     QStringList expected;
 };
@@ -108,14 +121,10 @@ TEST_P(CallStates, followTheCallTable) {
     h.answers = GetParam().answers;
     for (const auto& [apps, recording] : GetParam().polls) {
         h.recording = recording;
-        h.poll(apps);
+        h.poll(apps == kUnanswered ? std::nullopt : std::optional(apps));
     }
     EXPECT_EQ(h.trace, GetParam().expected);
 }
-
-const QStringList kZoom{QStringLiteral("us.zoom.xos")};
-const QStringList kNone{};
-const QStringList kOther{QStringLiteral("com.example.recorder")};
 
 INSTANTIATE_TEST_SUITE_P(
     Calls, CallStates,
@@ -129,14 +138,35 @@ INSTANTIATE_TEST_SUITE_P(
                  {{{"com.example.recorder", "com.google.Chrome.helper"}, false}},
                  {},
                  {"prompt"}},
-        Scenario{"callEndingIntoUnknownUseEndsAndLogs",
-                 {{kZoom, false}, {kOther, false}},
+        Scenario{"callEndingIntoUnknownUseLogsAtOnceAndEndsAtTheThirdPoll",
+                 {{kZoom, false}, {kOther, false}, {kOther, false}, {kOther, false}},
                  {},
-                 {"prompt", "end", "log:" + kUnknown + "com.example.recorder"}},
+                 {"prompt", "log:" + kUnknown + "com.example.recorder", "end"}},
         Scenario{"unknownDuringCallStretchNotLoggedAgainAfterCall",
-                 {{kOther, false}, {kOther + kZoom, false}, {kOther, false}},
+                 {{kOther, false}, {kOther + kZoom, false}, {kOther, false}, {kOther, false}, {kOther, false}},
                  {},
                  {"log:" + kUnknown + "com.example.recorder", "prompt", "end"}},
+        // Two polls without the client, then back: the same call, not prompted again, not ended.
+        Scenario{"callBackWithinThreePollsIsTheSameCall",
+                 {{kZoom, false}, {kNone, false}, {kNone, false}, {kZoom, false}, {kNone, false}, {kNone, false}},
+                 {},
+                 {"prompt"}},
+        // Unanswered polls neither start, nor end, nor count toward the end, nor break the run of absences.
+        Scenario{"unansweredPollsAreUnknown",
+                 {{kUnanswered, false},
+                  {kZoom, false},
+                  {kNone, false},
+                  {kUnanswered, false},
+                  {kUnanswered, false},
+                  {kNone, false},
+                  {kUnanswered, false},
+                  {kNone, false}},
+                 {},
+                 {"prompt", "end"}},
+        Scenario{"declinedCallPromptsAgainOnlyAfterItEnded",
+                 {{kZoom, false}, {kZoom, false}, {kNone, false}, {kNone, false}, {kNone, false}, {kZoom, false}},
+                 {false, true},
+                 {"prompt", "end", "prompt", "start"}},
         Scenario{"ownRecordingNeverACallAndLoggedOnce",
                  {{{"fr.tavrel.Recorder"}, true}, {{"fr.tavrel.Recorder"}, true}, {{"fr.tavrel.Recorder"}, false}},
                  {},
@@ -148,38 +178,43 @@ INSTANTIATE_TEST_SUITE_P(
         Scenario{"caseMattersForPrefixes", {{{"US.ZOOM.xos"}, false}}, {}, {"log:" + kUnknown + "US.ZOOM.xos"}}),
     [](const ::testing::TestParamInfo<Scenario>& info) { return std::string(info.param.name); });
 
-TEST(CallMonitor, stopForgetsTheCallWithoutEndingIt) {
+TEST(CallMonitor, stopForgetsTheCallWithoutEndingItAndKeepsTheUnknownStretch) {
     Harness h;
+    h.poll(kOther);
+    h.monitor.stop();
+    h.poll(kOther); // the same stretch of unknown use: not logged again
     h.poll(kZoom);
-    h.monitor.stop();
-    h.poll(kZoom); // a restarted monitor sees the same call as a new one
     h.poll(kNone);
-    EXPECT_EQ(h.trace, (QStringList{"prompt", "prompt", "end"}));
+    h.monitor.stop(); // also forgets the absences counted so far
+    h.poll(kZoom);    // a restarted monitor sees the same call as a new one
+    for (int i = 0; i < CallMonitor::kPollsToEnd; ++i)
+        h.poll(kNone);
+    EXPECT_EQ(h.trace, (QStringList{"log:" + kUnknown + "com.example.recorder", "prompt", "prompt", "end"}));
 }
 
-TEST(CallMonitor, stopKeepsTheUnknownStretch) {
-    Harness h;
-    h.poll(kOther);
-    h.monitor.stop();
-    h.poll(kOther);
-    EXPECT_EQ(h.trace, QStringList{"log:" + kUnknown + "com.example.recorder"});
-}
-
-TEST(CallMonitor, promptRunsAfterThePollReturns) {
-    Harness h;
-    h.capturing = kZoom;
-    h.monitor.tick();
-    EXPECT_TRUE(h.trace.isEmpty()) << "prompt shown inside the poll";
+TEST(CallMonitor, queryRunsOffTheMainThreadAndThePromptAfterThePollReturns) {
+    std::optional<QStringList> capturing = kZoom;
+    auto query = std::make_unique<ScriptedQuery>(&capturing);
+    ScriptedQuery& asked = *query;
+    int prompts = 0;
+    CallMonitor monitor(std::move(query));
+    monitor.presentPrompt = [&](const QString&, const QString&, const QStringList&) { return ++prompts, false; };
+    QCoro::waitFor(monitor.poll());
+    ASSERT_NE(asked.askedOn.load(), nullptr);
+    EXPECT_NE(asked.askedOn.load(), QThread::currentThread());
+    EXPECT_EQ(prompts, 0) << "prompt shown inside the poll";
     drainEvents();
-    EXPECT_EQ(h.trace, QStringList{"prompt"});
+    EXPECT_EQ(prompts, 1);
 }
 
-TEST(CallMonitor, queuedPromptDroppedWithTheMonitor) {
+TEST(CallMonitor, promptsAndAnswersDroppedWithTheMonitor) {
     int shown = 0;
+    const std::optional<QStringList> capturing = kZoom;
     {
-        CallMonitor monitor(std::make_unique<ScriptedQuery>(&kZoom));
+        CallMonitor monitor(std::make_unique<ScriptedQuery>(&capturing));
         monitor.presentPrompt = [&](const QString&, const QString&, const QStringList&) { return ++shown, true; };
-        monitor.tick();
+        monitor.handle(CallMonitor::micInputStatus(capturing));
+        monitor.tick(); // its answer comes after the monitor is gone
     }
     drainEvents();
     EXPECT_EQ(shown, 0);
@@ -189,7 +224,8 @@ TEST(CallMonitor, withoutPresenterTheCallIsTakenAsDeclined) {
     Harness h;
     h.monitor.presentPrompt = nullptr;
     h.poll(kZoom);
-    h.poll(kNone);
+    for (int i = 0; i < CallMonitor::kPollsToEnd; ++i)
+        h.poll(kNone);
     EXPECT_EQ(h.trace, QStringList{"end"});
 }
 

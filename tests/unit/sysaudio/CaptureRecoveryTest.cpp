@@ -56,7 +56,7 @@ protected:
 // Killed after the mix was made, before it was moved in: the mix goes in, with the notes from the journal (a line
 // cut by the crash is ignored), and the pieces go. Beside it, a recording whose tracks were kept after a failed
 // mix but whose microphone file has been sent since, a capture file of no recording, a working copy of a
-// finished file, and a microphone file whose journal was lost.
+// finished file, a microphone file whose journal was lost, and a recording killed before its first sound.
 TEST_F(CaptureRecoveryTest, finishesWhatTheStopLeftAndClearsWhatBelongsToNoRecording) {
     const QString mic = track(recordings(), "tavrel_mic_10.m4a", 440);
     const QString system = track(capture(), "tavrel_sys_10.m4a", 1000);
@@ -89,6 +89,18 @@ TEST_F(CaptureRecoveryTest, finishesWhatTheStopLeftAndClearsWhatBelongsToNoRecor
         M4aWriter interrupted(recordings() + "/tavrel_mic_50.m4a", 44100, 1);
         const std::vector<float> second(44100, 0.1f);
         interrupted.write(second.data(), 44100);
+    }
+    // Killed before the microphone's first fragment: what the writer had put on disk by then.
+    const QString unborn = recordings() + "/tavrel_mic_60.m4a";
+    {
+        M4aWriter opening(recordings() + "/opening.m4a", 44100, 1);
+        ASSERT_TRUE(QFile::copy(recordings() + "/opening.m4a", unborn));
+    }
+    QFile::remove(recordings() + "/opening.m4a");
+    {
+        RecordingJournal journal(RecordingFiles::journalFileFor(unborn));
+        journal.recordMic(unborn);
+        journal.recordTrack(track(capture(), "tavrel_sys_60.m4a", 800));
     }
 
     EXPECT_EQ(launch(), 2);
