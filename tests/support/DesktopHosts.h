@@ -46,8 +46,6 @@ public:
                                      std::chrono::milliseconds timeout = std::chrono::seconds(60));
     /// What the host's watcher lists ("<bus name>/<path>" or the name alone, as the host records them).
     QStringList registeredItems() const;
-    /// The panel's rectangle on the screen ("WxH+X+Y" for ImageMagick's import -crop).
-    QString panelGeometry() const;
     QString logs() const;
 
 private:

@@ -1,3 +1,3 @@
 tavrel_add_test(core_tests LABELS unit
-    SOURCES ${CMAKE_CURRENT_LIST_DIR}/core/LogTest.cpp
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/core/LogTest.cpp ${CMAKE_CURRENT_LIST_DIR}/core/SettingsManagerTest.cpp
     LIBS tavrel_core)

@@ -66,20 +66,12 @@ TEST_F(AppDelegateTest, PendingCheckWaitsForTheRecoveryAtLaunch) {
     EXPECT_EQ(m_alerts->shownMessages(), QStringList{QStringLiteral("1 enregistrement(s) non envoyé(s)")});
 }
 
-TEST_F(AppDelegateTest, CallMonitorFollowsTheSettingAtLaunch) {
-    for (const bool detect : {false, true}) {
-        SettingsManager::shared().setAutoDetectCalls(detect);
-        launch();
-        ASSERT_NE(m_delegate->callMonitor(), nullptr) << "the monitor exists either way";
-        EXPECT_EQ(m_delegate->callMonitor()->isPolling(), detect);
-        m_delegate.reset();
-    }
-}
-
 // --- the idle title ---
 
 TEST_F(AppDelegateTest, StoppingWhileIdleShowsTheUploadStateInTheTitle) {
     launch();
+    ASSERT_NE(m_delegate->callMonitor(), nullptr) << "the monitor exists with call detection off too";
+    EXPECT_FALSE(m_delegate->callMonitor()->isPolling());
     m_delegate->setBusyIndicator(true, QStringLiteral("⏳"));
     m_delegate->stopRecording();
     EXPECT_EQ(m_delegate->statusTitle(), QStringLiteral("⏳"));

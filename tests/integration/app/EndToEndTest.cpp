@@ -167,15 +167,22 @@ protected:
     ManagedProcess m_program;
 };
 
-// A link opened by the desktop starts a second instance, which hands it over as it is and leaves (a scheme
+// Started by a link, it stores it at launch; empty values are stored as empty texts, not left to the defaults.
+// A link opened by the desktop then starts a second instance, which hands it over as it is and leaves (a scheme
 // in capitals is still not ours, the next link is); the desktop's Open reaches the running instance directly.
 // Malformed or foreign links change nothing and stay silent: links are handled in order, so the valid one sent
 // last must be the only new one that notifies.
-TEST_F(EndToEndTest, ShowsItsTrayItemAndTakesOnlyWellFormedLinks) {
-    ASSERT_TRUE(startProgram());
+TEST_F(EndToEndTest, TakesOnlyWellFormedLinksAtLaunchFromASecondInstanceAndThroughOpen) {
+    ASSERT_TRUE(startProgram({QStringLiteral("tavrel://auth?token=&backend=")}));
+    ASSERT_TRUE(waitUntil([&] { return linkedNotifications() == 1; }, 20s)) << m_program.describe().toStdString();
+    EXPECT_TRUE(stored(QStringLiteral("token")).isValid());
+    EXPECT_EQ(stored(QStringLiteral("token")).toString(), QString());
+    EXPECT_TRUE(stored(QStringLiteral("backendURL")).isValid());
+    EXPECT_EQ(stored(QStringLiteral("backendURL")).toString(), QString());
+
     EXPECT_EQ(launchAgain({QStringLiteral("TAVREL://auth?token=t3&backend=b3")}), 0);
     EXPECT_EQ(launchAgain({QStringLiteral("tavrel://auth?token=abc&backend=http%3A%2F%2F127.0.0.1%3A9%2Fbackend")}), 0);
-    ASSERT_TRUE(waitUntil([&] { return linkedNotifications() >= 1; }, 10s)) << m_program.describe().toStdString();
+    ASSERT_TRUE(waitUntil([&] { return linkedNotifications() >= 2; }, 10s)) << m_program.describe().toStdString();
     EXPECT_EQ(stored(QStringLiteral("token")).toString(), QStringLiteral("abc"));
     EXPECT_EQ(stored(QStringLiteral("backendURL")).toString(), QStringLiteral("http://127.0.0.1:9/backend"));
 
@@ -189,22 +196,12 @@ TEST_F(EndToEndTest, ShowsItsTrayItemAndTakesOnlyWellFormedLinks) {
         const QDBusMessage reply = m_connection->call(open, QDBus::Block, 10000);
         EXPECT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
     }
-    ASSERT_TRUE(waitUntil([&] { return linkedNotifications() >= 2; }, 10s)) << m_program.describe().toStdString();
-    waitUntil([] { return false; }, 200ms); // room for a wrong third notification
-    EXPECT_EQ(linkedNotifications(), 2);
+    ASSERT_TRUE(waitUntil([&] { return linkedNotifications() >= 3; }, 10s)) << m_program.describe().toStdString();
+    waitUntil([] { return false; }, 200ms); // room for a wrong fourth notification
+    EXPECT_EQ(linkedNotifications(), 3);
     EXPECT_EQ(stored(QStringLiteral("token")).toString(), QStringLiteral("abc+1"));
     EXPECT_EQ(stored(QStringLiteral("backendURL")).toString(), QStringLiteral("https://example.org/backend"));
     EXPECT_TRUE(m_program.isRunning());
-}
-
-// Started by a link: stored at launch. Empty values are stored as empty texts, not left to the defaults.
-TEST_F(EndToEndTest, LaunchedByALinkItStoresItAtStart) {
-    ASSERT_TRUE(startProgram({QStringLiteral("tavrel://auth?token=&backend=")}));
-    ASSERT_TRUE(waitUntil([&] { return linkedNotifications() == 1; }, 20s)) << m_program.describe().toStdString();
-    EXPECT_TRUE(stored(QStringLiteral("token")).isValid());
-    EXPECT_EQ(stored(QStringLiteral("token")).toString(), QString());
-    EXPECT_TRUE(stored(QStringLiteral("backendURL")).isValid());
-    EXPECT_EQ(stored(QStringLiteral("backendURL")).toString(), QString());
 }
 
 /// Pixels of the recording badge's red in a screenshot of the top of the screen, where the panel sits.
