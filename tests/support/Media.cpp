@@ -281,4 +281,33 @@ std::vector<double> findSoundOnsets(std::span<const float> samples, int sampleRa
     return onsets;
 }
 
+std::optional<double> onsetSeconds(const std::vector<float>& samples, int rateHz, double thresholdDb,
+                                   double fromSeconds) {
+    for (double onset : findSoundOnsets(samples, rateHz, thresholdDb, 150))
+        if (onset >= fromSeconds)
+            return onset;
+    return std::nullopt;
+}
+
+QString generateAudio(const QString& path, const QString& expression, double durationSeconds, int rateHz, int channels,
+                      const QStringList& codecArguments) {
+    QStringList perChannel;
+    for (int i = 0; i < channels; ++i)
+        perChannel << expression;
+    const QString source =
+        QStringLiteral("aevalsrc=%1:s=%2:d=%3").arg(perChannel.join(QLatin1Char('|'))).arg(rateHz).arg(durationSeconds);
+    const CommandResult generated = runCommand(
+        QStringLiteral("ffmpeg"),
+        QStringList{"-v", "error", "-y", "-f", "lavfi", "-i", source} + codecArguments + QStringList{path}, {}, 120s);
+    return generated.ok() ? QString() : generated.describe();
+}
+
+QString toneBetween(double frequencyHz, double amplitude, double fromSeconds, double toSeconds) {
+    return QStringLiteral("%1*sin(2*PI*%2*t)*between(t\\,%3\\,%4)")
+        .arg(amplitude)
+        .arg(frequencyHz)
+        .arg(fromSeconds)
+        .arg(toSeconds - 1e-6);
+}
+
 } // namespace tavrel::test

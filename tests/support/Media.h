@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <gtest/gtest.h>
 #include <limits>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -70,5 +71,18 @@ float peak(std::span<const float> samples);
 /// (the beginning of the signal counts as silence). Resolution about 1 ms.
 std::vector<double> findSoundOnsets(std::span<const float> samples, int sampleRateHz, double thresholdDb = -40.0,
                                     int minSilenceMs = 200);
+
+/// The first sound onset (findSoundOnsets, 150 ms of silence before it) at or after `fromSeconds`.
+std::optional<double> onsetSeconds(const std::vector<float>& samples, int rateHz, double thresholdDb = -30.0,
+                                   double fromSeconds = 0.0);
+
+/// Writes `durationSeconds` of the ffmpeg expression `expression` (in t, e.g. "0.2*sin(2*PI*440*t)") with
+/// `channels` identical channels at `rateHz`, encoded by ffmpeg itself (never by our own writers) from the
+/// extension, extra output arguments in `codecArguments`. Returns ffmpeg's error text, empty on success.
+QString generateAudio(const QString& path, const QString& expression, double durationSeconds, int rateHz, int channels,
+                      const QStringList& codecArguments = {});
+
+/// A tone burst expression for generateAudio: "sin(2*PI*f*t)" scaled by `amplitude`, sounding in [from, to).
+QString toneBetween(double frequencyHz, double amplitude, double fromSeconds, double toSeconds);
 
 } // namespace tavrel::test

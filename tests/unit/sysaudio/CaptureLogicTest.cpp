@@ -1,7 +1,6 @@
 #include "ClockSimulation.h"
 #include "Media.h"
 #include "ScopedEnvironment.h"
-#include "SignalTools.h"
 #include "TempDir.h"
 #include "audio/files/AiffWriter.h"
 #include "audio/files/CafWriter.h"
@@ -74,55 +73,6 @@ INSTANTIATE_TEST_SUITE_P(
                                     {0.99995, 40, 30, {{100, 102}}, 97},
                                     {1.0001, 20, 30, {{1250, 1300}, {3000, 3001}}, 211}}),
     [](const auto& info) { return std::string(info.param.name); });
-
-// ---- CafWriter -------------------------------------------------------------------------------------
-
-TEST(CafWriterTest, positionsFillGapsAndDropOverlapsAndFfmpegReadsTheFile) {
-    TempDir dir(QStringLiteral("caf"));
-    const QString path = dir.filePath("t.caf");
-    {
-        CafWriter writer(path, kRate, 2);
-        std::vector<float> ones(2 * kRate / 10, 0.5f); // 100 ms
-        writer.write(ones.data(), kRate / 10, 0);
-        writer.write(ones.data(), kRate / 10, kRate / 2);      // after a 400 ms hole
-        writer.write(ones.data(), kRate / 10, kRate / 2 + 10); // overlaps all but 10 frames
-        EXPECT_EQ(writer.endFrames(), kRate / 2 + kRate / 10 + 10);
-        writer.finish();
-    }
-    const MediaInfo facts = probe(path);
-    ASSERT_TRUE(facts.valid) << facts.error.toStdString();
-    EXPECT_EQ(facts.codecName, "pcm_f32le");
-    EXPECT_EQ(facts.sampleRateHz, kRate);
-    EXPECT_EQ(facts.channels, 2);
-    const std::vector<float> samples = decodeToMonoFloat(path, kRate);
-    ASSERT_EQ(samples.size(), static_cast<size_t>(kRate / 2 + kRate / 10 + 10));
-    EXPECT_NEAR(rmsDbBetween(samples, kRate, 0.0, 0.1), 20 * std::log10(0.5), 0.01);
-    EXPECT_LT(rmsDbBetween(samples, kRate, 0.1, 0.5), -190.0);
-    EXPECT_NEAR(rmsDbBetween(samples, kRate, 0.5, 0.6), 20 * std::log10(0.5), 0.01);
-}
-
-// A file whose writer never finished (the process was killed) still reads up to its last flush.
-TEST(CafWriterTest, unfinishedFileIsReadableToItsEnd) {
-    TempDir dir(QStringLiteral("caf"));
-    const QString path = dir.filePath("killed.caf");
-    auto writer = std::make_unique<CafWriter>(path, kRate, 2);
-    std::vector<float> tone(2 * kRate * 2);
-    for (size_t i = 0; i < tone.size(); ++i)
-        tone[i] = 0.3f * std::sin(static_cast<float>(i / 2) * 0.05f);
-    writer->write(tone.data(), 2 * kRate, 0); // 2 s: flushed every second
-    const QByteArray snapshot = [&] {
-        QFile file(path);
-        file.open(QIODevice::ReadOnly);
-        return file.readAll();
-    }();
-    writer.reset(); // lets the handle go; the copy above is what a crash would have left
-    QFile crashed(dir.filePath("crashed.caf"));
-    ASSERT_TRUE(crashed.open(QIODevice::WriteOnly));
-    crashed.write(snapshot);
-    crashed.close();
-    const std::vector<float> samples = decodeToMonoFloat(crashed.fileName(), kRate);
-    EXPECT_GE(static_cast<double>(samples.size()) / kRate, 1.0);
-}
 
 // ---- Hand-off ---------------------------------------------------------------------------------------
 
@@ -221,26 +171,77 @@ INSTANTIATE_TEST_SUITE_P(
         ChainCase{"loopStopsWhereItCloses", {{6, "a", "b", {}}, {7, "b", "a", {}}}, {}, "a", "b"}),
     [](const ::testing::TestParamInfo<ChainCase>& info) { return std::string(info.param.name); });
 
-// ---- A file that cannot be written ------------------------------------------------------------------------
+// ---- Track files ------------------------------------------------------------------------------------------
 
 enum class Writer { caf, m4a, aiff };
 
-class WriteFailureTest : public ::testing::TestWithParam<Writer> {};
+const char* extensionOf(Writer writer) {
+    return writer == Writer::caf ? "caf" : writer == Writer::m4a ? "m4a" : "aiff";
+}
+
+std::unique_ptr<TrackFile> makeWriter(Writer writer, const QString& path, int rateHz) {
+    if (writer == Writer::caf)
+        return std::make_unique<CafWriter>(path, rateHz, 2);
+    if (writer == Writer::m4a)
+        return std::make_unique<M4aWriter>(path, rateHz, 2);
+    return std::make_unique<AiffWriter>(path, rateHz, 2);
+}
+
+std::vector<float> stereoTone(int rateHz, double seconds) {
+    std::vector<float> samples(2 * static_cast<size_t>(seconds * rateHz));
+    for (size_t i = 0; i < samples.size(); ++i)
+        samples[i] = 0.5f * std::sin(2.0f * 3.14159265f * 441.0f * static_cast<float>(i / 2) / rateHz);
+    return samples;
+}
+
+class TrackFileTest : public ::testing::TestWithParam<Writer> {};
+
+// A position past the end is preceded by silence, frames before the end are dropped, and ffmpeg reads the
+// result at its exact length.
+TEST_P(TrackFileTest, positionsFillGapsAndDropOverlaps) {
+    constexpr int kRateHz = 44100;
+    TempDir dir(QStringLiteral("trackfile"));
+    const QString path = dir.filePath(QStringLiteral("gaps.") + extensionOf(GetParam()));
+    const std::vector<float> second = stereoTone(kRateHz, 1.0);
+    {
+        const std::unique_ptr<TrackFile> file = makeWriter(GetParam(), path, kRateHz);
+        file->write(second.data(), kRateHz, 0);
+        file->write(second.data(), kRateHz, 2 * kRateHz);               // one second of silence before it
+        file->write(second.data(), kRateHz, 2 * kRateHz + kRateHz / 2); // half overlaps: only its last half is kept
+        file->finish();
+    }
+    EXPECT_NEAR(probe(path).formatDurationS, 3.5, 0.002);
+    const std::vector<float> decoded = decodeToMonoFloat(path, kRateHz);
+    EXPECT_GT(rmsDbBetween(decoded, kRateHz, 0.2, 0.8), -12.0);
+    EXPECT_LT(rmsDbBetween(decoded, kRateHz, 1.2, 1.8), -60.0);
+    EXPECT_GT(rmsDbBetween(decoded, kRateHz, 2.6, 3.4), -12.0);
+}
+
+// A file whose writer never finished (the process was killed) still reads up to its last flush (the AIFF
+// fallback only once finished).
+class UnfinishedTrackFileTest : public TrackFileTest {};
+
+TEST_P(UnfinishedTrackFileTest, isReadableUpToItsLastFlush) {
+    constexpr int kRateHz = 44100;
+    TempDir dir(QStringLiteral("trackfile"));
+    const QString path = dir.filePath(QStringLiteral("live.") + extensionOf(GetParam()));
+    const QString snapshot = dir.filePath(QStringLiteral("crashed.") + extensionOf(GetParam()));
+    const std::vector<float> audio = stereoTone(kRateHz, 3.0);
+    const std::unique_ptr<TrackFile> file = makeWriter(GetParam(), path, kRateHz);
+    file->write(audio.data(), 3 * kRateHz, 0);
+    ASSERT_TRUE(QFile::copy(path, snapshot)); // what a crash at this moment would leave on disk
+    const std::vector<float> decoded = decodeToMonoFloat(snapshot, kRateHz);
+    EXPECT_GE(static_cast<double>(decoded.size()) / kRateHz, 1.0);
+    EXPECT_GT(rmsDbBetween(decoded, kRateHz, 0.1, 0.9), -12.0);
+}
 
 // Whatever the writer, the track tells of the first failed write once, goes on without crashing, and what
 // reached the file before stays readable.
-TEST_P(WriteFailureTest, aFullDiskIsToldOnceAndTheFileStaysReadable) {
+TEST_P(TrackFileTest, aFullDiskIsToldOnceAndTheFileStaysReadable) {
     constexpr int kRateHz = 44100;
     TempDir dir(QStringLiteral("writefail"));
-    const char* extension = GetParam() == Writer::caf ? "caf" : GetParam() == Writer::m4a ? "m4a" : "aiff";
-    const QString path = dir.filePath(QStringLiteral("track.") + extension);
-    std::unique_ptr<TrackFile> file;
-    if (GetParam() == Writer::caf)
-        file = std::make_unique<CafWriter>(path, kRateHz, 2);
-    else if (GetParam() == Writer::m4a)
-        file = std::make_unique<M4aWriter>(path, kRateHz, 2);
-    else
-        file = std::make_unique<AiffWriter>(path, kRateHz, 2);
+    const QString path = dir.filePath(QStringLiteral("track.") + extensionOf(GetParam()));
+    std::unique_ptr<TrackFile> file = makeWriter(GetParam(), path, kRateHz);
     std::mutex mutex;
     std::vector<CaptureEvent> events;
     CaptureTrack::Settings settings;
@@ -278,10 +279,10 @@ TEST_P(WriteFailureTest, aFullDiskIsToldOnceAndTheFileStaysReadable) {
               QStringLiteral("Espace disque insuffisant"));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Writers, WriteFailureTest, ::testing::Values(Writer::caf, Writer::m4a, Writer::aiff), [](const auto& info) {
-        return std::string(info.param == Writer::caf ? "caf" : info.param == Writer::m4a ? "m4a" : "aiff");
-    });
+INSTANTIATE_TEST_SUITE_P(Writers, TrackFileTest, ::testing::Values(Writer::caf, Writer::m4a, Writer::aiff),
+                         [](const auto& info) { return std::string(extensionOf(info.param)); });
+INSTANTIATE_TEST_SUITE_P(Writers, UnfinishedTrackFileTest, ::testing::Values(Writer::caf, Writer::m4a),
+                         [](const auto& info) { return std::string(extensionOf(info.param)); });
 
 // ---- Device choice and levels ------------------------------------------------------------------------
 

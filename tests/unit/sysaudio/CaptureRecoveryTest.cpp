@@ -5,7 +5,6 @@
 
 #include "Media.h"
 #include "ScopedEnvironment.h"
-#include "SignalTools.h"
 #include "TempDir.h"
 #include "audio/files/M4aWriter.h"
 #include "audio/files/RecordingJournal.h"

@@ -6,7 +6,6 @@
 
 #include "Command.h"
 #include "Media.h"
-#include "SignalTools.h"
 #include "TempDir.h"
 #include "audio/merge/TrackMerger.h"
 #include "core/Log.h"

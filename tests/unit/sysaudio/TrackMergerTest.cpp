@@ -2,7 +2,6 @@
 
 #include "Media.h"
 #include "ScopedEnvironment.h"
-#include "SignalTools.h"
 #include "TempDir.h"
 #include "audio/ffmpeg/FfmpegHandles.h"
 #include "audio/sources/SystemAudioSource.h"
