@@ -109,46 +109,6 @@ protected:
     double m_startS = 0.0;
 };
 
-// ---- PipeWire: the tap ----------------------------------------------------------------------------
-
-class ProcessTapTest : public CaptureFixture {
-protected:
-    void SetUp() override {
-        QString missing;
-        if (!PipeWireFixture::isAvailable(&missing))
-            GTEST_SKIP() << "PipeWire missing: " << missing.toStdString();
-        CaptureFixture::SetUp();
-        ASSERT_TRUE(m_server.start());
-        ASSERT_TRUE(m_server.warmUp());
-    }
-    PipeWireFixture m_server;
-};
-
-TEST_F(ProcessTapTest, followsTheDefaultOutputAndNeverRecordsTheMicrophone) {
-    ProcessTapRecorder tap;
-    starting();
-    ASSERT_NO_THROW(tap.startBlocking());
-    started();
-    // The microphone speaks the whole time: none of it may reach the system track.
-    ASSERT_TRUE(makeTone(300, 6.0, m_dir.filePath("mic.wav"), 1, kRate, 0.5));
-    auto micPlayer = m_server.playIntoMicrophone(m_dir.filePath("mic.wav"));
-    std::this_thread::sleep_for(700ms);
-    ASSERT_TRUE(m_server.setDefaultSink(m_server.blackHoleSink()));
-    std::this_thread::sleep_for(1s);
-    EXPECT_EQ(tap.targetSink(), m_server.blackHoleSink());
-    const Played played = play(m_server, m_server.blackHoleSink(), m_tone);
-    std::this_thread::sleep_for(500ms);
-    const double totalS = elapsedS();
-    const auto file = tap.stopBlocking();
-    ASSERT_TRUE(file);
-
-    const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
-    expectRealTime(static_cast<double>(samples.size()) / kRate, totalS, "the move left a hole");
-    const double onset = onsetAfter(samples, 0.0);
-    EXPECT_TRUE(played.holds(onset)) << onset << " not in " << played.fromS << ".." << played.toS;
-    EXPECT_LT(rmsDbBetween(samples, kRate, 0.1, onset - 0.1), -60.0) << "the microphone leaked in";
-}
-
 // ---- PulseAudio: the output monitor and the virtual device -------------------------------------------
 
 class PulseCaptureTest : public CaptureFixture {
@@ -188,34 +148,6 @@ TEST_F(PulseCaptureTest, monitorTrackKeepsRealTimeThroughASuspendedOutput) {
     // A track that lost the suspended stretch would be 7 s early.
     const double secondOnset = onsetAfter(samples, firstOnset + 1.0);
     EXPECT_TRUE(second.holds(secondOnset)) << secondOnset << " not in " << second.fromS << ".." << second.toS;
-}
-
-TEST_F(PulseCaptureTest, monitorFollowsTheDefaultOutput) {
-    ASSERT_TRUE(m_server.warmUp());
-    LogLines log;
-    SystemAudioRecorder recorder;
-    starting();
-    ASSERT_NO_THROW(recorder.startBlocking());
-    started();
-    std::this_thread::sleep_for(500ms);
-    ASSERT_TRUE(m_server.setDefaultSink(m_server.blackHoleSink()));
-    std::this_thread::sleep_for(1s);
-    EXPECT_EQ(recorder.expectedSource(), AudioServerFixture::monitorOf(m_server.blackHoleSink()));
-    // Into the old output after the change: not ours any more.
-    play(m_server, m_server.speakerSink(), m_low);
-    std::this_thread::sleep_for(500ms);
-    const Played played = play(m_server, m_server.blackHoleSink(), m_tone);
-    std::this_thread::sleep_for(500ms);
-    const double totalS = elapsedS();
-    const auto file = recorder.stopBlocking();
-    ASSERT_TRUE(file);
-
-    const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
-    expectRealTime(static_cast<double>(samples.size()) / kRate, totalS, "the move left a hole");
-    const double onset = onsetAfter(samples, 0.0);
-    EXPECT_TRUE(played.holds(onset)) << onset << " not in " << played.fromS << ".." << played.toS;
-    EXPECT_TRUE(
-        log.lines().contains(QStringLiteral("[SystemAudio] Sortie par défaut changée → ") + m_server.blackHoleSink()));
 }
 
 // An application plays on the output and the monitor hears nothing but zeros for 15 s: the side is told once, and
@@ -472,6 +404,52 @@ TEST_P(PausedSourceTest, leavesThePauseOutAndKeepsTimeAroundIt) {
     EXPECT_TRUE(lines.contains(started + QFileInfo(*file).fileName())) << lines.join('\n').toStdString();
     EXPECT_TRUE(lines.contains(stopped));
 }
+
+// The user picks another output in the middle of a recording: the source follows it without a hole, and neither
+// the microphone (speaking the whole time) nor the old output reaches the system track.
+class DefaultOutputSourceTest : public PausedSourceTest {};
+
+TEST_P(DefaultOutputSourceTest, followsTheDefaultOutputAndHearsNothingElse) {
+    const bool tap = GetParam() == SourceKind::tap;
+    std::unique_ptr<CaptureSourceBase> source;
+    if (tap)
+        source = std::make_unique<ProcessTapRecorder>();
+    else
+        source = std::make_unique<SystemAudioRecorder>();
+    LogLines log;
+    starting();
+    ASSERT_NO_THROW(source->startBlocking());
+    started();
+    ASSERT_TRUE(makeTone(300, 6.0, m_dir.filePath("mic.wav"), 1, kRate, 0.5));
+    auto micPlayer = m_server->playIntoMicrophone(m_dir.filePath("mic.wav"));
+    std::this_thread::sleep_for(700ms);
+    ASSERT_TRUE(m_server->setDefaultSink(m_server->blackHoleSink()));
+    std::this_thread::sleep_for(1s);
+    if (tap)
+        EXPECT_EQ(static_cast<ProcessTapRecorder&>(*source).targetSink(), m_server->blackHoleSink());
+    else
+        EXPECT_EQ(static_cast<SystemAudioRecorder&>(*source).expectedSource(),
+                  AudioServerFixture::monitorOf(m_server->blackHoleSink()));
+    play(*m_server, m_server->speakerSink(), m_low); // into the old output after the change: not ours any more
+    std::this_thread::sleep_for(500ms);
+    const Played played = play(*m_server, m_server->blackHoleSink(), m_tone);
+    std::this_thread::sleep_for(500ms);
+    const double totalS = elapsedS();
+    const auto file = source->stopBlocking();
+    ASSERT_TRUE(file);
+
+    const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
+    expectRealTime(static_cast<double>(samples.size()) / kRate, totalS, "the move left a hole");
+    const double onset = onsetAfter(samples, 0.0);
+    EXPECT_TRUE(played.holds(onset)) << onset << " not in " << played.fromS << ".." << played.toS;
+    EXPECT_LT(rmsDbBetween(samples, kRate, 0.1, onset - 0.1), -60.0) << "the microphone or the old output got in";
+    if (!tap)
+        EXPECT_TRUE(log.lines().contains(QStringLiteral("[SystemAudio] Sortie par défaut changée → ") +
+                                         m_server->blackHoleSink()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Sources, DefaultOutputSourceTest, ::testing::Values(SourceKind::tap, SourceKind::monitor),
+                         [](const auto& info) { return info.param == SourceKind::tap ? "tap" : "monitor"; });
 
 INSTANTIATE_TEST_SUITE_P(Sources, PausedSourceTest,
                          ::testing::Values(SourceKind::tap, SourceKind::monitor, SourceKind::virtualDevice),
