@@ -53,11 +53,3 @@ INSTANTIATE_TEST_SUITE_P(
         Expected{describe(SystemAudioError::tapFailed), "tapFailed",
                  "Impossible de démarrer la capture audio système (process-tap)."}),
     [](const auto& info) { return std::string(info.param.caseName); });
-
-TEST(ErrorTexts, permissionDeniedHoldsExactlyOneLineBreakBetweenItsSentences) {
-    const QString text = errorDescription(SystemAudioError::permissionDenied);
-    EXPECT_EQ(text.count('\n'), 1);
-    EXPECT_TRUE(text.section('\n', 0, 0).endsWith('.'));
-    for (RecordError e : {RecordError::recordFailed, RecordError::microphoneDenied})
-        EXPECT_FALSE(errorDescription(e).contains('\n'));
-}
