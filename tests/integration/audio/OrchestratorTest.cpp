@@ -370,28 +370,6 @@ TEST_F(Orchestrator, stopsSourcesOneAfterAnotherMergesMovesAndDeletesIntermediat
     Q_UNUSED(mic);
 }
 
-// The microphone file is the recording; the other side stays in the capture directory, with the journal that
-// lets the next launch merge it in.
-TEST_F(Orchestrator, aFailedMergeKeepsTheMicrophoneFileAndTheSystemFilesForTheNextLaunch) {
-    Built built = build(scenario([](Scenario& s) {
-        s.tap = Script::failsTap;
-        s.merge = Scenario::Merge::fails;
-    }));
-    AudioRecorder recorder(built.backends);
-    ASSERT_FALSE(startAndWait(recorder));
-    const QString mic = micName();
-    const QStringList systemFiles = m_home.tempFiles();
-    AudioLog log;
-    const std::optional<QString> result = stopAndWait(recorder);
-    ASSERT_TRUE(result);
-    EXPECT_EQ(QFileInfo(*result).fileName(), mic);
-    EXPECT_EQ(m_home.recordings(), QStringList{mic});
-    EXPECT_EQ(m_home.tempFiles(), systemFiles);
-    EXPECT_TRUE(systemFiles.contains(QFileInfo(mic).completeBaseName() + ".journal"));
-    EXPECT_EQ(log.lines(), (QStringList{"[AudioRecorder] Micro arrêté",
-                                        "[AudioRecorder] Fusion échouée, micro seul : mergeFailed"}));
-}
-
 TEST_F(Orchestrator, aMergedFileThatCannotBeMovedStaysInTheCaptureDirectoryAndTheMicFileGoes) {
     // A folder in the way of the name the merge chose.
     const QString merged = RecordingFiles::captureDir() + "/tavrel_merged_1.m4a";
@@ -415,18 +393,38 @@ TEST_F(Orchestrator, aMergedFileThatCannotBeMovedStaysInTheCaptureDirectoryAndTh
     EXPECT_EQ(lines[2], "[AudioRecorder] Pistes fusionnées (1 voie(s) correspondant) : tavrel_merged_1.m4a");
 }
 
-TEST_F(Orchestrator, sourcesWithoutAFileLeaveTheMicrophoneFileAsTheRecording) {
-    Built built = build(scenario([](Scenario& s) { s.sourcesYieldFiles = false; }));
+// A failed merge, or sources that made no file: the microphone file is the recording. After a failed merge the
+// other side stays in the capture directory, with the journal that lets the next launch merge it in.
+class MicrophoneFileAlone : public Orchestrator, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(MicrophoneFileAlone, isTheRecording) {
+    const bool mergeFails = GetParam();
+    Built built = build(scenario([&](Scenario& s) {
+        s.tap = Script::failsTap;
+        s.merge = mergeFails ? Scenario::Merge::fails : Scenario::Merge::succeeds;
+        s.sourcesYieldFiles = mergeFails;
+    }));
     AudioRecorder recorder(built.backends);
     ASSERT_FALSE(startAndWait(recorder));
     const QString mic = micName();
+    const QStringList systemFiles = m_home.tempFiles();
     AudioLog log;
     const std::optional<QString> result = stopAndWait(recorder);
     ASSERT_TRUE(result);
     EXPECT_EQ(QFileInfo(*result).fileName(), mic);
-    EXPECT_FALSE(built.journal->join(',').contains("merge"));
-    EXPECT_EQ(log.lines(), QStringList{"[AudioRecorder] Micro arrêté"});
+    EXPECT_EQ(m_home.recordings(), QStringList{mic});
+    EXPECT_EQ(built.journal->join(',').contains("merge"), mergeFails);
+    QStringList expected{"[AudioRecorder] Micro arrêté"};
+    if (mergeFails) {
+        EXPECT_EQ(m_home.tempFiles(), systemFiles);
+        EXPECT_TRUE(systemFiles.contains(QFileInfo(mic).completeBaseName() + ".journal"));
+        expected << "[AudioRecorder] Fusion échouée, micro seul : mergeFailed";
+    }
+    EXPECT_EQ(log.lines(), expected);
 }
+
+INSTANTIATE_TEST_SUITE_P(After, MicrophoneFileAlone, ::testing::Bool(),
+                         [](const auto& info) { return info.param ? "aFailedMerge" : "sourcesWithoutAFile"; });
 
 TEST_F(Orchestrator, pauseAndResumeReachEverySourceOnlyWhenTheyChangeSomething) {
     Built built = build(scenario([](Scenario& s) {

@@ -54,10 +54,7 @@ private:
 
 /// The first onset at or after `fromS` (seconds), or -1.
 double onsetAfter(const std::vector<float>& samples, double fromS, double thresholdDb = -30.0) {
-    for (double onset : findSoundOnsets(samples, kRate, thresholdDb, 150))
-        if (onset >= fromS)
-            return onset;
-    return -1.0;
+    return onsetSeconds(samples, kRate, thresholdDb, fromS).value_or(-1.0);
 }
 
 class CaptureFixture : public ::testing::Test {
