@@ -25,8 +25,6 @@
 namespace tavrel::test {
 namespace {
 
-constexpr int kRate = 48000;
-
 // ---- The recording's clock, over an hour ---------------------------------------------------------------
 
 struct AlignmentCase {
