@@ -101,8 +101,8 @@ const QStringList kOther{QStringLiteral("com.example.recorder")};
 const QStringList kUnanswered{QStringLiteral("<the server did not answer>")};
 
 // A run of polls and what the owner and the log saw, in order. The plain cases (a declined or accepted
-// call, a call during a recording, an unknown application, a muted client, a restarting server) run
-// against a real server in the integration tests; these are the edges.
+// call, a call during a recording, a muted client, a restarting server) run against a real server in the
+// integration tests; these are the edges, and the log of unknown applications.
 struct Scenario {
     const char* name;
     std::vector<std::pair<QStringList, bool>> polls; // capturing applications (or kUnanswered), recording at that poll
@@ -142,6 +142,11 @@ INSTANTIATE_TEST_SUITE_P(
                  {{kZoom, false}, {kOther, false}, {kOther, false}, {kOther, false}},
                  {},
                  {"prompt", "log:" + kUnknown + "com.example.recorder", "end"}},
+        // One poll with the microphone free ends a stretch of unknown use; the next stretch is logged again.
+        Scenario{"unknownUseLoggedOncePerStretch",
+                 {{kOther, false}, {kOther, false}, {kNone, false}, {kOther, false}, {kOther, false}},
+                 {},
+                 {"log:" + kUnknown + "com.example.recorder", "log:" + kUnknown + "com.example.recorder"}},
         Scenario{"unknownDuringCallStretchNotLoggedAgainAfterCall",
                  {{kOther, false}, {kOther + kZoom, false}, {kOther, false}, {kOther, false}, {kOther, false}},
                  {},
