@@ -56,8 +56,6 @@ TEST_F(UploadWorkflowTest, AcceptedUploadDeletesTheFilesAndFollowsTheJobToTheSum
 
     EXPECT_FALSE(QFile::exists(path));
     EXPECT_FALSE(QFile::exists(DelegateHarness::notesPath(path)));
-    EXPECT_EQ(h.backend.fields().value("client_id").toString(), "42");
-    EXPECT_EQ(h.backend.fields().value("notes").toString(), "[0:05] Prix");
     EXPECT_EQ(h.notifier->notifications,
               (Notifications{
                   {kUploadedTitle, QStringLiteral("« Réunion commune » — transcription en cours, vous serez notifié.")},
