@@ -1,8 +1,10 @@
 # The backend client and the upload workflow against the reference backend (tools/reference-backend) on
 # loopback.
+# ReferenceBackend and DelegateHarness live with the other fixtures in tests/support; this library keeps
+# the binaries that do not talk to the backend from linking Qt Network and the core.
 add_library(tavrel_net_testbackend STATIC
-    ${CMAKE_CURRENT_LIST_DIR}/net/ReferenceBackend.cpp ${CMAKE_CURRENT_LIST_DIR}/net/ReferenceBackend.h)
-target_include_directories(tavrel_net_testbackend PUBLIC ${CMAKE_CURRENT_LIST_DIR}/net)
+    ${PROJECT_SOURCE_DIR}/tests/support/ReferenceBackend.cpp ${PROJECT_SOURCE_DIR}/tests/support/ReferenceBackend.h
+    ${PROJECT_SOURCE_DIR}/tests/support/DelegateHarness.h)
 target_link_libraries(tavrel_net_testbackend PUBLIC tavrel_testsupport tavrel_core Qt6::Network QCoro6::Core)
 target_compile_definitions(tavrel_net_testbackend PRIVATE TAVREL_SOURCE_DIR_FALLBACK="${PROJECT_SOURCE_DIR}")
 tavrel_warnings(tavrel_net_testbackend)
@@ -13,7 +15,7 @@ tavrel_add_test(net_integration_tests LABELS integration
 
 # The delegate's upload workflow needs widgets (the delegate owns the recording panel).
 tavrel_add_test(net_workflow_tests LABELS integration QT_GUI
-    SOURCES ${CMAKE_CURRENT_LIST_DIR}/net/UploadWorkflowTest.cpp ${CMAKE_CURRENT_LIST_DIR}/net/DelegateHarness.h
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/net/UploadWorkflowTest.cpp
     LIBS tavrel_app tavrel_net tavrel_platform_fake tavrel_net_testbackend)
 
 # The real program (the shipped binary for its real dialogs, the test build for scripted answers) sending

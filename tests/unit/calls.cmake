@@ -1,5 +1,3 @@
 tavrel_add_test(calls_unit_tests LABELS unit
-    SOURCES ${CMAKE_CURRENT_LIST_DIR}/calls/AuthLinkTest.cpp
-            ${CMAKE_CURRENT_LIST_DIR}/calls/CallMonitorTest.cpp
-            ${CMAKE_CURRENT_LIST_DIR}/calls/StreamIdentityTest.cpp
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/calls/StreamIdentityTest.cpp
     LIBS tavrel_core tavrel_audio)

@@ -33,39 +33,6 @@ protected:
     CallMonitor m_monitor{std::make_unique<PulseMicInputQuery>()};
 };
 
-// The virtual microphone's own filter stream is always there and never counts; an unrecognised
-// application is logged by its executable once per stretch of use, and never prompts.
-TEST_F(CallMonitorOnPulse, unknownApplicationIsLoggedOncePerStretchByItsExecutable) {
-    int prompts = 0;
-    m_monitor.presentPrompt = [&](const QString&, const QString&, const QStringList&) { return ++prompts, false; };
-    const QString line = QStringLiteral("[CallMonitor] Micro utilisé mais appli non reconnue : obs");
-    const auto pollUntil = [&](const std::function<bool()>& condition) {
-        return test::waitUntil(
-            [&] {
-                QCoro::waitFor(m_monitor.poll());
-                QCoreApplication::processEvents();
-                return condition();
-            },
-            5s, 30ms);
-    };
-    for (int stretch = 1; stretch <= 2; ++stretch) {
-        test::RecordingClientOptions obs;
-        obs.applicationId.clear();
-        obs.processBinary = QStringLiteral("obs");
-        ManagedProcess client = m_pulse.startRecordingClient(obs);
-        ASSERT_TRUE(pollUntil([&] { return m_log.count(line) == stretch; })) << m_log.join(u'\n').toStdString();
-        for (int i = 0; i < 4; ++i)
-            QCoro::waitFor(m_monitor.poll());
-        EXPECT_EQ(m_log.count(line), stretch);
-        client.stop();
-        // One poll with the microphone free ends the stretch.
-        ASSERT_TRUE(pollUntil([&] { return !micInUse(); }));
-        QCoro::waitFor(m_monitor.poll());
-    }
-    EXPECT_EQ(m_log.size(), 2) << m_log.join(u'\n').toStdString();
-    EXPECT_EQ(prompts, 0);
-}
-
 // The real two-second timer, and a real modal dialog: polling goes on inside the dialog's event loop, so a
 // call that ends while the prompt is up is reported (after its three polls without the client), and
 // accepting afterwards still starts.

