@@ -69,13 +69,13 @@ void onStreamState(pa_stream* stream, void* userdata) {
 }
 
 void openStream(Client& client) {
-    const pa_sample_spec spec{PA_SAMPLE_S16LE, 48000, 1};
-    client.stream = pa_stream_new(client.context, "Microphone", &spec, nullptr);
+    const pa_sample_spec format{PA_SAMPLE_S16LE, 48000, 1};
+    client.stream = pa_stream_new(client.context, "Microphone", &format, nullptr);
     pa_stream_set_state_callback(client.stream, &onStreamState, &client);
     pa_stream_set_read_callback(client.stream, &onRead, &client);
     pa_buffer_attr attr{};
     attr.maxlength = static_cast<uint32_t>(-1);
-    attr.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(20000, &spec));
+    attr.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(20000, &format));
     const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY |
                                                       (client.corked ? PA_STREAM_START_CORKED : PA_STREAM_NOFLAGS));
     pa_stream_connect_record(client.stream, client.source, &attr, flags);
