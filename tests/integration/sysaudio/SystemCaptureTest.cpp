@@ -84,6 +84,21 @@ protected:
     void started() { m_startS = secondsSince(m_before); }
     double elapsedS() const { return secondsSince(m_before); }
 
+    /// A private audio server, started and warmed up: PipeWire (skipped where it is missing) or PulseAudio.
+    void startServer(std::unique_ptr<AudioServerFixture>& server, bool pipeWire) {
+        if (pipeWire) {
+            QString missing;
+            if (!PipeWireFixture::isAvailable(&missing))
+                GTEST_SKIP() << "PipeWire missing: " << missing.toStdString();
+            server = std::make_unique<PipeWireFixture>();
+        } else {
+            server = std::make_unique<PulseAudioFixture>();
+        }
+        CaptureFixture::SetUp();
+        ASSERT_TRUE(server->start());
+        ASSERT_TRUE(server->warmUp());
+    }
+
     /// Plays `file` into `sink` to its end.
     Played play(AudioServerFixture& server, const QString& sink, const QString& file) {
         const double launched = elapsedS();
@@ -288,19 +303,7 @@ enum class SourceKind { tap, monitor, virtualDevice };
 
 class PausedSourceTest : public CaptureFixture, public ::testing::WithParamInterface<SourceKind> {
 protected:
-    void SetUp() override {
-        if (GetParam() == SourceKind::tap) {
-            QString missing;
-            if (!PipeWireFixture::isAvailable(&missing))
-                GTEST_SKIP() << "PipeWire missing: " << missing.toStdString();
-            m_server = std::make_unique<PipeWireFixture>();
-        } else {
-            m_server = std::make_unique<PulseAudioFixture>();
-        }
-        CaptureFixture::SetUp();
-        ASSERT_TRUE(m_server->start());
-        ASSERT_TRUE(m_server->warmUp());
-    }
+    void SetUp() override { startServer(m_server, GetParam() == SourceKind::tap); }
     std::unique_ptr<AudioServerFixture> m_server;
 };
 
@@ -466,17 +469,9 @@ enum class FilterCase { monitorOnPulseAudio, monitorOnPipeWire, tapOnPipeWire };
 class FilterOutputTest : public CaptureFixture, public ::testing::WithParamInterface<FilterCase> {
 protected:
     void SetUp() override {
-        if (GetParam() != FilterCase::monitorOnPulseAudio) {
-            QString missing;
-            if (!PipeWireFixture::isAvailable(&missing))
-                GTEST_SKIP() << "PipeWire missing: " << missing.toStdString();
-            m_server = std::make_unique<PipeWireFixture>();
-        } else {
-            m_server = std::make_unique<PulseAudioFixture>();
-        }
-        CaptureFixture::SetUp();
-        ASSERT_TRUE(m_server->start());
-        ASSERT_TRUE(m_server->warmUp());
+        startServer(m_server, GetParam() != FilterCase::monitorOnPulseAudio);
+        if (IsSkipped() || HasFatalFailure())
+            return;
         ASSERT_TRUE(m_server->loadModule("module-echo-cancel",
                                          "aec_method=webrtc sink_name=tavrel_ec_sink source_name=tavrel_ec_source "
                                          "sink_master=" +
