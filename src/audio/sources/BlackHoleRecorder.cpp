@@ -141,12 +141,11 @@ void BlackHoleRecorder::startBlocking() {
             file = std::make_unique<M4aWriter>(path, kSampleRateHz, kChannels);
         else
             file = std::make_unique<AiffWriter>(path, kSampleRateHz, kChannels);
-        CaptureTrack::Settings track;
-        track.sampleRateHz = kSampleRateHz;
-        track.channels = kChannels;
-        track.threadName = "fr.tavrel.recorder.blackhole";
-        track.side = CaptureSide::virtualDevice;
-        track.logPrefix = kLogPrefix;
+        const CaptureTrack::Settings track{.sampleRateHz = kSampleRateHz,
+                                           .channels = kChannels,
+                                           .threadName = "fr.tavrel.recorder.blackhole",
+                                           .side = CaptureSide::virtualDevice,
+                                           .logPrefix = kLogPrefix};
         m_track = std::make_unique<CaptureTrack>(
             std::move(file), clock, track, m_events,
             [this](const float* samples, int64_t frames) { storeLevel(chunkLevel(samples, frames, kChannels)); });

@@ -41,12 +41,11 @@ MicRecorder::Access MicRecorder::microphoneAccess() {
 
 MicRecorder::MicRecorder(const QString& path, std::shared_ptr<RecordingClock> clock, CaptureEvents events)
     : m_path(path), m_clock(clock), m_pulse(PulseContext::instance()) {
-    CaptureTrack::Settings track;
-    track.sampleRateHz = kSampleRateHz;
-    track.channels = kChannels;
-    track.threadName = "tavrel-mic";
-    track.side = CaptureSide::microphone;
-    track.logPrefix = kLogPrefix;
+    const CaptureTrack::Settings track{.sampleRateHz = kSampleRateHz,
+                                       .channels = kChannels,
+                                       .threadName = "tavrel-mic",
+                                       .side = CaptureSide::microphone,
+                                       .logPrefix = kLogPrefix};
     m_track =
         std::make_unique<CaptureTrack>(std::make_unique<M4aWriter>(path, kSampleRateHz, kChannels), std::move(clock),
                                        track, events, [this](const float* samples, int64_t frames) {

@@ -71,12 +71,11 @@ void ProcessTapRecorder::startBlocking() {
     try {
         if (fails(Step::file))
             throw FileWriteError(QStringLiteral("Création refusée"), EACCES);
-        CaptureTrack::Settings track;
-        track.sampleRateHz = kSampleRateHz;
-        track.channels = kChannels;
-        track.threadName = kThreadName;
-        track.side = CaptureSide::systemAudio;
-        track.logPrefix = kLogPrefix;
+        const CaptureTrack::Settings track{.sampleRateHz = kSampleRateHz,
+                                           .channels = kChannels,
+                                           .threadName = kThreadName,
+                                           .side = CaptureSide::systemAudio,
+                                           .logPrefix = kLogPrefix};
         m_track = std::make_unique<CaptureTrack>(
             std::make_unique<CafWriter>(path, kSampleRateHz, kChannels), clock, track, m_events,
             [this](const float* samples, int64_t frames) { storeLevel(levelOf(samples, frames)); });

@@ -96,12 +96,11 @@ void SystemAudioRecorder::startBlocking() {
 
     const QString path = RecordingFiles::screenCaptureFile();
     m_outputURL = path;
-    CaptureTrack::Settings track;
-    track.sampleRateHz = kSampleRateHz;
-    track.channels = kChannels;
-    track.threadName = kThreadName;
-    track.side = CaptureSide::systemAudio;
-    track.logPrefix = kLogPrefix;
+    const CaptureTrack::Settings track{.sampleRateHz = kSampleRateHz,
+                                       .channels = kChannels,
+                                       .threadName = kThreadName,
+                                       .side = CaptureSide::systemAudio,
+                                       .logPrefix = kLogPrefix};
     try {
         m_track = std::make_unique<CaptureTrack>(
             std::make_unique<M4aWriter>(path, kSampleRateHz, kChannels), clock, track, m_events,
