@@ -207,9 +207,11 @@ TEST_P(MicrophoneFollows, theDefaultSourceWhateverHappensToTheDevice) {
     std::this_thread::sleep_for(1500ms);
     std::optional<int> added;
     if (replug) {
-        for (const auto& source : pulse().list("sources"))
-            if (source.toObject().value("name").toString() == pulse().micSource())
+        for (const auto& source : pulse().list("sources")) {
+            if (source.toObject().value("name").toString() == pulse().micSource()) {
                 ASSERT_TRUE(pulse().unloadModule(source.toObject().value("owner_module").toVariant().toInt()));
+            }
+        }
         std::this_thread::sleep_for(300ms);
         ASSERT_TRUE(
             pulse().loadModule("module-virtual-source",
