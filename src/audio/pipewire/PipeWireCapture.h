@@ -3,6 +3,7 @@
 #include "audio/pipewire/PipeWireHandles.h"
 
 #include <QString>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 
@@ -15,7 +16,9 @@ class PipeWireConnection;
 /// neither pitch nor time here. The process callback hands each buffer on with the monotonic time of its first
 /// frame and copies nothing itself.
 ///
-/// Made, connected and dropped under the connection's lock; `onChunk` runs on the loop thread.
+/// Made, connected and dropped under the connection's lock; `onChunk` runs on PipeWire's data thread at every graph
+/// cycle (it must copy and return: no lock, no allocation). Processed on the loop thread instead, the stream lost
+/// buffers whenever that thread fell behind, and the track lost that audio.
 class PipeWireCapture {
 public:
     static constexpr int kSampleRateHz = 48000;
@@ -37,6 +40,8 @@ public:
     const QString& sink() const { return m_sink; }
 
 private:
+    /// More buffers than a stream is given: what waits beyond this is taken at the next cycle.
+    static constexpr size_t kMaxBuffersPerCycle = 16;
     static const pw_stream_events kStreamEvents;
     static void onStateChanged(void* data, pw_stream_state old, pw_stream_state state, const char* error);
     static void onParamChanged(void* data, uint32_t id, const spa_pod* param);
@@ -48,7 +53,7 @@ private:
     spa_hook m_listener{};
     QString m_sink;
     pw_stream_state m_state = PW_STREAM_STATE_UNCONNECTED;
-    bool m_formatAccepted = false;
+    std::atomic<bool> m_formatAccepted{false}; // read by the process callback on the data thread
 };
 
 } // namespace tavrel
