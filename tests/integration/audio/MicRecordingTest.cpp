@@ -1,7 +1,6 @@
 #include "AudioTestSupport.h"
 #include "Media.h"
 #include "Wait.h"
-#include "audio/pulse/PulseContext.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -250,26 +249,3 @@ INSTANTIATE_TEST_SUITE_P(Changes, MicrophoneFollows,
                              return info.param == SourceChange::newDefaultSource ? "newDefaultSource"
                                                                                  : "deviceReplugged16kHz";
                          });
-
-TEST_F(MicRecording, theSharedConnectionAnswersServerQueries) {
-    auto connection = PulseContext::instance();
-    const PulseServerInfo info = connection->serverInfo();
-    EXPECT_EQ(info.defaultSourceName, pulse().micSource());
-    EXPECT_EQ(info.defaultSinkName, pulse().speakerSink());
-    QStringList sources;
-    for (const auto& source : connection->sources())
-        sources << source.name;
-    EXPECT_TRUE(sources.contains(pulse().micSource()));
-    EXPECT_TRUE(sources.contains(AudioServerFixture::monitorOf(pulse().blackHoleSink())));
-    bool foundBlackHole = false;
-    for (const auto& sink : connection->sinks()) {
-        if (sink.name == pulse().blackHoleSink()) {
-            foundBlackHole = true;
-            EXPECT_EQ(sink.description, AudioServerFixture::kBlackHoleDescription);
-            EXPECT_EQ(sink.monitorSourceName, AudioServerFixture::monitorOf(pulse().blackHoleSink()));
-        }
-    }
-    EXPECT_TRUE(foundBlackHole);
-    EXPECT_THROW(connection->sourceInfo("no-such-source"), PulseError);
-    EXPECT_EQ(PulseContext::instance(), connection);
-}

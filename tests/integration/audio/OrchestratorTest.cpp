@@ -180,16 +180,21 @@ protected:
     RecordingHome m_home;
 };
 
+/// What the session controller reads once the start is over.
+struct Outcome {
+    bool usingProcessTap = false;
+    bool screenCaptureActive = false;
+    bool usingBlackHole = false;
+    bool permissionMissing = false;
+    std::optional<QString> reason;
+};
+
 struct StartCase {
     const char* name;
     Scenario setup;
     QStringList journal;
     QStringList log;
-    bool usingProcessTap;
-    bool screenCaptureActive;
-    bool usingBlackHole;
-    bool permissionMissing;
-    std::optional<QString> reason;
+    Outcome outcome;
 };
 
 void PrintTo(const StartCase& c, std::ostream* os) {
@@ -212,12 +217,6 @@ const QString kBlackHoleStarted = "[AudioRecorder] BlackHole démarré (téléph
 const QString kBlackHoleFailed =
     "[AudioRecorder] BlackHole ignoré : Impossible de démarrer la capture audio système (process-tap).";
 
-Scenario scenario(std::function<void(Scenario&)> change) {
-    Scenario s;
-    change(s);
-    return s;
-}
-
 } // namespace
 
 TEST_P(OrchestratorStart, triesTheSourcesInTheirFallbackOrderAndReportsWhatRuns) {
@@ -229,116 +228,59 @@ TEST_P(OrchestratorStart, triesTheSourcesInTheirFallbackOrderAndReportsWhatRuns)
     EXPECT_TRUE(recorder.isRecording());
     EXPECT_EQ(*built.journal, c.journal);
     EXPECT_EQ(log.lines(micName()), c.log);
-    EXPECT_EQ(recorder.usingProcessTap(), c.usingProcessTap);
-    EXPECT_EQ(recorder.screenCaptureActive(), c.screenCaptureActive);
-    EXPECT_EQ(recorder.usingBlackHole(), c.usingBlackHole);
-    EXPECT_EQ(recorder.screenCapturePermissionMissing(), c.permissionMissing);
-    EXPECT_EQ(recorder.systemAudioActive(), c.usingProcessTap || c.screenCaptureActive || c.usingBlackHole);
-    EXPECT_EQ(recorder.systemAudioUnavailableReason(), c.reason);
+    const Outcome& o = c.outcome;
+    EXPECT_EQ(recorder.usingProcessTap(), o.usingProcessTap);
+    EXPECT_EQ(recorder.screenCaptureActive(), o.screenCaptureActive);
+    EXPECT_EQ(recorder.usingBlackHole(), o.usingBlackHole);
+    EXPECT_EQ(recorder.screenCapturePermissionMissing(), o.permissionMissing);
+    EXPECT_EQ(recorder.systemAudioActive(), o.usingProcessTap || o.screenCaptureActive || o.usingBlackHole);
+    EXPECT_EQ(recorder.systemAudioUnavailableReason(), o.reason);
     stopAndWait(recorder);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Outcomes, OrchestratorStart,
-    ::testing::Values(StartCase{"tapAlone",
-                                Scenario{},
-                                {"tap.make", "tap.start"},
-                                {kStarted, kTapStarted},
-                                true,
-                                false,
-                                false,
-                                false,
-                                std::nullopt},
-                      StartCase{"tapFailsScreenAndVirtualDevice",
-                                scenario([](Scenario& s) { s.tap = Script::failsTap; }),
-                                {"tap.make", "tap.start", "sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch",
-                                 "bh.start"},
-                                {kStarted, kTapFailed, kScreenStarted, kBlackHoleStarted},
-                                false,
-                                true,
-                                true,
-                                false,
-                                std::nullopt},
-                      StartCase{"permissionMissingNoDevice",
-                                scenario([](Scenario& s) {
-                                    s.captureAllowed = false;
-                                    s.screen = Script::failsPermission;
-                                    s.virtualDevice = Script::notFound;
-                                }),
-                                {"sys.make", "sys.start", "bh.find"},
-                                {kStarted, kTapWaits, kScreenPermission},
-                                false,
-                                false,
-                                false,
-                                true,
-                                QString("permission")},
-                      StartCase{"permissionMissingButVirtualDeviceRuns",
-                                scenario([](Scenario& s) {
-                                    s.captureAllowed = false;
-                                    s.screen = Script::failsPermission;
-                                }),
-                                {"sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch", "bh.start"},
-                                {kStarted, kTapWaits, kScreenPermission, kBlackHoleStarted},
-                                false,
-                                false,
-                                true,
-                                true,
-                                std::nullopt},
-                      StartCase{"noTapScreenPermissionRefused",
-                                scenario([](Scenario& s) {
-                                    s.tapSupported = false;
-                                    s.screen = Script::failsPermission;
-                                    s.virtualDevice = Script::notFound;
-                                }),
-                                {"sys.make", "sys.start", "bh.find"},
-                                {kStarted, kScreenPermission},
-                                false,
-                                false,
-                                false,
-                                true,
-                                QString("permission")},
-                      StartCase{"everythingFailsForOtherReasons",
-                                scenario([](Scenario& s) {
-                                    s.tap = Script::failsTap;
-                                    s.screen = Script::failsNoDisplay;
-                                    s.virtualDevice = Script::notFound;
-                                }),
-                                {"tap.make", "tap.start", "sys.make", "sys.start", "bh.find"},
-                                {kStarted, kTapFailed, kScreenNoDisplay},
-                                false,
-                                false,
-                                false,
-                                false,
-                                std::nullopt},
-                      StartCase{"virtualDeviceFails",
-                                scenario([](Scenario& s) {
-                                    s.tapSupported = false;
-                                    s.virtualDevice = Script::failsTap;
-                                }),
-                                {"sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch", "bh.start"},
-                                {kStarted, kScreenStarted, kBlackHoleFailed},
-                                false,
-                                true,
-                                false,
-                                false,
-                                std::nullopt},
-                      StartCase{"noSourceExistsYet",
-                                scenario([](Scenario& s) {
-                                    s.tap = Script::absent;
-                                    s.screen = Script::absent;
-                                    s.virtualDevice = Script::absent;
-                                }),
-                                {},
-                                {kStarted},
-                                false,
-                                false,
-                                false,
-                                false,
-                                std::nullopt}),
+    ::testing::Values(
+        StartCase{"tapAlone", {}, {"tap.make", "tap.start"}, {kStarted, kTapStarted}, {.usingProcessTap = true}},
+        StartCase{"tapFailsScreenAndVirtualDevice",
+                  {.tap = Script::failsTap},
+                  {"tap.make", "tap.start", "sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch", "bh.start"},
+                  {kStarted, kTapFailed, kScreenStarted, kBlackHoleStarted},
+                  {.screenCaptureActive = true, .usingBlackHole = true}},
+        StartCase{"permissionMissingNoDevice",
+                  {.captureAllowed = false, .screen = Script::failsPermission, .virtualDevice = Script::notFound},
+                  {"sys.make", "sys.start", "bh.find"},
+                  {kStarted, kTapWaits, kScreenPermission},
+                  {.permissionMissing = true, .reason = QString("permission")}},
+        StartCase{"permissionMissingButVirtualDeviceRuns",
+                  {.captureAllowed = false, .screen = Script::failsPermission},
+                  {"sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch", "bh.start"},
+                  {kStarted, kTapWaits, kScreenPermission, kBlackHoleStarted},
+                  {.usingBlackHole = true, .permissionMissing = true}},
+        StartCase{"noTapScreenPermissionRefused",
+                  {.tapSupported = false, .screen = Script::failsPermission, .virtualDevice = Script::notFound},
+                  {"sys.make", "sys.start", "bh.find"},
+                  {kStarted, kScreenPermission},
+                  {.permissionMissing = true, .reason = QString("permission")}},
+        StartCase{"everythingFailsForOtherReasons",
+                  {.tap = Script::failsTap, .screen = Script::failsNoDisplay, .virtualDevice = Script::notFound},
+                  {"tap.make", "tap.start", "sys.make", "sys.start", "bh.find"},
+                  {kStarted, kTapFailed, kScreenNoDisplay},
+                  {}},
+        StartCase{"virtualDeviceFails",
+                  {.tapSupported = false, .virtualDevice = Script::failsTap},
+                  {"sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch", "bh.start"},
+                  {kStarted, kScreenStarted, kBlackHoleFailed},
+                  {.screenCaptureActive = true}},
+        StartCase{"noSourceExistsYet",
+                  {.tap = Script::absent, .screen = Script::absent, .virtualDevice = Script::absent},
+                  {},
+                  {kStarted},
+                  {}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(Orchestrator, stopsSourcesOneAfterAnotherMergesMovesAndDeletesIntermediates) {
-    Built built = build(scenario([](Scenario& s) { s.tap = Script::failsTap; }));
+    Built built = build({.tap = Script::failsTap});
     AudioRecorder recorder(built.backends);
     ASSERT_FALSE(startAndWait(recorder));
     const QString mic = micName();
@@ -374,7 +316,7 @@ TEST_F(Orchestrator, aMergedFileThatCannotBeMovedStaysInTheCaptureDirectoryAndTh
     // A folder in the way of the name the merge chose.
     const QString merged = RecordingFiles::captureDir() + "/tavrel_merged_1.m4a";
     ASSERT_TRUE(QDir().mkpath(m_home.recordingsDir() + "/tavrel_merged_1.m4a/x"));
-    Built built = build(scenario([&](Scenario& s) { s.mergedName = merged; }));
+    Built built = build({.mergedName = merged});
     AudioRecorder recorder(built.backends);
     ASSERT_FALSE(startAndWait(recorder));
     const QString mic = micName();
@@ -399,11 +341,9 @@ class MicrophoneFileAlone : public Orchestrator, public ::testing::WithParamInte
 
 TEST_P(MicrophoneFileAlone, isTheRecording) {
     const bool mergeFails = GetParam();
-    Built built = build(scenario([&](Scenario& s) {
-        s.tap = Script::failsTap;
-        s.merge = mergeFails ? Scenario::Merge::fails : Scenario::Merge::succeeds;
-        s.sourcesYieldFiles = mergeFails;
-    }));
+    Built built = build({.tap = Script::failsTap,
+                         .sourcesYieldFiles = mergeFails,
+                         .merge = mergeFails ? Scenario::Merge::fails : Scenario::Merge::succeeds});
     AudioRecorder recorder(built.backends);
     ASSERT_FALSE(startAndWait(recorder));
     const QString mic = micName();
@@ -427,11 +367,7 @@ INSTANTIATE_TEST_SUITE_P(After, MicrophoneFileAlone, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "aFailedMerge" : "sourcesWithoutAFile"; });
 
 TEST_F(Orchestrator, pauseAndResumeReachEverySourceOnlyWhenTheyChangeSomething) {
-    Built built = build(scenario([](Scenario& s) {
-        s.tap = Script::failsTap;
-        s.screenLevel = 0.3f;
-        s.virtualDeviceLevel = 0.7f;
-    }));
+    Built built = build({.tap = Script::failsTap, .screenLevel = 0.3f, .virtualDeviceLevel = 0.7f});
     AudioRecorder recorder(built.backends);
     recorder.pauseRecording();
     recorder.resumeRecording();
@@ -468,7 +404,7 @@ class OrchestratorRace : public Orchestrator, public ::testing::WithParamInterfa
 
 TEST_P(OrchestratorRace, aCallDuringAStartWaitsForItsTurn) {
     const bool secondIsStop = GetParam();
-    Built built = build(scenario([](Scenario& s) { s.tap = Script::failsTap; }));
+    Built built = build({.tap = Script::failsTap});
     AudioRecorder recorder(built.backends);
     auto first = recorder.startRecording();
     waitUntil([] { return false; }, 50ms);
