@@ -145,7 +145,6 @@ protected:
     ScopedEnvironment m_environment;
     QString m_tone;
     QString m_low;
-    std::vector<ManagedProcess> m_players;
     Clock::time_point m_before;
     double m_startS = 0.0;
 };
@@ -160,36 +159,6 @@ protected:
     }
     PulseAudioFixture m_server;
 };
-
-// A suspended output sends nothing at all: the track must still keep real time, so that what is played
-// after a long silent stretch sits at its time.
-TEST_F(PulseCaptureTest, monitorTrackKeepsRealTimeThroughASuspendedOutput) {
-    ASSERT_TRUE(m_server.warmUp());
-    SystemAudioRecorder recorder;
-    starting();
-    ASSERT_NO_THROW(recorder.startBlocking());
-    started();
-    std::this_thread::sleep_for(500ms);
-    const Played first = play(m_server, m_server.speakerSink(), m_tone);
-    std::this_thread::sleep_for(500ms);
-    m_server.pactl({"suspend-sink", m_server.speakerSink(), "1"});
-    std::this_thread::sleep_for(7s);
-    m_server.pactl({"suspend-sink", m_server.speakerSink(), "0"});
-    std::this_thread::sleep_for(500ms);
-    const Played second = play(m_server, m_server.speakerSink(), m_tone);
-    std::this_thread::sleep_for(500ms);
-    const double totalS = elapsedS();
-    const auto file = recorder.stopBlocking();
-    ASSERT_TRUE(file);
-
-    const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
-    expectRealTime(static_cast<double>(samples.size()) / kRate, totalS, "the suspended stretch kept");
-    const double firstOnset = onsetAfter(samples, 0.0);
-    EXPECT_TRUE(first.holds(firstOnset)) << firstOnset << " not in " << first.fromS << ".." << first.toS;
-    // A track that lost the suspended stretch would be 7 s early.
-    const double secondOnset = onsetAfter(samples, firstOnset + 1.0);
-    EXPECT_TRUE(second.holds(secondOnset)) << secondOnset << " not in " << second.fromS << ".." << second.toS;
-}
 
 // An application plays on the output and the monitor hears nothing but zeros for 15 s: the side is told once, and
 // told again as sound comes back (the panel's mark goes).
@@ -323,7 +292,9 @@ TEST_F(PulseCaptureTest, routingFindsDevicesByIdentifierAndDestroysTheirModule) 
 enum class SourceKind { tap, monitor };
 
 // The user picks another output in the middle of a recording: the source follows it without a hole, and neither
-// the microphone (speaking the whole time) nor the old output reaches the system track. (Pausing every source is
+// the microphone (speaking the whole time) nor the old output reaches the system track. Before that, the monitor's
+// output is suspended for a while and sends nothing at all: the track must still keep real time, so that what is
+// played after the silent stretch sits at its time. (Pausing every source is
 // checked on the merged recording, in RecordingWithSystemAudioTest.)
 class DefaultOutputSourceTest : public CaptureFixture, public ::testing::WithParamInterface<SourceKind> {
 protected:
@@ -342,9 +313,14 @@ TEST_P(DefaultOutputSourceTest, followsTheDefaultOutputAndHearsNothingElse) {
     starting();
     ASSERT_NO_THROW(source->startBlocking());
     started();
-    ASSERT_TRUE(makeTone(300, 6.0, m_dir.filePath("mic.wav"), 1, kRate, 0.5));
+    ASSERT_TRUE(makeTone(300, tap ? 6.0 : 14.0, m_dir.filePath("mic.wav"), 1, kRate, 0.5));
     auto micPlayer = m_server->playIntoMicrophone(m_dir.filePath("mic.wav"));
     std::this_thread::sleep_for(700ms);
+    if (!tap) {
+        m_server->pactl({"suspend-sink", m_server->speakerSink(), "1"});
+        std::this_thread::sleep_for(7s);
+        m_server->pactl({"suspend-sink", m_server->speakerSink(), "0"});
+    }
     ASSERT_TRUE(m_server->setDefaultSink(m_server->blackHoleSink()));
     std::this_thread::sleep_for(1s);
     if (tap)
