@@ -11,6 +11,7 @@
 #include "core/Log.h"
 #include "core/RecordingFiles.h"
 
+#include <QDir>
 #include <QFileInfo>
 #include <QJsonObject>
 #include <QRegularExpression>
@@ -190,33 +191,27 @@ TEST_F(PulseCaptureTest, anOutputInUseThatDeliversOnlyZerosIsTold) {
               (std::vector<CaptureEvent::Kind>{CaptureEvent::Kind::silenceStarted, CaptureEvent::Kind::silenceEnded}));
 }
 
-TEST_F(PulseCaptureTest, noDefaultOutputIsNoDisplay) {
-    SystemAudioRecorder recorder;
-    // Every sink gone: the server has no default output.
-    for (const QString& sink : m_server.sinkNames()) {
-        const QJsonArray sinks = m_server.list("sinks");
-        for (const auto& entry : sinks)
-            if (entry.toObject().value("name").toString() == sink)
-                m_server.unloadModule(entry.toObject().value("owner_module").toVariant().toInt());
-    }
-    EXPECT_EQ(startFailure<SystemAudioError>(recorder), SystemAudioError::noDisplay);
-    EXPECT_EQ(recorder.stopBlocking(), std::nullopt);
-}
-
-TEST_F(PulseCaptureTest, unreachableServerIsPermissionDenied) {
-    m_server.stop();
-    m_environment.set("PULSE_SERVER", QByteArray("unix:") + m_dir.filePath("nothing").toUtf8());
-    SystemAudioRecorder recorder;
-    EXPECT_EQ(startFailure<SystemAudioError>(recorder), SystemAudioError::permissionDenied);
-    EXPECT_FALSE(BlackHoleRecorder::findDevice());
-}
-
-TEST_F(PulseCaptureTest, virtualDeviceThatVanishedFailsToStart) {
-    BlackHoleRecorder recorder(CaptureDevice{QStringLiteral("no-such-source"), QStringLiteral("BlackHole 2ch")});
-    EXPECT_EQ(startFailure<BlackHoleError>(recorder), BlackHoleError::sessionFailed);
+// A start that cannot be made fails with the error the user is told, and leaves no file: the virtual device gone,
+// then no output at all, then no server.
+TEST_F(PulseCaptureTest, aStartThatCannotBeMadeFailsWithItsError) {
+    BlackHoleRecorder device(CaptureDevice{QStringLiteral("no-such-source"), QStringLiteral("BlackHole 2ch")});
+    EXPECT_EQ(startFailure<BlackHoleError>(device), BlackHoleError::sessionFailed);
     EXPECT_EQ(errorDescription(BlackHoleError::sessionFailed),
               QStringLiteral("Impossible de démarrer la capture BlackHole."));
-    EXPECT_EQ(recorder.stopBlocking(), std::nullopt);
+    EXPECT_EQ(device.stopBlocking(), std::nullopt);
+    for (const QString& sink : m_server.sinkNames())
+        for (const auto& entry : m_server.list("sinks"))
+            if (entry.toObject().value("name").toString() == sink)
+                m_server.unloadModule(entry.toObject().value("owner_module").toVariant().toInt());
+    SystemAudioRecorder withoutOutput;
+    EXPECT_EQ(startFailure<SystemAudioError>(withoutOutput), SystemAudioError::noDisplay);
+    EXPECT_EQ(withoutOutput.stopBlocking(), std::nullopt);
+    m_server.stop();
+    m_environment.set("PULSE_SERVER", QByteArray("unix:") + m_dir.filePath("nothing").toUtf8());
+    SystemAudioRecorder withoutServer;
+    EXPECT_EQ(startFailure<SystemAudioError>(withoutServer), SystemAudioError::permissionDenied);
+    EXPECT_FALSE(BlackHoleRecorder::findDevice());
+    EXPECT_TRUE(QDir(RecordingFiles::captureDir()).isEmpty());
 }
 
 // The virtual device going away never ends its recording and never lets the microphone in (the stream is not
