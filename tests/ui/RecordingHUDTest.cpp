@@ -112,6 +112,7 @@ TEST(RecordingHUD, TimersDriveTheMetersAndTheDot) {
 TEST(RecordingHUD, ButtonsCallTheirClosuresOnceAndStopMayHideThePanel) {
     RecordingHUD hud;
     hud.show(false);
+    EXPECT_FALSE(hud.stopButton()->icon().isNull() || hud.noteButton()->icon().isNull());
     QTest::mouseClick(hud.stopButton(), Qt::LeftButton); // no closure set: nothing happens
     QTest::mouseClick(hud.noteButton(), Qt::LeftButton);
     int notes = 0;
