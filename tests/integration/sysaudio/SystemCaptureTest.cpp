@@ -117,8 +117,9 @@ protected:
                 const CaptureSourceBase* heardBy = nullptr) {
         const double launched = elapsedS();
         ManagedProcess player = server.playIntoSink(sink, file);
-        if (heardBy)
+        if (heardBy) {
             EXPECT_TRUE(waitUntil([&] { return heardBy->currentLevel() > 0.3f; }, 10s)) << "the level shows the sound";
+        }
         EXPECT_EQ(player.wait(30s), 0);
         return Played{launched - m_startS, elapsedS()};
     }
@@ -134,6 +135,17 @@ protected:
         EXPECT_EQ(info.channels, 2);
         EXPECT_TRUE(lines.contains(startedLine + QFileInfo(file).fileName())) << lines.join('\n').toStdString();
         EXPECT_TRUE(lines.contains(stoppedLine));
+    }
+
+    /// The output's own source: the graph's tap, or the monitor of the default output; and what it records.
+    static std::unique_ptr<CaptureSourceBase> outputSource(bool tap) {
+        if (tap)
+            return std::make_unique<ProcessTapRecorder>();
+        return std::make_unique<SystemAudioRecorder>();
+    }
+    static QString targetOf(CaptureSourceBase& source, bool tap) {
+        return tap ? static_cast<ProcessTapRecorder&>(source).targetSink()
+                   : static_cast<SystemAudioRecorder&>(source).expectedSource();
     }
 
     /// A track of `lengthS` keeps the real time of a recording stopped `totalS` after `starting()`.
@@ -299,11 +311,7 @@ protected:
 
 TEST_P(DefaultOutputSourceTest, followsTheDefaultOutputAndHearsNothingElse) {
     const bool tap = GetParam() == SourceKind::tap;
-    std::unique_ptr<CaptureSourceBase> source;
-    if (tap)
-        source = std::make_unique<ProcessTapRecorder>();
-    else
-        source = std::make_unique<SystemAudioRecorder>();
+    const std::unique_ptr<CaptureSourceBase> source = outputSource(tap);
     LogLines log;
     starting();
     ASSERT_NO_THROW(source->startBlocking());
@@ -318,11 +326,8 @@ TEST_P(DefaultOutputSourceTest, followsTheDefaultOutputAndHearsNothingElse) {
     }
     ASSERT_TRUE(m_server->setDefaultSink(m_server->blackHoleSink()));
     std::this_thread::sleep_for(1s);
-    if (tap)
-        EXPECT_EQ(static_cast<ProcessTapRecorder&>(*source).targetSink(), m_server->blackHoleSink());
-    else
-        EXPECT_EQ(static_cast<SystemAudioRecorder&>(*source).expectedSource(),
-                  AudioServerFixture::monitorOf(m_server->blackHoleSink()));
+    EXPECT_EQ(targetOf(*source, tap),
+              tap ? m_server->blackHoleSink() : AudioServerFixture::monitorOf(m_server->blackHoleSink()));
     play(*m_server, m_server->speakerSink(), m_low); // into the old output after the change: not ours any more
     std::this_thread::sleep_for(500ms);
     const Played played = play(*m_server, m_server->blackHoleSink(), m_tone, source.get());
@@ -394,24 +399,12 @@ protected:
 };
 
 TEST_P(FilterOutputTest, recordsTheDeviceBehindTheFilter) {
+    const bool tap = GetParam() == FilterCase::tapOnPipeWire;
     LogLines log;
-    std::unique_ptr<SystemAudioSource> source;
-    QString target;
-    std::function<std::optional<QString>()> stop;
+    const std::unique_ptr<CaptureSourceBase> source = outputSource(tap);
     starting();
-    if (GetParam() == FilterCase::tapOnPipeWire) {
-        auto tap = std::make_unique<ProcessTapRecorder>();
-        ASSERT_NO_THROW(tap->startBlocking());
-        target = tap->targetSink();
-        stop = [raw = tap.get()] { return raw->stopBlocking(); };
-        source = std::move(tap);
-    } else {
-        auto monitor = std::make_unique<SystemAudioRecorder>();
-        ASSERT_NO_THROW(monitor->startBlocking());
-        target = monitor->expectedSource();
-        stop = [raw = monitor.get()] { return raw->stopBlocking(); };
-        source = std::move(monitor);
-    }
+    ASSERT_NO_THROW(source->startBlocking());
+    const QString target = targetOf(*source, tap);
     started();
     const QString speaker = m_server->speakerSink();
     EXPECT_TRUE(target == speaker || target == AudioServerFixture::monitorOf(speaker)) << target.toStdString();
@@ -421,7 +414,7 @@ TEST_P(FilterOutputTest, recordsTheDeviceBehindTheFilter) {
     std::this_thread::sleep_for(500ms);
     const Played throughFilter = play(*m_server, "tavrel_ec_sink", m_low);
     std::this_thread::sleep_for(500ms);
-    const auto file = stop();
+    const auto file = source->stopBlocking();
     ASSERT_TRUE(file);
 
     const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
@@ -430,8 +423,7 @@ TEST_P(FilterOutputTest, recordsTheDeviceBehindTheFilter) {
     EXPECT_TRUE(direct.holds(directOnset)) << "the speakers' own stream";
     // The canceller adds its own processing delay to what goes through it.
     EXPECT_TRUE(throughFilter.holds(onsetAfter(samples, directOnset + 0.6), 0.4)) << "the stream through the filter";
-    const QString prefix =
-        GetParam() == FilterCase::tapOnPipeWire ? QStringLiteral("[ProcessTap]") : QStringLiteral("[SystemAudio]");
+    const QString prefix = tap ? QStringLiteral("[ProcessTap]") : QStringLiteral("[SystemAudio]");
     EXPECT_TRUE(log.lines().contains(prefix + QStringLiteral(" Sortie filtrée, capture du périphérique → ") + speaker))
         << log.lines().join('\n').toStdString();
 }
