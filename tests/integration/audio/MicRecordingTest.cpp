@@ -2,7 +2,6 @@
 #include "Media.h"
 #include "Wait.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>

@@ -10,7 +10,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <chrono>
-#include <thread>
 
 using namespace tavrel;
 using namespace tavrel::test;

@@ -10,7 +10,6 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QJsonObject>
 #include <QThreadPool>
 #include <algorithm>
 #include <chrono>

@@ -17,7 +17,6 @@
 #include <QRegularExpression>
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <thread>

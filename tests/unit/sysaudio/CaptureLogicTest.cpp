@@ -16,13 +16,11 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QProcess>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <mutex>
-#include <thread>
 
 namespace tavrel::test {
 namespace {
