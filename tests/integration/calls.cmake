@@ -1,7 +1,6 @@
 # Call detection against real audio servers, and the account link through the running program.
 tavrel_add_test(calls_integration_tests LABELS integration TIMEOUT 240 QT_GUI
     SOURCES ${CMAKE_CURRENT_LIST_DIR}/calls/PulseMicInputQueryTest.cpp
-            ${CMAKE_CURRENT_LIST_DIR}/calls/CallMonitorPulseTest.cpp
     LIBS tavrel_core tavrel_audio Qt6::Widgets)
 
 # A meeting client that mutes (corks its stream) and reconnects after an audio server restart.

@@ -3,6 +3,7 @@
 #include "../app/AppDelegateTestBase.h"
 #include "audio/pulse/PulseMicInputQuery.h"
 #include "core/CallMonitor.h"
+#include "core/Log.h"
 
 #include <QCoro/QCoroTask>
 #include <QElapsedTimer>
@@ -85,9 +86,15 @@ TEST_F(CallSessionTest, IgnoredCallRecordsNothingAndAnAcceptedOneRecordsThroughM
     ASSERT_TRUE(pollUntil([&] { return !micInUse(); }));
     pollTimes(CallMonitor::kPollsToEnd);
 
-    // From here on, the monitor's own two-second timer.
+    // From here on, the monitor's own two-second timer; a second start keeps the one timer and logs nothing.
     m_alerts->answer(QStringLiteral("Oui, enregistrer"));
-    m_delegate->callMonitor()->start();
+    {
+        QStringList log;
+        const LogCapture capture([&](const QString& line) { log << line; });
+        m_delegate->callMonitor()->start();
+        m_delegate->callMonitor()->start();
+        EXPECT_EQ(log, QStringList{QStringLiteral("[CallMonitor] Surveillance des appels/visios activée")});
+    }
     ManagedProcess::Options options;
     options.program = QStringLiteral(TAVREL_FAKE_MEETING_CLIENT);
     options.arguments = {QStringLiteral("us.zoom.xos"), QStringLiteral("zoom"), AudioServerFixture::micSource()};
