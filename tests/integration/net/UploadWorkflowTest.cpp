@@ -47,8 +47,8 @@ protected:
 
     int clientFetches() const { return h.backend.requestsTo(QStringLiteral("/backend/clients")); }
 
-    /// Opens the upload dialog for `path` and waits until every queued answer has been used and the upload,
-    /// if any, has been followed to its end.
+    /// Opens the upload dialog for `path` and waits until every queued answer has been used and no job is
+    /// followed any more.
     void runDialog(const QString& path) {
         h.delegate->showUploadDialog(path);
         ASSERT_TRUE(waitUntil([&] { return h.alerts->pendingAnswers() == 0; }, 20s));
