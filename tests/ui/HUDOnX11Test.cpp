@@ -100,7 +100,15 @@ TEST(HUDOnX11, Child) {
         << "above " << hasState("_NET_WM_STATE_ABOVE");
     EXPECT_EQ(property(connection, window, "_NET_WM_DESKTOP"), std::vector<uint32_t>{0xFFFFFFFF});
     EXPECT_TRUE(hud.panel()->isVisible());
-    EXPECT_FALSE(hud.panel()->mask().isEmpty()) << "cut to the card's shape: no black shadow area";
+    const Qt::WindowFlags wanted =
+        Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::WindowDoesNotAcceptFocus;
+    EXPECT_EQ(hud.panel()->windowFlags() & wanted, wanted);
+    EXPECT_TRUE(hud.panel()->testAttribute(Qt::WA_ShowWithoutActivating));
+    // Without compositing the window is the card itself, cut to its rounded shape: no black shadow area.
+    EXPECT_FALSE(hud.panel()->testAttribute(Qt::WA_TranslucentBackground));
+    EXPECT_EQ(hud.panel()->size(), QSize(60, 262));
+    EXPECT_TRUE(hud.panel()->mask().contains(QPoint(30, 131)));
+    EXPECT_FALSE(hud.panel()->mask().contains(QPoint(1, 1))) << "rounded corner";
     // Where the window manager put it, in screen coordinates; Qt learns of the move from a later event.
     const QRect expected = tavrel::RecordingHUD::panelRect(QGuiApplication::primaryScreen()->availableGeometry());
     auto placedAt = [&] {

@@ -107,23 +107,13 @@ TEST_F(AppDelegateTest, TrayClickTogglesAFreshPopoverUnderTheClick) {
     EXPECT_TRUE(first.isNull()) << "a closed popover is dropped with its controller";
 }
 
-TEST_F(AppDelegateTest, PopoverSettingsButtonClosesItAndOpensTheSettings) {
-    launch();
-    m_statusItem->click();
-    ASSERT_TRUE(m_delegate->popoverController());
-    m_alerts->answer(QStringLiteral("Annuler"));
-    m_delegate->popoverController()->onSettings();
-    EXPECT_FALSE(m_delegate->isPopoverShown());
-    ASSERT_EQ(m_alerts->shown().size(), 1U);
-    EXPECT_EQ(m_alerts->shown().front().message, QStringLiteral("Paramètres TaVREL Recorder"));
-}
-
 // --- the settings window ---
 
 SettingsForm* formOf(const AlertSpec& alertSpec) {
     return qobject_cast<SettingsForm*>(alertSpec.accessory);
 }
 
+// Opened from the popover's settings button, which closes the popover.
 TEST_F(AppDelegateTest, NewUserSeesTheDefaultsAndCancelChangesNothing) {
     launch();
     QFile::remove(SettingsManager::filePath());
@@ -136,22 +126,36 @@ TEST_F(AppDelegateTest, NewUserSeesTheDefaultsAndCancelChangesNothing) {
         EXPECT_EQ(form->webField()->text(), SettingsManager::defaultWebURL());
         EXPECT_EQ(form->webField()->placeholderText(), SettingsManager::defaultWebURL());
         EXPECT_EQ(form->tokenField()->text(), QString());
+        EXPECT_EQ(form->tokenField()->placeholderText(), QStringLiteral("Token JWT"));
+        EXPECT_EQ(form->tokenField()->echoMode(), QLineEdit::Password);
         EXPECT_TRUE(form->autoDetectCallsBox()->isChecked());
         EXPECT_FALSE(form->launchAtLoginBox()->isChecked());
+        EXPECT_EQ(form->launchAtLoginBox()->text(), QStringLiteral("Ouvrir TaVREL Recorder à la connexion"));
+        EXPECT_EQ(form->autoDetectCallsBox()->text(),
+                  QStringLiteral("Proposer d'enregistrer quand un appel ou une visio démarre"));
+        EXPECT_EQ(form->autoDetectCallsBox()->toolTip(),
+                  QStringLiteral("Détecte quand Teams, Zoom, Google Meet, FaceTime ou un appel téléphonique utilise "
+                                 "le micro, et propose alors d'enregistrer."));
+        EXPECT_EQ(form->backendField()->width(), 380);
         form->backendField()->setText(QStringLiteral("http://ne-doit-pas-rester"));
         form->autoDetectCallsBox()->setChecked(false);
         inspected = true;
     });
-    m_delegate->openSettings();
+    m_statusItem->click();
+    ASSERT_TRUE(m_delegate->popoverController());
+    m_delegate->popoverController()->onSettings();
+    EXPECT_FALSE(m_delegate->isPopoverShown());
     ASSERT_TRUE(inspected);
+    ASSERT_EQ(m_alerts->shown().size(), 1U);
     const auto& alert = m_alerts->shown().front();
+    EXPECT_EQ(alert.message, QStringLiteral("Paramètres TaVREL Recorder"));
     EXPECT_EQ(alert.informativeText, QStringLiteral("Version ") + AppDelegate::appVersionString());
     EXPECT_EQ(alert.buttons, (QStringList{QStringLiteral("Enregistrer"), QStringLiteral("Annuler")}));
     EXPECT_FALSE(QFile::exists(SettingsManager::filePath())) << "nothing stored on Annuler";
     EXPECT_TRUE(m_loginItem->calls.isEmpty());
 }
 
-TEST_F(AppDelegateTest, SaveStoresEveryFieldAndAppliesCallDetection) {
+TEST_F(AppDelegateTest, SaveStoresEveryFieldAndAppliesCallDetectionEvenWhenTheLoginItemFails) {
     SettingsManager::shared().setAutoDetectCalls(true);
     launch();
     ASSERT_TRUE(m_delegate->callMonitor()->isPolling());
@@ -174,7 +178,8 @@ TEST_F(AppDelegateTest, SaveStoresEveryFieldAndAppliesCallDetection) {
     EXPECT_FALSE(m_delegate->callMonitor()->isPolling());
 
     // The next opening shows the empty field with the default as placeholder; saving unchanged still
-    // registers the login item again.
+    // registers the login item again, and its failure is shown while the rest is still saved.
+    m_loginItem->failWith = QStringLiteral("dossier en lecture seule");
     m_alerts->answer(QStringLiteral("Enregistrer"), [](const AlertSpec& alertSpec) {
         SettingsForm* form = formOf(alertSpec);
         EXPECT_EQ(form->backendField()->text(), QString());
@@ -183,30 +188,18 @@ TEST_F(AppDelegateTest, SaveStoresEveryFieldAndAppliesCallDetection) {
         EXPECT_FALSE(form->autoDetectCallsBox()->isChecked());
         form->autoDetectCallsBox()->setChecked(true);
     });
-    m_delegate->openSettings();
-    EXPECT_EQ(m_loginItem->calls, (QList<bool>{true, true}));
-    EXPECT_TRUE(m_delegate->callMonitor()->isPolling());
-    EXPECT_EQ(settings.backendURL(), QString());
-}
-
-TEST_F(AppDelegateTest, LoginItemFailureIsShownAndTheRestIsStillSaved) {
-    launch();
-    m_loginItem->failWith = QStringLiteral("dossier en lecture seule");
-    m_alerts->answer(QStringLiteral("Enregistrer"), [](const AlertSpec& alertSpec) {
-        formOf(alertSpec)->tokenField()->setText(QStringLiteral("abc"));
-        formOf(alertSpec)->launchAtLoginBox()->setChecked(true);
-        formOf(alertSpec)->autoDetectCallsBox()->setChecked(false);
-    });
     m_alerts->answer(0);
     m_delegate->openSettings();
-    ASSERT_EQ(m_alerts->shown().size(), 2U) << m_alerts->shownMessages().join(u'|').toStdString();
+    EXPECT_EQ(m_loginItem->calls, (QList<bool>{true, true}));
+    ASSERT_EQ(m_alerts->shown().size(), 3U) << m_alerts->shownMessages().join(u'|').toStdString();
     const auto& error = m_alerts->shown().back();
     EXPECT_EQ(error.message, QStringLiteral("Erreur"));
     EXPECT_EQ(error.informativeText,
               QStringLiteral("Impossible de modifier le démarrage automatique : dossier en lecture seule"));
     EXPECT_EQ(error.style, AlertStyle::warning);
-    EXPECT_EQ(SettingsManager::shared().token(), QStringLiteral("abc"));
-    EXPECT_FALSE(SettingsManager::shared().autoDetectCalls()) << "stored after the failed login-item step";
+    EXPECT_TRUE(settings.autoDetectCalls()) << "stored after the failed login-item step";
+    EXPECT_TRUE(m_delegate->callMonitor()->isPolling());
+    EXPECT_EQ(settings.backendURL(), QString());
 }
 
 } // namespace

@@ -151,9 +151,6 @@ protected:
             runCommand(command, arguments, display.isEmpty() ? m_session : display, 10s).standardOutput);
     }
 
-    /// The shipped program (real dialogs) instead of the test build.
-    void useShippedProgram() { m_programPath = QStringLiteral(TAVREL_RECORDER_SHIPPED_BIN); }
-
     static inline int s_connections = 0;
     TempDir m_dir{QStringLiteral("tavrel-e2e")};
     std::unique_ptr<SessionBusFixture> m_bus;
@@ -371,7 +368,7 @@ TEST_F(EndToEndTest, TheUploadDialogTakesTheKeyboardUnderAWindowManager) {
     // A French keyboard, where the accented letters have keys of their own. (For a letter the keyboard lacks,
     // xdotool rebinds a spare key for an instant, a race that the program may lose and that no user meets.)
     ASSERT_TRUE(runCommand(QStringLiteral("setxkbmap"), {QStringLiteral("fr")}, m_session).ok());
-    useShippedProgram();
+    m_programPath = QStringLiteral(TAVREL_RECORDER_SHIPPED_BIN); // real dialogs
     ASSERT_TRUE(startProgram());
     // The check for unsent recordings runs 1.5 s after launch; the recording starts once it has found none.
     waitUntil([] { return false; }, 2500ms);
