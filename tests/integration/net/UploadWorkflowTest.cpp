@@ -60,7 +60,7 @@ protected:
     DelegateHarness h;
 };
 
-// ----- the upload dialog, answered programmatically ------------------------------------------------------------
+// ----- the upload dialog, answered programmatically -------------------------------------------------------------
 
 UploadDialog* formOf(const AlertSpec& alertSpec) {
     return qobject_cast<UploadDialog*>(alertSpec.accessory);
@@ -197,7 +197,7 @@ TEST_F(UploadWorkflowTest, UnreachableClientListStillOpensTheDialogAndCancelKeep
     EXPECT_TRUE(QFile::exists(DelegateHarness::notesPath(path)));
 }
 
-// ----- recordings left unsent -------------------------------------------------------------------------------
+// ----- recordings left unsent -----------------------------------------------------------------------------------
 
 /// A recording made `minutesAgo` minutes ago: created in that order, and dated so by its modification time
 /// for file systems that keep no creation time.
@@ -262,7 +262,7 @@ TEST_F(UploadWorkflowTest, SendNowOpensOneDialogPerRecordingInTheSortedOrder) {
     EXPECT_EQ(h.alerts->shownMessages().last(), "1 enregistrement(s) non envoyé(s)");
 }
 
-// ----- following the job --------------------------------------------------------------------------------------
+// ----- following the job ----------------------------------------------------------------------------------------
 
 TEST_F(UploadWorkflowTest, JobFollowingNotifiesAtEachStage) {
     const QPair<QString, QString> summarizing{kSummarizingTitle,
@@ -334,7 +334,7 @@ TEST(UploadWorkflowTwoJobs, TwoJobsKeepTheHourglassUntilTheLastEnds) {
     expectIdle(h);
 }
 
-// ----- failures ---------------------------------------------------------------------------------------------
+// ----- failures -------------------------------------------------------------------------------------------------
 
 TEST(UploadFailure, UserIsToldAndNothingIsLost) {
     const struct {
@@ -444,7 +444,7 @@ TEST_F(UploadWorkflowTest, RetrySendsTheSameFieldsAndNotesAgain) {
     expectIdle(h);
 }
 
-// ----- quitting --------------------------------------------------------------------------------------------
+// ----- quitting -------------------------------------------------------------------------------------------------
 
 // Quitting asks while a recording is being sent (it would stay to be sent at the next launch), and only then.
 TEST_F(UploadWorkflowTest, QuittingDuringAnUploadAsksFirst) {
