@@ -249,7 +249,11 @@ TEST_F(UploadWorkflowTest, SendNowOpensOneDialogPerRecordingInTheSortedOrder) {
     h.alerts->answer(QStringLiteral("Envoyer"), fill(QStringLiteral("Envoyé")));
     h.delegate->checkPendingRecordings();
     ASSERT_TRUE(waitUntil([&] { return h.alerts->pendingAnswers() == 0; }, 20s));
-    ASSERT_TRUE(waitUntil([&] { return h.backend.uploadCount() == 1 && h.delegate->activeJobs() == 0; }, 20s));
+    // Followed to its end: between the upload's end and the job's first poll no mark is held, and the
+    // recording sent is removed meanwhile.
+    ASSERT_TRUE(
+        waitUntil([&] { return h.notificationTitles().contains(kDoneTitle) && h.delegate->activeJobs() == 0; }, 20s));
+    EXPECT_EQ(h.backend.uploadCount(), 1);
     EXPECT_EQ(h.alerts->shownMessages(),
               (QStringList{"2 enregistrement(s) non envoyé(s)", "Enregistrement terminé", "Enregistrement terminé"}));
     EXPECT_EQ(clientFetches(), 2);
