@@ -253,32 +253,6 @@ TEST_P(UnfinishedTrackFileTest, isReadableUpToItsLastFlush) {
     }
 }
 
-// A file shorter than one AAC frame keeps its length; formats and paths the writer cannot take are refused; the
-// launch's recovery leaves a finished file, a missing one and one it cannot read as they are.
-TEST(M4aWriterTest, shortFilesBadFormatsAndFilesNotToRecover) {
-    TempDir dir;
-    const QString path = dir.filePath("short.m4a");
-    const std::vector<float> audio = stereoTone(44100, 0.01);
-    M4aWriter writer(path, 44100, 2);
-    writer.write(audio.data(), 441);
-    writer.finish();
-    EXPECT_NEAR(probe(path).formatDurationS, 0.01, 0.002);
-    const QByteArray finished = readAll(path);
-    EXPECT_EQ(recoverInterruptedRecording(path), RecoveryResult::untouched);
-    EXPECT_EQ(readAll(path), finished);
-    EXPECT_EQ(recoverInterruptedRecording(dir.filePath("missing.m4a")), RecoveryResult::untouched);
-    const QString garbage = dir.filePath("garbage.m4a");
-    QFile file(garbage);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(QByteArray("\x00\x00\x00\x08moof\xff\xff\xff\xffmdatxxxxxxxx", 24));
-    file.close();
-    EXPECT_EQ(recoverInterruptedRecording(garbage), RecoveryResult::failed);
-    EXPECT_TRUE(QFileInfo::exists(garbage));
-    for (const auto& [rateHz, channels] : std::initializer_list<std::pair<int, int>>{{0, 1}, {44100, 0}, {44100, 9}})
-        EXPECT_THROW(M4aWriter(dir.filePath("bad.m4a"), rateHz, channels), FfmpegError);
-    EXPECT_THROW(M4aWriter(dir.filePath("missing/dir/d.m4a"), 44100, 1), FfmpegError);
-}
-
 // Whatever the writer, the track tells of the first failed write once, goes on without crashing, and what
 // reached the file before stays readable.
 TEST_P(TrackFileTest, aFullDiskIsToldOnceAndTheFileStaysReadable) {
@@ -327,6 +301,32 @@ INSTANTIATE_TEST_SUITE_P(Writers, TrackFileTest, ::testing::Values(Writer::caf, 
                          [](const auto& info) { return std::string(extensionOf(info.param)); });
 INSTANTIATE_TEST_SUITE_P(Writers, UnfinishedTrackFileTest, ::testing::Values(Writer::caf, Writer::m4a),
                          [](const auto& info) { return std::string(extensionOf(info.param)); });
+
+// A file shorter than one AAC frame keeps its length; formats and paths the writer cannot take are refused; the
+// launch's recovery leaves a finished file, a missing one and one it cannot read as they are.
+TEST(M4aWriterTest, shortFilesBadFormatsAndFilesNotToRecover) {
+    TempDir dir;
+    const QString path = dir.filePath("short.m4a");
+    const std::vector<float> audio = stereoTone(44100, 0.01);
+    M4aWriter writer(path, 44100, 2);
+    writer.write(audio.data(), 441);
+    writer.finish();
+    EXPECT_NEAR(probe(path).formatDurationS, 0.01, 0.002);
+    const QByteArray finished = readAll(path);
+    EXPECT_EQ(recoverInterruptedRecording(path), RecoveryResult::untouched);
+    EXPECT_EQ(readAll(path), finished);
+    EXPECT_EQ(recoverInterruptedRecording(dir.filePath("missing.m4a")), RecoveryResult::untouched);
+    const QString garbage = dir.filePath("garbage.m4a");
+    QFile file(garbage);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(QByteArray("\x00\x00\x00\x08moof\xff\xff\xff\xffmdatxxxxxxxx", 24));
+    file.close();
+    EXPECT_EQ(recoverInterruptedRecording(garbage), RecoveryResult::failed);
+    EXPECT_TRUE(QFileInfo::exists(garbage));
+    for (const auto& [rateHz, channels] : std::initializer_list<std::pair<int, int>>{{0, 1}, {44100, 0}, {44100, 9}})
+        EXPECT_THROW(M4aWriter(dir.filePath("bad.m4a"), rateHz, channels), FfmpegError);
+    EXPECT_THROW(M4aWriter(dir.filePath("missing/dir/d.m4a"), 44100, 1), FfmpegError);
+}
 
 // ---- Device choice and levels ------------------------------------------------------------------------
 
