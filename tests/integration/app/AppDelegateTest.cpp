@@ -1,15 +1,13 @@
-// Launch, tray popover, settings window and the idle title: the delegate without recording.
+// Launch, tray popover and settings window: the delegate without recording.
 #include "AppDelegateTestBase.h"
 #include "audio/AudioRecorder.h"
 #include "core/CallMonitor.h"
 #include "ui/MainPopoverController.h"
-#include "ui/RecordingHUD.h"
 #include "ui/SettingsForm.h"
 
 #include <QCheckBox>
 #include <QCoro/QCoroTimer>
 #include <QFile>
-#include <QFileInfo>
 #include <QLineEdit>
 
 namespace tavrel::test {
@@ -20,32 +18,6 @@ using namespace std::chrono_literals;
 class AppDelegateTest : public AppDelegateTestBase {};
 
 // --- launch ---
-
-TEST_F(AppDelegateTest, LeftoverRoutingDeviceIsRemovedAtLaunch) {
-    for (const bool present : {true, false}) {
-        SCOPED_TRACE(present ? "present" : "absent");
-        QStringList asked;
-        QList<uint32_t> destroyed;
-        launch([&](AppServices& services) {
-            services.deviceWithUID = [&](const QString& uid) -> std::optional<AudioRouting::Device> {
-                asked << uid;
-                if (!present)
-                    return std::nullopt;
-                AudioRouting::Device device;
-                device.index = 42;
-                device.uid = uid;
-                return device;
-            };
-            services.destroyDevice = [&](const AudioRouting::Device& device) {
-                destroyed << device.index;
-                return true;
-            };
-        });
-        m_delegate.reset();
-        EXPECT_EQ(asked, QStringList{QStringLiteral("fr.tavrel.recorder.autoroute")});
-        EXPECT_EQ(destroyed, present ? QList<uint32_t>{42} : QList<uint32_t>{});
-    }
-}
 
 // The check for unsent recordings waits for the recovery at launch, however long it takes, so that it offers
 // what recovery made rather than the pieces it started from.
@@ -64,24 +36,6 @@ TEST_F(AppDelegateTest, PendingCheckWaitsForTheRecoveryAtLaunch) {
     });
     ASSERT_TRUE(waitUntil([&] { return !m_alerts->shown().empty(); }, 10s));
     EXPECT_EQ(m_alerts->shownMessages(), QStringList{QStringLiteral("1 enregistrement(s) non envoyé(s)")});
-}
-
-// --- the idle title ---
-
-TEST_F(AppDelegateTest, StoppingWhileIdleShowsTheUploadStateInTheTitle) {
-    launch();
-    ASSERT_NE(m_delegate->callMonitor(), nullptr) << "the monitor exists with call detection off too";
-    EXPECT_FALSE(m_delegate->callMonitor()->isPolling());
-    m_delegate->setBusyIndicator(true, QStringLiteral("⏳"));
-    m_delegate->stopRecording();
-    EXPECT_EQ(m_delegate->statusTitle(), QStringLiteral("⏳"));
-    EXPECT_EQ(m_statusItem->title(), QStringLiteral("⏳"));
-    EXPECT_EQ(m_statusItem->icon, StatusIcon::busy);
-    m_delegate->setBusyIndicator(false, QStringLiteral("⏳"));
-    m_delegate->stopRecording();
-    EXPECT_EQ(m_delegate->statusTitle(), QString());
-    EXPECT_EQ(m_statusItem->icon, StatusIcon::idle);
-    EXPECT_FALSE(m_delegate->hud().isShown());
 }
 
 // --- the popover ---
@@ -113,9 +67,12 @@ SettingsForm* formOf(const AlertSpec& alertSpec) {
     return qobject_cast<SettingsForm*>(alertSpec.accessory);
 }
 
-// Opened from the popover's settings button, which closes the popover.
+// Opened from the popover's settings button, which closes the popover. (Call detection is off here: its
+// monitor exists all the same, idle.)
 TEST_F(AppDelegateTest, NewUserSeesTheDefaultsAndCancelChangesNothing) {
     launch();
+    ASSERT_NE(m_delegate->callMonitor(), nullptr);
+    EXPECT_FALSE(m_delegate->callMonitor()->isPolling());
     QFile::remove(SettingsManager::filePath());
     bool inspected = false;
     m_alerts->answer(QStringLiteral("Annuler"), [&](const AlertSpec& alertSpec) {

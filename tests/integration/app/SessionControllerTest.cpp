@@ -3,10 +3,8 @@
 #include "audio/AudioRecorder.h"
 #include "audio/sources/SystemAudioBackends.h"
 #include "ui/MainPopoverController.h"
-#include "ui/NoteField.h"
 #include "ui/RecordingHUD.h"
 
-#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
@@ -63,96 +61,11 @@ QString notesFileOf(const QString& recording) {
     return info.path() + u'/' + info.completeBaseName() + QStringLiteral(".notes.txt");
 }
 
-// One session from start to stop: the flags, the panel and the tray icon follow each step; the clock counts
-// whole minutes and seconds since the start, pauses included; the prompt adds exactly what was typed on OK (a
-// note of spaces counts, an empty one does not) and the notes land beside the recording at stop.
-TEST_F(SessionControllerTest, OneSessionFollowsItsFlagsClockAndNotes) {
-    launch();
-    const QDateTime start = m_now;
-    QSignalSpy changes(m_delegate.get(), &AppDelegate::recordingStateChanged);
-    m_delegate->startRecording();
-    // Starting: nothing shows yet.
-    EXPECT_FALSE(m_delegate->isRecording());
-    EXPECT_FALSE(m_delegate->hud().isShown());
-    m_alerts->answer(0);
-    ASSERT_TRUE(waitUntil([&] { return m_delegate->isRecording(); }, 10s));
-    EXPECT_EQ(m_alerts->shown().back().message, kMissingAudio);
-    EXPECT_FALSE(m_delegate->isPaused());
-    EXPECT_TRUE(m_delegate->hud().isShown());
-    EXPECT_EQ(m_statusItem->icon, StatusIcon::recording);
-    EXPECT_TRUE(m_statusItem->titles.isEmpty()) << "the first clock title comes one second after the start";
-    EXPECT_GE(changes.size(), 1);
-
-    struct Tick {
-        qint64 seconds;
-        const char* title;
-    };
-    for (const Tick& tick : {Tick{0, "🔴0:00"}, Tick{59, "🔴0:59"}, Tick{60, "🔴1:00"}, Tick{75, "🔴1:15"},
-                             Tick{3600, "🔴60:00"}, Tick{3725, "🔴62:05"}}) {
-        m_now = start.addMSecs(tick.seconds * 1000 + 999); // truncated, not rounded
-        m_delegate->updateStatusClock();
-        EXPECT_EQ(m_delegate->statusTitle(), QString::fromUtf8(tick.title)) << tick.seconds;
-        EXPECT_EQ(m_statusItem->title(), QString::fromUtf8(tick.title));
-    }
-    for (const bool paused : {true, false}) {
-        m_delegate->togglePause();
-        EXPECT_EQ(m_delegate->isPaused(), paused);
-        EXPECT_EQ(m_delegate->recorder().isPaused(), paused);
-        EXPECT_TRUE(m_delegate->hud().isShown());
-        // Pauses are not subtracted.
-        m_now = start.addSecs(61);
-        m_delegate->updateStatusClock();
-        EXPECT_EQ(m_delegate->statusTitle(), QStringLiteral("🔴1:01"));
-    }
-
-    struct Typed {
-        QString text;
-        QString button;
-    };
-    for (const Typed& typed :
-         {Typed{QStringLiteral("Budget validé"), QStringLiteral("OK")},
-          Typed{QStringLiteral("  "), QStringLiteral("OK")}, Typed{QString(), QStringLiteral("OK")},
-          Typed{QStringLiteral("Jamais ajoutée"), QStringLiteral("Annuler")}}) {
-        m_alerts->answer(typed.button, [&](const AlertSpec& alertSpec) {
-            auto* field = qobject_cast<NoteField*>(alertSpec.accessory);
-            ASSERT_NE(field, nullptr);
-            field->setText(typed.text);
-        });
-        m_delegate->promptNote();
-        const ScriptedAlertPresenter::ShownAlert& prompt = m_alerts->shown().back();
-        EXPECT_EQ(prompt.message, QStringLiteral("Ajouter une note"));
-        EXPECT_EQ(prompt.buttons, (QStringList{QStringLiteral("OK"), QStringLiteral("Annuler")}));
-    }
-    m_delegate->addNote(QString()); // an empty note is no note
-    m_delegate->addNote(QStringLiteral("Relancer « Dupont »"));
-
-    const int changesBeforeStop = static_cast<int>(changes.size());
-    const QString file = stopAndWait();
-    EXPECT_FALSE(m_delegate->isRecording());
-    EXPECT_FALSE(m_delegate->isPaused());
-    EXPECT_FALSE(m_delegate->hud().isShown());
-    EXPECT_EQ(m_delegate->statusTitle(), QString());
-    EXPECT_EQ(m_statusItem->icon, StatusIcon::idle);
-    EXPECT_GT(changes.size(), changesBeforeStop);
-    ASSERT_FALSE(file.isEmpty());
-    EXPECT_TRUE(QFile::exists(file));
-    EXPECT_EQ(QFileInfo(file).absolutePath(), QDir(AudioRecorder::recordingsDir()).absolutePath());
-    EXPECT_TRUE(file.startsWith(m_dir.path())) << "the recordings folder follows XDG_DATA_HOME";
-    EXPECT_TRUE(m_alerts->shownMessages().contains(kUploadDialog));
-    QFile notes(notesFileOf(file));
-    ASSERT_TRUE(notes.open(QIODevice::ReadOnly)) << notes.fileName().toStdString();
-    QStringList texts;
-    for (const QString& line : QString::fromUtf8(notes.readAll()).split(u'\n'))
-        texts << line.mid(line.indexOf(QStringLiteral("] ")) + 2);
-    EXPECT_EQ(texts, (QStringList{QStringLiteral("Budget validé"), QStringLiteral("  "),
-                                  QStringLiteral("Relancer « Dupont »")}));
-    EXPECT_EQ(QDir(QFileInfo(file).path()).entryList({QStringLiteral("*.notes.txt*")}, QDir::Files).size(), 1)
-        << "no temporary file left beside the notes";
-}
-
 // A start or a stop under way shows in the popover, whose round button then does nothing; the desktop's
 // requests meanwhile are not a second start or stop (a start asked during a stop follows it). Under an
-// alert, the tray, the popover and the desktop's actions wait for the alert.
+// alert, the tray, the popover and the desktop's actions wait for the alert. While it records, the title's
+// clock counts whole minutes and seconds since the start, pauses included; a job followed at the stop keeps
+// the hourglass.
 TEST_F(SessionControllerTest, BusyStartsAndStopsAndAlertsTakeNoSecondRequest) {
     launch();
     QSignalSpy finished(m_delegate.get(), &AppDelegate::recordingFinished);
@@ -167,6 +80,7 @@ TEST_F(SessionControllerTest, BusyStartsAndStopsAndAlertsTakeNoSecondRequest) {
     ASSERT_TRUE(popover);
     popover->onStartStop();
     EXPECT_TRUE(m_delegate->isStarting());
+    EXPECT_FALSE(m_delegate->isRecording() || m_delegate->hud().isShown()) << "nothing shows while starting";
     EXPECT_EQ(m_statusItem->icon, StatusIcon::busy);
     popover = openPopover();
     ASSERT_TRUE(popover);
@@ -179,6 +93,9 @@ TEST_F(SessionControllerTest, BusyStartsAndStopsAndAlertsTakeNoSecondRequest) {
 
     // The warning that follows the start is up: nothing the user does elsewhere acts.
     m_alerts->answer(0, [&](const AlertSpec&) {
+        EXPECT_TRUE(m_delegate->hud().isShown());
+        EXPECT_EQ(m_statusItem->icon, StatusIcon::recording);
+        EXPECT_TRUE(m_statusItem->titles.isEmpty()) << "the first clock title comes one second after the start";
         EXPECT_FALSE(m_delegate->isPopoverShown()) << "an open popover closes when an alert comes up";
         m_statusItem->click();
         m_delegate->showPopover();
@@ -193,6 +110,24 @@ TEST_F(SessionControllerTest, BusyStartsAndStopsAndAlertsTakeNoSecondRequest) {
     EXPECT_EQ(warnings(), 1) << m_alerts->shownMessages().join(u'|').toStdString();
     EXPECT_FALSE(m_alerts->shownMessages().contains(QStringLiteral("Paramètres TaVREL Recorder")));
     EXPECT_FALSE(m_delegate->raiseAlertIfUp());
+
+    const QDateTime start = m_now;
+    for (const auto& [seconds, title] :
+         {std::pair{0, "🔴0:00"}, {59, "🔴0:59"}, {60, "🔴1:00"}, {75, "🔴1:15"}, {3600, "🔴60:00"}, {3725, "🔴62:05"}}) {
+        m_now = start.addMSecs(seconds * 1000 + 999); // truncated, not rounded
+        m_delegate->updateStatusClock();
+        EXPECT_EQ(m_delegate->statusTitle(), QString::fromUtf8(title)) << seconds;
+        EXPECT_EQ(m_statusItem->title(), QString::fromUtf8(title));
+    }
+    for (const bool paused : {true, false}) {
+        m_delegate->togglePause();
+        EXPECT_EQ(m_delegate->isPaused(), paused);
+        EXPECT_EQ(m_delegate->recorder().isPaused(), paused);
+        EXPECT_TRUE(m_delegate->hud().isShown());
+        m_now = start.addSecs(61);
+        m_delegate->updateStatusClock();
+        EXPECT_EQ(m_delegate->statusTitle(), QStringLiteral("🔴1:01")) << "pauses are not subtracted";
+    }
 
     popover = openPopover();
     ASSERT_TRUE(popover);
@@ -215,8 +150,14 @@ TEST_F(SessionControllerTest, BusyStartsAndStopsAndAlertsTakeNoSecondRequest) {
         << m_alerts->shownMessages().join(u'|').toStdString();
     EXPECT_EQ(warnings(), 2);
     EXPECT_EQ(popover ? popover->busyCaption() : QString(), QString());
+    m_delegate->setBusyIndicator(true, QStringLiteral("⏳"));
     stopAndWait();
     EXPECT_EQ(finished.size(), 2);
+    EXPECT_FALSE(m_delegate->hud().isShown());
+    EXPECT_EQ(m_delegate->statusTitle(), QStringLiteral("⏳"));
+    EXPECT_EQ(m_statusItem->icon, StatusIcon::busy);
+    m_delegate->setBusyIndicator(false, QStringLiteral("⏳"));
+    EXPECT_EQ(m_delegate->statusTitle(), QString());
     EXPECT_EQ(m_statusItem->icon, StatusIcon::idle);
 }
 
