@@ -20,7 +20,7 @@ void flushDeletes() {
 }
 
 // At the top right of the available area of whichever screen, 1440 x 900 without a screen. (The panel's window,
-// its place, stacking and workspaces under a window manager are the X11 panel test's.)
+// its place, stacking and workspaces under a window manager are the end-to-end test's.)
 TEST(RecordingHUD, PanelSitsAtTheTopRightOfTheAvailableArea) {
     // With compositing the window is larger than the card, for its shadow: the card still sits in its place.
     RecordingHUD hud;

@@ -216,13 +216,19 @@ TEST_F(EndToEndTest, TakesOnlyWellFormedLinksAtLaunchFromASecondInstanceAndThrou
     EXPECT_TRUE(waitUntil([&] { return visibleWindows().size() == 1; }, 10s)) << "no popover";
 }
 
+/// What the screen shows in `area`.
+QImage screenshot(const QProcessEnvironment& display, const QRect& area) {
+    const QString crop = QStringLiteral("%1x%2+%3+%4").arg(area.width()).arg(area.height()).arg(area.x()).arg(area.y());
+    const CommandResult shot = runCommand(
+        QStringLiteral("import"),
+        {QStringLiteral("-window"), QStringLiteral("root"), QStringLiteral("-crop"), crop, QStringLiteral("png:-")},
+        display, 20s);
+    return QImage::fromData(shot.standardOutput, "PNG");
+}
+
 /// Pixels of the recording badge's red in a screenshot of the top of the screen, where the panel sits.
 int badgePixelsAtTheTop(const QProcessEnvironment& display) {
-    const CommandResult shot = runCommand(QStringLiteral("import"),
-                                          {QStringLiteral("-window"), QStringLiteral("root"), QStringLiteral("-crop"),
-                                           QStringLiteral("1280x40+0+0"), QStringLiteral("png:-")},
-                                          display, 20s);
-    const QImage image = QImage::fromData(shot.standardOutput, "PNG");
+    const QImage image = screenshot(display, QRect(0, 0, 1280, 40));
     int count = 0;
     for (int y = 0; y < image.height(); ++y) {
         for (int x = 0; x < image.width(); ++x) {
@@ -339,9 +345,81 @@ TEST_F(EndToEndTest, DrivenThroughItsActionsItRecordsWithNotes) {
     EXPECT_EQ(titles.last().toString(), QString());
 }
 
+// Under a window manager (openbox), the recording panel sits at the top right of the screen: a tool window that
+// takes no focus, above the windows opened after it and on every workspace. Without a compositor (none runs
+// here) the window is the card itself, cut to its rounded shape.
+TEST_F(EndToEndTest, UnderAWindowManagerThePanelStaysAboveOnEveryWorkspace) {
+    WindowManager openbox;
+    ASSERT_TRUE(openbox.start(m_session));
+    ASSERT_TRUE(startProgram());
+    const QRect card(1280 - 60 - 20, 20, 60, 262); // on Xvfb's 1280 x 800 screen
+    ASSERT_TRUE(action(QStringLiteral("start-recording")));
+    ASSERT_TRUE(waitForProperty(QStringLiteral("IsRecording"), true)) << m_program.logTail().toStdString();
+    QString panel;
+    ASSERT_TRUE(waitUntil([&] { return (panel = visibleWindows().value(0)) != QString(); }, 10s));
+    const auto xprop = [&](const QString& window, const QString& name) {
+        return onDisplay(QStringLiteral("xprop"), {QStringLiteral("-id"), window, name});
+    };
+    // What the window manager keeps of what the panel asks.
+    EXPECT_TRUE(waitUntil([&] { return xprop(panel, "_NET_WM_STATE").contains("_NET_WM_STATE_ABOVE"); }, 10s))
+        << xprop(panel, "_NET_WM_STATE").toStdString();
+    EXPECT_TRUE(xprop(panel, "_NET_WM_DESKTOP").contains("= 4294967295")) << "on all desktops";
+    EXPECT_TRUE(xprop(panel, "_NET_WM_WINDOW_TYPE").contains("_NET_WM_WINDOW_TYPE_UTILITY"));
+    EXPECT_TRUE(xprop(panel, "WM_HINTS").contains("Client accepts input or input focus: False"));
+    const auto placed = [&] {
+        const QString info = onDisplay(QStringLiteral("xwininfo"), {QStringLiteral("-id"), panel});
+        const auto field = [&](const char* name) {
+            return QRegularExpression(QStringLiteral("%1:\\s+(-?\\d+)").arg(QLatin1String(name)))
+                .match(info)
+                .captured(1)
+                .toInt();
+        };
+        return QRect(field("Absolute upper-left X"), field("Absolute upper-left Y"), field("Width"), field("Height"));
+    };
+    EXPECT_TRUE(waitUntil([&] { return placed() == card; }, 10s)) << placed().x() << "," << placed().y();
+
+    // A window opened later, over the panel's corner, stays below it; on another workspace it goes, the panel
+    // stays.
+    ManagedProcess other;
+    ManagedProcess::Options otherOptions;
+    otherOptions.program = QStringLiteral("xmessage");
+    otherOptions.arguments = {QStringLiteral("-geometry"), QStringLiteral("300x300+1000+0"), QStringLiteral("Autre")};
+    otherOptions.environment = m_session;
+    ASSERT_TRUE(other.start(otherOptions));
+    const auto stackIndex = [&](const QString& window) {
+        QList<qulonglong> stacking;
+        const QString list = onDisplay(QStringLiteral("xprop"), {QStringLiteral("-root"), "_NET_CLIENT_LIST_STACKING"});
+        for (const QString& id : list.section(u'#', 1).split(u',', Qt::SkipEmptyParts))
+            stacking << id.trimmed().toULongLong(nullptr, 16);
+        return stacking.indexOf(window.toULongLong());
+    };
+    QString otherWindow;
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            otherWindow =
+                onDisplay(QStringLiteral("xdotool"), {QStringLiteral("search"), QStringLiteral("--onlyvisible"),
+                                                      QStringLiteral("--class"), QStringLiteral("xmessage")})
+                    .trimmed();
+            return !otherWindow.isEmpty() && stackIndex(otherWindow) >= 0;
+        },
+        10s));
+    EXPECT_GT(stackIndex(panel), stackIndex(otherWindow)) << "the panel is not above the newer window";
+    // The panel's window is the card, cut to its rounded shape: the newer window shows through the corner only.
+    const QImage shot = screenshot(m_session, card.adjusted(-1, 0, 0, 0));
+    EXPECT_EQ(shot.pixel(1, 0), shot.pixel(0, 0)) << "rounded corner";
+    EXPECT_NE(shot.pixel(31, 131), shot.pixel(0, 131));
+    ASSERT_TRUE(
+        runCommand(QStringLiteral("xdotool"), {QStringLiteral("set_desktop"), QStringLiteral("1")}, m_session).ok());
+    const auto viewable = [&](const QString& window) {
+        return onDisplay(QStringLiteral("xwininfo"), {QStringLiteral("-id"), window}).contains("IsViewable");
+    };
+    EXPECT_TRUE(waitUntil([&] { return !viewable(otherWindow); }, 10s));
+    EXPECT_TRUE(viewable(panel));
+}
+
 // In a Wayland session with XWayland (weston), the program started as its desktop entry starts it runs on the
 // X server, where its panel can place itself (the panel's place, stacking and workspaces under a window manager
-// are the X11 panel test's). Without an X server it says that the panel cannot place itself.
+// are the test above's). Without an X server it says that the panel cannot place itself.
 TEST_F(EndToEndTest, InAWaylandSessionItRunsOnXWaylandAsItsDesktopEntryStartsIt) {
     WaylandCompositor weston;
     ASSERT_TRUE(weston.start()) << weston.logs().toStdString();
