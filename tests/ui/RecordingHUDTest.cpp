@@ -109,7 +109,7 @@ TEST(RecordingHUD, TimersDriveTheMetersAndTheDot) {
     EXPECT_GE(dot->dotOpacity(), 0.15);
 }
 
-TEST(RecordingHUD, ButtonsCallTheirClosuresOnceAndStopMayHideThePanel) {
+TEST(RecordingHUD, ButtonsCallTheirClosuresOnceStopMayHideThePanelAndTheBackgroundDrags) {
     RecordingHUD hud;
     hud.show(false);
     EXPECT_FALSE(hud.stopButton()->icon().isNull() || hud.noteButton()->icon().isNull());
@@ -136,11 +136,8 @@ TEST(RecordingHUD, ButtonsCallTheirClosuresOnceAndStopMayHideThePanel) {
     flushDeletes();
     hud.show(false);
     EXPECT_TRUE(hud.isShown());
-}
 
-TEST(RecordingHUD, DraggingTheBackgroundMovesThePanel) {
-    RecordingHUD hud;
-    hud.show(false);
+    // Dragging the background moves the panel.
     const QPoint before = hud.panel()->pos();
     QWidget* view = hud.view();
     const QPoint grab(30, 150); // between the separator and the meter heading: background
