@@ -20,7 +20,7 @@ void flushDeletes() {
 }
 
 // At the top right of the available area of whichever screen, 1440 x 900 without a screen. (The panel's window,
-// its place, stacking and workspaces under a window manager are the X11 panel test's.)
+// its place, stacking and workspaces under a window manager are the end-to-end test's.)
 TEST(RecordingHUD, PanelSitsAtTheTopRightOfTheAvailableArea) {
     // With compositing the window is larger than the card, for its shadow: the card still sits in its place.
     RecordingHUD hud;
@@ -109,7 +109,7 @@ TEST(RecordingHUD, TimersDriveTheMetersAndTheDot) {
     EXPECT_GE(dot->dotOpacity(), 0.15);
 }
 
-TEST(RecordingHUD, ButtonsCallTheirClosuresOnceAndStopMayHideThePanel) {
+TEST(RecordingHUD, ButtonsCallTheirClosuresOnceStopMayHideThePanelAndTheBackgroundDrags) {
     RecordingHUD hud;
     hud.show(false);
     EXPECT_FALSE(hud.stopButton()->icon().isNull() || hud.noteButton()->icon().isNull());
@@ -136,11 +136,8 @@ TEST(RecordingHUD, ButtonsCallTheirClosuresOnceAndStopMayHideThePanel) {
     flushDeletes();
     hud.show(false);
     EXPECT_TRUE(hud.isShown());
-}
 
-TEST(RecordingHUD, DraggingTheBackgroundMovesThePanel) {
-    RecordingHUD hud;
-    hud.show(false);
+    // Dragging the background moves the panel.
     const QPoint before = hud.panel()->pos();
     QWidget* view = hud.view();
     const QPoint grab(30, 150); // between the separator and the meter heading: background

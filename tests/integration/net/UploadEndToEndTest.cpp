@@ -51,6 +51,7 @@ protected:
         m_env = mergedEnvironment({m_pulse->variables(), m_bus->variables(), m_xvfb->variables()});
         m_env.insert(QStringLiteral("XDG_CONFIG_HOME"), m_dir.filePath(QStringLiteral("config"), true));
         m_env.insert(QStringLiteral("XDG_DATA_HOME"), m_dir.filePath(QStringLiteral("data"), true));
+        m_env.insert(QStringLiteral("XDG_STATE_HOME"), m_dir.filePath(QStringLiteral("state"), true));
         QDir().mkpath(recordingsDir());
         // The program talks to the reference backend, and watches no call.
         QSettings settings(m_dir.path() + QStringLiteral("/config/TavrelRecorder/TavrelRecorder.conf"),
