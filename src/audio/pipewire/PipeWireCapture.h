@@ -23,6 +23,10 @@ class PipeWireCapture {
 public:
     static constexpr int kSampleRateHz = 48000;
     static constexpr int kChannels = 2;
+    /// Buffers are timed by the graph's cycles, without delivery jitter: after cycles the stream missed (no free
+    /// buffer, a driver late under load: the output played nothing then) the next buffer is late by exactly their
+    /// length, and anything later than this is such a gap, made silence at once like the microphone's holes.
+    static constexpr int64_t kMissedCycleNs = 5'000'000;
     using ChunkHandler = std::function<void(const float* interleaved, int64_t frames, int64_t captureNs)>;
 
     PipeWireCapture(PipeWireConnection& connection, ChunkHandler onChunk);

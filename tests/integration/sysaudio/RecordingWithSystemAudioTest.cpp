@@ -173,12 +173,8 @@ TEST_P(RecordingWithSystemAudioTest, everyTrackLeavesThePauseOutAndStaysAligned)
         const std::vector<double> fromEnd = findSoundOnsets(samples, kRate, -35.0, 300);
         trackEnds.push_back(fromEnd.empty() ? -1.0 : lengthS - fromEnd[0]);
     }
-    // On a PipeWire graph starved of CPU, the tap (timed by the graph's cycles) and the microphone through
-    // pipewire-pulse (timed by arrival) still part by up to about 120 ms now and then: PipeWire is held to 150 ms.
-    const double toleranceS = pipeWire ? 0.15 : 0.05;
     for (size_t i = 1; i < trackOnsets.size(); ++i)
-        EXPECT_LE(std::min(std::abs(trackOnsets[i] - trackOnsets[0]), std::abs(trackEnds[i] - trackEnds[0])),
-                  toleranceS)
+        EXPECT_LE(std::min(std::abs(trackOnsets[i] - trackOnsets[0]), std::abs(trackEnds[i] - trackEnds[0])), 0.05)
             << QFileInfo(tracks[static_cast<qsizetype>(i)]).fileName().toStdString()
             << " against the microphone: begins " << ::testing::PrintToString(trackOnsets) << ", ends "
             << ::testing::PrintToString(trackEnds);
