@@ -269,21 +269,25 @@ INSTANTIATE_TEST_SUITE_P(Servers, RecordingWithSystemAudioTest,
 class TapFailureTest : public ::testing::TestWithParam<ProcessTapRecorder::Step> {
 protected:
     static void SetUpTestSuite() {
-        QString missing;
-        if (!PipeWireFixture::isAvailable(&missing))
+        if (!PipeWireFixture::isAvailable(&s_missing))
             return;
         s_server = std::make_unique<PipeWireFixture>();
-        if (!s_server->start() || !s_server->warmUp())
-            s_server.reset();
+        // A server that is installed but does not start is a failure, not a reason to skip.
+        s_started = s_server->start();
+        if (s_started)
+            s_started = s_server->warmUp();
     }
     static void TearDownTestSuite() { s_server.reset(); }
     void SetUp() override {
         if (!s_server)
-            GTEST_SKIP() << "no PipeWire here";
+            GTEST_SKIP() << "PipeWire missing: " << s_missing.toStdString();
+        ASSERT_TRUE(s_started);
         m_environment.set("XDG_STATE_HOME", m_dir.filePath("state", true).toUtf8());
         m_environment.set("XDG_DATA_HOME", m_dir.filePath("data", true).toUtf8());
     }
     static std::unique_ptr<PipeWireFixture> s_server;
+    static inline ::testing::AssertionResult s_started = ::testing::AssertionFailure();
+    static inline QString s_missing;
     TempDir m_dir{QStringLiteral("tapfail")};
     ScopedEnvironment m_environment;
 };
