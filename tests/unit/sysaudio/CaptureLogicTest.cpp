@@ -14,7 +14,6 @@
 #include "audio/timeline/SampleHandOff.h"
 
 #include <QFile>
-#include <QProcess>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
