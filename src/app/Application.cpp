@@ -4,6 +4,7 @@
 #include "CrashHooks.h"
 #include "DisplayChoice.h"
 #include "LaunchRequest.h"
+#include "QuitSignals.h"
 #include "RecorderDBusService.h"
 #include "audio/files/CaptureRecovery.h"
 #include "audio/pulse/AudioRouting.h"
@@ -98,6 +99,7 @@ int runApplication(int argc, char** argv, const AlertPresenterFactory& makeAlert
         adjustServices(services);
     AppDelegate delegate(std::move(services));
     service.attach(&delegate);
+    const QuitSignals quitSignals;
     delegate.applicationDidFinishLaunching();
     if (request.kind != LaunchRequest::Kind::activate)
         service.handle(request);

@@ -3,7 +3,6 @@ tavrel_add_test(app_integration_tests LABELS integration QT_GUI TIMEOUT 600
     SOURCES
         ${CMAKE_CURRENT_LIST_DIR}/app/AppDelegateTestBase.h
         ${CMAKE_CURRENT_LIST_DIR}/app/AppDelegateTest.cpp
-        ${CMAKE_CURRENT_LIST_DIR}/app/SessionControllerTest.cpp
     LIBS tavrel_app tavrel_platform_fake Qt6::Test)
 
 # The real program under Xvfb, driven through its tray, command line and D-Bus face.

@@ -31,24 +31,6 @@ AlertSpec settingsAlert(QWidget* form) {
             form};
 }
 
-TEST(SettingsForm, ShowsValuesPlaceholdersAndTheMaskedToken) {
-    SettingsForm form(newUserValues());
-    EXPECT_EQ(form.backendField()->text(), QStringLiteral("https://srv/backend"));
-    EXPECT_EQ(form.backendField()->placeholderText(), QStringLiteral("https://srv/backend"));
-    EXPECT_EQ(form.webField()->placeholderText(), QStringLiteral("https://srv/tavrel/index.html"));
-    EXPECT_EQ(form.tokenField()->placeholderText(), QStringLiteral("Token JWT"));
-    EXPECT_EQ(form.tokenField()->echoMode(), QLineEdit::Password);
-    EXPECT_EQ(form.launchAtLoginBox()->text(), QStringLiteral("Ouvrir TaVREL Recorder à la connexion"));
-    EXPECT_EQ(form.autoDetectCallsBox()->text(),
-              QStringLiteral("Proposer d'enregistrer quand un appel ou une visio démarre"));
-    EXPECT_EQ(form.autoDetectCallsBox()->toolTip(),
-              QStringLiteral("Détecte quand Teams, Zoom, Google Meet, FaceTime ou un appel téléphonique utilise le "
-                             "micro, et propose alors d'enregistrer."));
-    EXPECT_FALSE(form.launchAtLogin());
-    EXPECT_TRUE(form.autoDetectCalls());
-    EXPECT_EQ(form.backendField()->width(), 380);
-}
-
 // The scripted presenter stands in for the user in every workflow test: it must fill accessories, answer by
 // title or index, and never let an unexpected alert pass unnoticed.
 TEST(ScriptedAlertPresenter, AnswersAfterFillingTheAccessoryAndReportsWhatNobodyExpected) {

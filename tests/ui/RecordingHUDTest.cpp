@@ -19,83 +19,33 @@ void flushDeletes() {
     QCoreApplication::processEvents();
 }
 
-TEST(RecordingHUD, MetersSitWhereTheirCountSays) {
-    for (const bool systemAudio : {false, true}) {
-        SCOPED_TRACE(systemAudio);
-        RecordingHUD hud;
-        hud.show(systemAudio);
-        ASSERT_NE(hud.vuMeter(), nullptr);
-        EXPECT_EQ(hud.vuMeter()->geometry(), QRect(systemAudio ? 10 : 23, 170, 14, 42));
-        EXPECT_EQ(hud.vuMeter()->parentWidget(), hud.view());
-        EXPECT_EQ(hud.sysMeter() ? hud.sysMeter()->geometry() : QRect(),
-                  systemAudio ? QRect(36, 170, 14, 42) : QRect());
-        EXPECT_EQ(hud.view()->size(), QSize(60, 262));
-        EXPECT_EQ(hud.timerLabel()->geometry(), QRect(0, 55, 60, 16));
-        EXPECT_EQ(hud.stopButton()->geometry(), QRect(12, 100, 36, 36));
-        EXPECT_EQ(hud.noteButton()->geometry(), QRect(12, 224, 36, 36));
-        EXPECT_FALSE(hud.stopButton()->icon().isNull());
-        EXPECT_FALSE(hud.noteButton()->icon().isNull());
-    }
-}
-
-TEST(RecordingHUD, PanelIsAFloatingToolWindowAtTheTopRightWithOrWithoutCompositing) {
-    const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
-    for (const bool compositing : {true, false}) {
-        SCOPED_TRACE(compositing);
-        RecordingHUD hud;
-        hud.compositingAvailable = [=] { return compositing; };
-        hud.show(false);
-        QWidget* panel = hud.panel();
-        ASSERT_NE(panel, nullptr);
-        const Qt::WindowFlags wanted =
-            Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::WindowDoesNotAcceptFocus;
-        EXPECT_EQ(panel->windowFlags() & wanted, wanted);
-        EXPECT_TRUE(panel->testAttribute(Qt::WA_ShowWithoutActivating));
-        EXPECT_TRUE(panel->isVisible());
-        EXPECT_EQ(hud.panelFrame(), QRect(area.x() + area.width() - 80, area.y() + 20, 60, 262));
-        // Without compositing the window is the card itself, cut to its rounded shape.
-        EXPECT_EQ(panel->testAttribute(Qt::WA_TranslucentBackground), compositing);
-        if (!compositing) {
-            EXPECT_EQ(panel->size(), QSize(60, 262));
-            EXPECT_TRUE(panel->mask().contains(QPoint(30, 131)));
-            EXPECT_FALSE(panel->mask().contains(QPoint(1, 1))) << "rounded corner";
-        }
-    }
+// At the top right of the available area of whichever screen, 1440 x 900 without a screen. (The panel's window,
+// its place, stacking and workspaces under a window manager are the end-to-end test's.)
+TEST(RecordingHUD, PanelSitsAtTheTopRightOfTheAvailableArea) {
+    // With compositing the window is larger than the card, for its shadow: the card still sits in its place.
+    RecordingHUD hud;
+    hud.show(false);
+    EXPECT_TRUE(hud.panel()->testAttribute(Qt::WA_TranslucentBackground));
+    EXPECT_EQ(hud.panelFrame(), RecordingHUD::panelRect(QGuiApplication::primaryScreen()->availableGeometry()));
     EXPECT_EQ(RecordingHUD::panelRect(QRect(0, 25, 1512, 920)).topLeft(), QPoint(1432, 45));
     EXPECT_EQ(RecordingHUD::panelRect(QRect(1920, 0, 1280, 1024)).topLeft(), QPoint(3120, 20));
-    EXPECT_EQ(RecordingHUD::panelRect(QRect()), QRect(1360, 20, 60, 262)) << "1440 x 900 without a screen";
+    EXPECT_EQ(RecordingHUD::panelRect(QRect()), QRect(1360, 20, 60, 262));
 }
 
-TEST(RecordingHUD, HideStopsEverythingAndIsHarmlessTwice) {
+// Hiding stops everything and is harmless twice (or before any show); the clock is kept until the next show.
+TEST(RecordingHUD, ClockShowsMinutesAndSecondsWithoutHoursUntilHiddenAndShowingAgainChangesNothing) {
     RecordingHUD hud;
     hud.hide();
     EXPECT_FALSE(hud.isShown());
-    hud.show(true);
-    ASSERT_TRUE(hud.ticker()->isActive() && hud.meterTimer()->isActive());
-    EXPECT_EQ(hud.ticker()->interval(), 1000) << "the clock counts seconds";
-    QPointer<QWidget> panel = hud.panel();
-    hud.tickClock();
-    hud.hide();
-    hud.hide();
-    EXPECT_TRUE(!hud.ticker() && !hud.meterTimer() && !hud.vuMeter() && !hud.sysMeter());
-    EXPECT_EQ(hud.elapsed(), 1) << "kept until the next show";
-    flushDeletes();
-    EXPECT_TRUE(panel.isNull());
-
-    hud.show(false);
-    EXPECT_EQ(hud.timerLabel()->text(), QStringLiteral("0:00"));
-    EXPECT_EQ(hud.sysMeter(), nullptr);
-}
-
-TEST(RecordingHUD, ClockShowsMinutesAndSecondsWithoutHoursAndShowingAgainChangesNothing) {
-    RecordingHUD hud;
     int pins = 0;
     hud.pinToAllWorkspaces = [&](QWindow& window) {
         ++pins;
         EXPECT_FALSE(window.isVisible()) << "pinned before it is shown";
     };
-    hud.show(false);
-    QWidget* panel = hud.panel();
+    hud.show(true);
+    ASSERT_TRUE(hud.ticker()->isActive() && hud.meterTimer()->isActive());
+    EXPECT_EQ(hud.ticker()->interval(), 1000) << "the clock counts seconds";
+    QPointer<QWidget> panel = hud.panel();
     int ticks = 0;
     for (const auto& [at, text] :
          {std::pair{0, "0:00"}, {7, "0:07"}, {599, "9:59"}, {3599, "59:59"}, {3600, "60:00"}, {3665, "61:05"}}) {
@@ -103,11 +53,21 @@ TEST(RecordingHUD, ClockShowsMinutesAndSecondsWithoutHoursAndShowingAgainChanges
             hud.tickClock();
         EXPECT_EQ(hud.timerLabel()->text(), QString::fromUtf8(text)) << at;
     }
-    hud.show(true);
-    EXPECT_EQ(hud.panel(), panel);
-    EXPECT_EQ(hud.sysMeter(), nullptr);
+    hud.show(false);
+    EXPECT_EQ(hud.panel(), panel.data());
+    EXPECT_NE(hud.sysMeter(), nullptr);
     EXPECT_EQ(hud.timerLabel()->text(), QStringLiteral("61:05"));
     EXPECT_EQ(pins, 1);
+
+    hud.hide();
+    hud.hide();
+    EXPECT_TRUE(!hud.ticker() && !hud.meterTimer() && !hud.vuMeter() && !hud.sysMeter());
+    EXPECT_EQ(hud.elapsed(), 3665) << "kept until the next show";
+    flushDeletes();
+    EXPECT_TRUE(panel.isNull());
+    hud.show(false);
+    EXPECT_EQ(hud.timerLabel()->text(), QStringLiteral("0:00"));
+    EXPECT_EQ(hud.sysMeter(), nullptr);
 }
 
 TEST(RecordingHUD, MeterTickAsksTheSystemLevelOnlyWithAMicrophoneLevel) {
@@ -125,6 +85,7 @@ TEST(RecordingHUD, MeterTickAsksTheSystemLevelOnlyWithAMicrophoneLevel) {
         hud.systemLevelProvider = [&] { return ++systemCalls, 0.3f; };
         hud.show(c.systemAudio);
         hud.tickMeters();
+        EXPECT_EQ(hud.sysMeter() != nullptr, c.systemAudio) << "one meter per side recorded";
         EXPECT_EQ(systemCalls, c.expectedSystemCalls);
         EXPECT_NEAR(hud.vuMeter()->barRect().height(), c.micProvider ? 0.7 * 42 : 0.0, 1e-4);
         if (hud.sysMeter()) {
@@ -148,9 +109,10 @@ TEST(RecordingHUD, TimersDriveTheMetersAndTheDot) {
     EXPECT_GE(dot->dotOpacity(), 0.15);
 }
 
-TEST(RecordingHUD, ButtonsCallTheirClosuresOnceAndStopMayHideThePanel) {
+TEST(RecordingHUD, ButtonsCallTheirClosuresOnceStopMayHideThePanelAndTheBackgroundDrags) {
     RecordingHUD hud;
     hud.show(false);
+    EXPECT_FALSE(hud.stopButton()->icon().isNull() || hud.noteButton()->icon().isNull());
     QTest::mouseClick(hud.stopButton(), Qt::LeftButton); // no closure set: nothing happens
     QTest::mouseClick(hud.noteButton(), Qt::LeftButton);
     int notes = 0;
@@ -174,11 +136,8 @@ TEST(RecordingHUD, ButtonsCallTheirClosuresOnceAndStopMayHideThePanel) {
     flushDeletes();
     hud.show(false);
     EXPECT_TRUE(hud.isShown());
-}
 
-TEST(RecordingHUD, DraggingTheBackgroundMovesThePanel) {
-    RecordingHUD hud;
-    hud.show(false);
+    // Dragging the background moves the panel.
     const QPoint before = hud.panel()->pos();
     QWidget* view = hud.view();
     const QPoint grab(30, 150); // between the separator and the meter heading: background

@@ -8,8 +8,3 @@ tavrel_add_test(ui_tests LABELS ui QT_GUI TIMEOUT 120
         ${CMAKE_CURRENT_LIST_DIR}/VUMeterViewTest.cpp
     LIBS tavrel_ui Qt6::Test)
 
-# The panel on a private Xvfb (sticky on every workspace, above other windows).
-pkg_check_modules(XCB REQUIRED IMPORTED_TARGET xcb)
-tavrel_add_test(ui_x11_tests LABELS ui QT_GUI TIMEOUT 120
-    SOURCES ${CMAKE_CURRENT_LIST_DIR}/HUDOnX11Test.cpp
-    LIBS tavrel_ui tavrel_platform PkgConfig::XCB)

@@ -8,8 +8,8 @@
 namespace tavrel {
 
 /// Single-producer single-consumer ring of float samples: the capture callback pushes, the encoder thread
-/// pops, neither waits for the other. The producer pushes whole frames and the consumer pops whole frames
-/// (pass `granule` = channel count) so that interleaving never slips.
+/// pops, neither waits for the other. Its user keeps frames whole (SampleHandOff pushes a chunk only where it
+/// fits, and pops exactly the chunks it pushed).
 class SampleRing {
 public:
     explicit SampleRing(std::size_t minimumCapacity)
@@ -18,26 +18,26 @@ public:
 
     std::size_t capacity() const { return m_buffer.size(); }
 
-    /// Producer side. Copies as many whole granules as fit; returns the number of samples taken.
-    std::size_t push(const float* samples, std::size_t count, std::size_t granule = 1) {
+    /// Producer side. Copies as many samples as fit; returns how many.
+    std::size_t push(const float* samples, std::size_t count) {
         const std::size_t head = m_head.load(std::memory_order_relaxed);
         const std::size_t tail = m_tail.load(std::memory_order_acquire);
         std::size_t room = m_buffer.size() - (head - tail);
         if (count > room)
-            count = room - room % granule;
+            count = room;
         for (std::size_t i = 0; i < count; ++i)
             m_buffer[(head + i) & m_mask] = samples[i];
         m_head.store(head + count, std::memory_order_release);
         return count;
     }
 
-    /// Consumer side. Copies up to `maxCount` samples (whole granules); returns how many.
-    std::size_t pop(float* out, std::size_t maxCount, std::size_t granule = 1) {
+    /// Consumer side. Copies up to `maxCount` samples; returns how many.
+    std::size_t pop(float* out, std::size_t maxCount) {
         const std::size_t tail = m_tail.load(std::memory_order_relaxed);
         const std::size_t head = m_head.load(std::memory_order_acquire);
         std::size_t count = head - tail;
         if (count > maxCount)
-            count = maxCount - maxCount % granule;
+            count = maxCount;
         for (std::size_t i = 0; i < count; ++i)
             out[i] = m_buffer[(tail + i) & m_mask];
         m_tail.store(tail + count, std::memory_order_release);

@@ -169,7 +169,7 @@ protected:
     qsizetype m_logLinesBefore = 0;
 };
 
-enum class Moment { oneSecondIn, midRecording, whilePaused, duringTheMerge, mergeMadeToFail };
+enum class Moment { oneSecondIn, midRecording, whilePaused, duringTheMerge, mergeMadeToFail, terminated };
 
 struct KillCase {
     const char* name;
@@ -235,6 +235,12 @@ TEST_P(KilledProgram, nextLaunchOffersTheWholeRecording) {
         std::this_thread::sleep_until(at(c.killAtS));
         kill();
         break;
+    case Moment::terminated:
+        // A logout or `kill`: the program leaves through its event loop, its files closed, and exits cleanly.
+        std::this_thread::sleep_until(at(c.killAtS));
+        m_program.sendSignal(SIGTERM);
+        EXPECT_EQ(m_program.wait(30s), std::optional<int>(0)) << m_program.describe().toStdString();
+        break;
     case Moment::duringTheMerge: {
         std::this_thread::sleep_until(at(c.killAtS));
         ASSERT_TRUE(action(QStringLiteral("stop-recording")));
@@ -293,7 +299,8 @@ INSTANTIATE_TEST_SUITE_P(Moments, KilledProgram,
                                            KillCase{"midRecording", Moment::midRecording, 4.0, 4.0, false},
                                            KillCase{"whilePaused", Moment::whilePaused, 4.0, 2.0, false},
                                            KillCase{"duringTheMerge", Moment::duringTheMerge, 12.0, 12.0, false},
-                                           KillCase{"mergeMadeToFail", Moment::mergeMadeToFail, 5.0, 5.0, true}),
+                                           KillCase{"mergeMadeToFail", Moment::mergeMadeToFail, 5.0, 5.0, true},
+                                           KillCase{"terminated", Moment::terminated, 4.0, 4.0, false}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 // Twenty launches, each killed at a random moment: before, during or after a start, a pause, a stop or the

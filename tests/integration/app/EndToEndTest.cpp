@@ -151,8 +151,26 @@ protected:
             runCommand(command, arguments, display.isEmpty() ? m_session : display, 10s).standardOutput);
     }
 
-    /// The shipped program (real dialogs) instead of the test build.
-    void useShippedProgram() { m_programPath = QStringLiteral(TAVREL_RECORDER_SHIPPED_BIN); }
+    /// The program's windows mapped on `display`.
+    QStringList visibleWindows(const QProcessEnvironment& display = {}) const {
+        return onDisplay(QStringLiteral("xdotool"),
+                         {QStringLiteral("search"), QStringLiteral("--onlyvisible"), QStringLiteral("--pid"),
+                          QString::number(m_program.pid())},
+                         display)
+            .split(u'\n', Qt::SkipEmptyParts);
+    }
+
+    /// Where window `id` sits on the test's display.
+    QRect windowRect(const QString& id) const {
+        const QString info = onDisplay(QStringLiteral("xwininfo"), {QStringLiteral("-id"), id});
+        const auto field = [&](const char* name) {
+            return QRegularExpression(QStringLiteral("%1:\\s+(-?\\d+)").arg(QLatin1String(name)))
+                .match(info)
+                .captured(1)
+                .toInt();
+        };
+        return QRect(field("Absolute upper-left X"), field("Absolute upper-left Y"), field("Width"), field("Height"));
+    }
 
     static inline int s_connections = 0;
     TempDir m_dir{QStringLiteral("tavrel-e2e")};
@@ -167,13 +185,15 @@ protected:
     ManagedProcess m_program;
 };
 
-// Started by a link, it stores it at launch; empty values are stored as empty texts, not left to the defaults.
-// A link opened by the desktop then starts a second instance, which hands it over as it is and leaves (a scheme
-// in capitals is still not ours, the next link is); the desktop's Open reaches the running instance directly.
-// Malformed or foreign links change nothing and stay silent: links are handled in order, so the valid one sent
-// last must be the only new one that notifies.
+// Started by a link, it stores it at launch (options it does not know and the links after the first change
+// nothing); empty values are stored as empty texts, not left to the defaults. A link opened by the desktop then
+// starts a second instance, which hands it over as it is and leaves (a scheme in capitals is still not ours, the
+// next link is); the desktop's Open reaches the running instance directly. Malformed or foreign links change
+// nothing and stay silent: links are handled in order, so the valid one sent last must be the only new one that
+// notifies. A launch without a link or an action's name shows the running instance's popover.
 TEST_F(EndToEndTest, TakesOnlyWellFormedLinksAtLaunchFromASecondInstanceAndThroughOpen) {
-    ASSERT_TRUE(startProgram({QStringLiteral("tavrel://auth?token=&backend=")}));
+    ASSERT_TRUE(startProgram({QStringLiteral("--verbose"), QStringLiteral("tavrel://auth?token=&backend="),
+                              QStringLiteral("tavrel://autre")}));
     ASSERT_TRUE(waitUntil([&] { return linkedNotifications() == 1; }, 20s)) << m_program.describe().toStdString();
     EXPECT_TRUE(stored(QStringLiteral("token")).isValid());
     EXPECT_EQ(stored(QStringLiteral("token")).toString(), QString());
@@ -202,18 +222,31 @@ TEST_F(EndToEndTest, TakesOnlyWellFormedLinksAtLaunchFromASecondInstanceAndThrou
     EXPECT_EQ(stored(QStringLiteral("token")).toString(), QStringLiteral("abc+1"));
     EXPECT_EQ(stored(QStringLiteral("backendURL")).toString(), QStringLiteral("https://example.org/backend"));
     EXPECT_TRUE(m_program.isRunning());
+
+    EXPECT_TRUE(visibleWindows().isEmpty());
+    EXPECT_EQ(launchAgain({QStringLiteral("--action")}), 0);
+    EXPECT_TRUE(waitUntil([&] { return visibleWindows().size() == 1; }, 10s)) << "no popover";
 }
 
-/// Pixels of the recording badge's red in a screenshot of the top of the screen, where the panel sits.
-int badgePixelsAtTheTop(const QProcessEnvironment& display) {
-    const CommandResult shot = runCommand(QStringLiteral("import"),
-                                          {QStringLiteral("-window"), QStringLiteral("root"), QStringLiteral("-crop"),
-                                           QStringLiteral("1280x40+0+0"), QStringLiteral("png:-")},
-                                          display, 20s);
-    const QImage image = QImage::fromData(shot.standardOutput, "PNG");
+/// What the screen shows in `area`.
+QImage screenshot(const QProcessEnvironment& display, const QRect& area) {
+    const QString crop = QStringLiteral("%1x%2+%3+%4").arg(area.width()).arg(area.height()).arg(area.x()).arg(area.y());
+    const CommandResult shot = runCommand(
+        QStringLiteral("import"),
+        {QStringLiteral("-window"), QStringLiteral("root"), QStringLiteral("-crop"), crop, QStringLiteral("png:-")},
+        display, 20s);
+    return QImage::fromData(shot.standardOutput, "PNG");
+}
+
+/// Pixels of the recording badge's red in a screenshot of the top of the screen, where the tray host sits, outside
+/// `skipped` (the recording panel, whose own red dot is no badge).
+int badgePixelsAtTheTop(const QProcessEnvironment& display, const QRect& skipped = {}) {
+    const QImage image = screenshot(display, QRect(0, 0, 1280, 40));
     int count = 0;
     for (int y = 0; y < image.height(); ++y) {
         for (int x = 0; x < image.width(); ++x) {
+            if (skipped.contains(x, y))
+                continue;
             const QColor c = image.pixelColor(x, y);
             count += c.red() > 190 && c.green() < 90 && c.blue() < 90 ? 1 : 0;
         }
@@ -222,8 +255,14 @@ int badgePixelsAtTheTop(const QProcessEnvironment& display) {
 }
 
 // Driven through its D-Bus actions and its command line, with xfce4-panel's status tray as the tray host: the
-// host lists the item, draws the recording badge and reads the clock in the item's tooltip.
+// host lists the item, draws the recording badge and reads the clock in the item's tooltip. The recording panel
+// shows while it records. Notes are kept exactly as given (spaces too); an empty one is no note, and the note
+// prompt adds nothing when answered on its empty field or cancelled. A routing device that a killed earlier run
+// left behind goes at launch.
 TEST_F(EndToEndTest, DrivenThroughItsActionsItRecordsWithNotes) {
+    const QString leftoverDevice = QStringLiteral("fr.tavrel.recorder.autoroute");
+    ASSERT_TRUE(m_pulse->loadModule(QStringLiteral("module-null-sink"), QStringLiteral("sink_name=") + leftoverDevice));
+    m_env.insert(QStringLiteral("TAVREL_TEST_ALERT_ANSWERS"), QStringLiteral("OK|Annuler"));
     TrayHost tray;
     ASSERT_TRUE(tray.start(m_session));
     // What the tray host asks of the item and gets back, as the bus carries it.
@@ -234,6 +273,7 @@ TEST_F(EndToEndTest, DrivenThroughItsActionsItRecordsWithNotes) {
     monitorOptions.stdoutPath = m_dir.filePath(QStringLiteral("bus.log"));
     ASSERT_TRUE(monitor.start(monitorOptions));
     ASSERT_TRUE(startProgram());
+    EXPECT_TRUE(waitUntil([&] { return !m_pulse->sinkNames().contains(leftoverDevice); }, 10s));
     const QString itemName = QStringLiteral("org.kde.StatusNotifierItem-%1-").arg(m_program.pid());
     auto itemsOfOurs = [&] { return tray.registeredItems().filter(itemName).size(); };
     ASSERT_TRUE(waitUntil([&] { return itemsOfOurs() == 1; }, 20s))
@@ -251,7 +291,16 @@ TEST_F(EndToEndTest, DrivenThroughItsActionsItRecordsWithNotes) {
 
     ASSERT_TRUE(action(QStringLiteral("start-recording")));
     ASSERT_TRUE(waitForProperty(QStringLiteral("IsRecording"), true)) << m_program.logTail().toStdString();
+    EXPECT_TRUE(waitUntil([&] { return visibleWindows().size() == 1; }, 10s)) << "no recording panel";
+    const QRect panelArea = windowRect(visibleWindows().value(0));
     ASSERT_TRUE(action(QStringLiteral("add-note"), {QStringLiteral("Point important : budget")}));
+    EXPECT_EQ(launchAgain({QStringLiteral("--action=add-note"), QStringLiteral("  ")}), 0);
+    EXPECT_EQ(
+        launchAgain({QStringLiteral("--action"), QStringLiteral("add-note"), QStringLiteral("Relancer « Dupont »")}),
+        0);
+    ASSERT_TRUE(action(QStringLiteral("add-note"), {QString()}));
+    for (int prompt = 0; prompt < 2; ++prompt)
+        ASSERT_TRUE(action(QStringLiteral("add-note")));
     ASSERT_TRUE(action(QStringLiteral("toggle-pause")));
     ASSERT_TRUE(waitForProperty(QStringLiteral("IsPaused"), true));
     ASSERT_TRUE(action(QStringLiteral("toggle-pause")));
@@ -268,7 +317,7 @@ TEST_F(EndToEndTest, DrivenThroughItsActionsItRecordsWithNotes) {
     };
     EXPECT_TRUE(waitUntil([&] { return toolTipWithClock.match(busLog()).hasMatch(); }, 10s, 500ms))
         << "the tray host never read the clock in the tooltip";
-    EXPECT_TRUE(waitUntil([&] { return badgePixelsAtTheTop(m_session) > idleBadge + 4; }, 10s, 500ms))
+    EXPECT_TRUE(waitUntil([&] { return badgePixelsAtTheTop(m_session, panelArea) > idleBadge + 4; }, 10s, 500ms))
         << "no recording badge drawn by the tray host (" << idleBadge << " red pixels when idle)";
 
     // The stop comes from the command line, through the running instance.
@@ -276,6 +325,7 @@ TEST_F(EndToEndTest, DrivenThroughItsActionsItRecordsWithNotes) {
     ASSERT_TRUE(waitForProperty(QStringLiteral("IsRecording"), false));
     EXPECT_EQ(tray.registeredItems().size(), 1) << "the second launch shows no tray item of its own";
     EXPECT_EQ(property(QStringLiteral("StatusTitle")), QVariant(QString()));
+    EXPECT_TRUE(waitUntil([&] { return visibleWindows().isEmpty(); }, 10s)) << "the panel stays";
 
     QStringList recordings;
     ASSERT_TRUE(waitUntil(
@@ -289,7 +339,17 @@ TEST_F(EndToEndTest, DrivenThroughItsActionsItRecordsWithNotes) {
     EXPECT_GT(recording.size(), 0);
     QFile notes(recording.path() + u'/' + recording.completeBaseName() + QStringLiteral(".notes.txt"));
     ASSERT_TRUE(notes.open(QIODevice::ReadOnly)) << notes.fileName().toStdString();
-    EXPECT_TRUE(QString::fromUtf8(notes.readAll()).contains(QStringLiteral("Point important : budget")));
+    QStringList texts;
+    for (const QString& line : QString::fromUtf8(notes.readAll()).split(u'\n'))
+        texts << line.mid(line.indexOf(QStringLiteral("] ")) + 2);
+    EXPECT_EQ(texts, (QStringList{QStringLiteral("Point important : budget"), QStringLiteral("  "),
+                                  QStringLiteral("Relancer « Dupont »")}));
+    EXPECT_EQ(QDir(recordingsDir()).entryList({QStringLiteral("*.notes.txt*")}, QDir::Files | QDir::Hidden).size(), 1)
+        << "no temporary file left beside the notes";
+    // The prompt's buttons: "OK" first, "Annuler" second.
+    for (const QString& prompt :
+         {QStringLiteral("[Alert] Ajouter une note → 1000"), QStringLiteral("[Alert] Ajouter une note → 1001")})
+        EXPECT_TRUE(m_program.logTail(400).contains(prompt)) << prompt.toStdString();
 
     // The signals followed every step, in order.
     waitUntil([&] { return watcher.valuesOf(QStringLiteral("IsRecording")).size() >= 2; }, 2s);
@@ -301,9 +361,72 @@ TEST_F(EndToEndTest, DrivenThroughItsActionsItRecordsWithNotes) {
     EXPECT_EQ(titles.last().toString(), QString());
 }
 
+// Under a window manager (openbox), the recording panel sits at the top right of the screen: a tool window that
+// takes no focus, above the windows opened after it and on every workspace. Without a compositor (none runs
+// here) the window is the card itself, cut to its rounded shape.
+TEST_F(EndToEndTest, UnderAWindowManagerThePanelStaysAboveOnEveryWorkspace) {
+    WindowManager openbox;
+    ASSERT_TRUE(openbox.start(m_session));
+    ASSERT_TRUE(startProgram());
+    const QRect card(1280 - 60 - 20, 20, 60, 262); // on Xvfb's 1280 x 800 screen
+    ASSERT_TRUE(action(QStringLiteral("start-recording")));
+    ASSERT_TRUE(waitForProperty(QStringLiteral("IsRecording"), true)) << m_program.logTail().toStdString();
+    QString panel;
+    ASSERT_TRUE(waitUntil([&] { return (panel = visibleWindows().value(0)) != QString(); }, 10s));
+    const auto xprop = [&](const QString& window, const QString& name) {
+        return onDisplay(QStringLiteral("xprop"), {QStringLiteral("-id"), window, name});
+    };
+    // What the window manager keeps of what the panel asks.
+    EXPECT_TRUE(waitUntil([&] { return xprop(panel, "_NET_WM_STATE").contains("_NET_WM_STATE_ABOVE"); }, 10s))
+        << xprop(panel, "_NET_WM_STATE").toStdString();
+    EXPECT_TRUE(xprop(panel, "_NET_WM_DESKTOP").contains("= 4294967295")) << "on all desktops";
+    EXPECT_TRUE(xprop(panel, "_NET_WM_WINDOW_TYPE").contains("_NET_WM_WINDOW_TYPE_UTILITY"));
+    EXPECT_TRUE(xprop(panel, "WM_HINTS").contains("Client accepts input or input focus: False"));
+    const auto placed = [&] { return windowRect(panel); };
+    EXPECT_TRUE(waitUntil([&] { return placed() == card; }, 10s)) << placed().x() << "," << placed().y();
+
+    // A window opened later, over the panel's corner, stays below it; on another workspace it goes, the panel
+    // stays.
+    ManagedProcess other;
+    ManagedProcess::Options otherOptions;
+    otherOptions.program = QStringLiteral("xmessage");
+    otherOptions.arguments = {QStringLiteral("-geometry"), QStringLiteral("300x300+1000+0"), QStringLiteral("Autre")};
+    otherOptions.environment = m_session;
+    ASSERT_TRUE(other.start(otherOptions));
+    const auto stackIndex = [&](const QString& window) {
+        QList<qulonglong> stacking;
+        const QString list = onDisplay(QStringLiteral("xprop"), {QStringLiteral("-root"), "_NET_CLIENT_LIST_STACKING"});
+        for (const QString& id : list.section(u'#', 1).split(u',', Qt::SkipEmptyParts))
+            stacking << id.trimmed().toULongLong(nullptr, 16);
+        return stacking.indexOf(window.toULongLong());
+    };
+    QString otherWindow;
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            otherWindow =
+                onDisplay(QStringLiteral("xdotool"), {QStringLiteral("search"), QStringLiteral("--onlyvisible"),
+                                                      QStringLiteral("--class"), QStringLiteral("xmessage")})
+                    .trimmed();
+            return !otherWindow.isEmpty() && stackIndex(otherWindow) >= 0;
+        },
+        10s));
+    EXPECT_GT(stackIndex(panel), stackIndex(otherWindow)) << "the panel is not above the newer window";
+    // The panel's window is the card, cut to its rounded shape: the newer window shows through the corner only.
+    const QImage shot = screenshot(m_session, card.adjusted(-1, 0, 0, 0));
+    EXPECT_EQ(shot.pixel(1, 0), shot.pixel(0, 0)) << "rounded corner";
+    EXPECT_NE(shot.pixel(31, 131), shot.pixel(0, 131));
+    ASSERT_TRUE(
+        runCommand(QStringLiteral("xdotool"), {QStringLiteral("set_desktop"), QStringLiteral("1")}, m_session).ok());
+    const auto viewable = [&](const QString& window) {
+        return onDisplay(QStringLiteral("xwininfo"), {QStringLiteral("-id"), window}).contains("IsViewable");
+    };
+    EXPECT_TRUE(waitUntil([&] { return !viewable(otherWindow); }, 10s));
+    EXPECT_TRUE(viewable(panel));
+}
+
 // In a Wayland session with XWayland (weston), the program started as its desktop entry starts it runs on the
 // X server, where its panel can place itself (the panel's place, stacking and workspaces under a window manager
-// are the X11 panel test's). Without an X server it says that the panel cannot place itself.
+// are the test above's). Without an X server it says that the panel cannot place itself.
 TEST_F(EndToEndTest, InAWaylandSessionItRunsOnXWaylandAsItsDesktopEntryStartsIt) {
     WaylandCompositor weston;
     ASSERT_TRUE(weston.start()) << weston.logs().toStdString();
@@ -328,16 +451,7 @@ TEST_F(EndToEndTest, InAWaylandSessionItRunsOnXWaylandAsItsDesktopEntryStartsIt)
     ASSERT_TRUE(action(QStringLiteral("start-recording")));
     ASSERT_TRUE(waitForProperty(QStringLiteral("IsRecording"), true)) << m_program.logTail().toStdString();
     // The panel is a visible X window of the program on XWayland's display.
-    EXPECT_TRUE(waitUntil(
-        [&] {
-            return !onDisplay(QStringLiteral("xdotool"),
-                              {QStringLiteral("search"), QStringLiteral("--onlyvisible"), QStringLiteral("--pid"),
-                               QString::number(m_program.pid())},
-                              m_env)
-                        .trimmed()
-                        .isEmpty();
-        },
-        10s))
+    EXPECT_TRUE(waitUntil([&] { return !visibleWindows(m_env).isEmpty(); }, 10s))
         << onDisplay(QStringLiteral("xwininfo"), {QStringLiteral("-root"), QStringLiteral("-tree")}, m_env)
                .toStdString();
     EXPECT_FALSE(m_program.logTail(200).contains(QStringLiteral("[Display]")));
@@ -371,7 +485,7 @@ TEST_F(EndToEndTest, TheUploadDialogTakesTheKeyboardUnderAWindowManager) {
     // A French keyboard, where the accented letters have keys of their own. (For a letter the keyboard lacks,
     // xdotool rebinds a spare key for an instant, a race that the program may lose and that no user meets.)
     ASSERT_TRUE(runCommand(QStringLiteral("setxkbmap"), {QStringLiteral("fr")}, m_session).ok());
-    useShippedProgram();
+    m_programPath = QStringLiteral(TAVREL_RECORDER_SHIPPED_BIN); // real dialogs
     ASSERT_TRUE(startProgram());
     // The check for unsent recordings runs 1.5 s after launch; the recording starts once it has found none.
     waitUntil([] { return false; }, 2500ms);

@@ -49,12 +49,8 @@ QStringList RecordingHome::recordings() const {
     return QDir(recordingsDir()).entryList(QDir::Files | QDir::Hidden, QDir::Name);
 }
 
-QString RecordingHome::tempDir() const {
-    return RecordingFiles::captureDir();
-}
-
 QStringList RecordingHome::tempFiles() const {
-    return QDir(tempDir()).entryList(QDir::Files | QDir::Hidden, QDir::Name);
+    return QDir(RecordingFiles::captureDir()).entryList(QDir::Files | QDir::Hidden, QDir::Name);
 }
 
 std::unique_ptr<PulseAudioFixture> PulseSuite::s_pulse;

@@ -27,9 +27,8 @@ class RecordingHome {
 public:
     RecordingHome();
     QString recordingsDir() const;
-    QString tempDir() const;
     QStringList recordings() const;
-    QStringList tempFiles() const;
+    QStringList tempFiles() const; ///< in the capture directory
 
 private:
     TempDir m_dir;

@@ -10,7 +10,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <chrono>
-#include <thread>
 
 using namespace tavrel;
 using namespace tavrel::test;
@@ -180,16 +179,21 @@ protected:
     RecordingHome m_home;
 };
 
+/// What the session controller reads once the start is over.
+struct Outcome {
+    bool usingProcessTap = false;
+    bool screenCaptureActive = false;
+    bool usingBlackHole = false;
+    bool permissionMissing = false;
+    std::optional<QString> reason;
+};
+
 struct StartCase {
     const char* name;
     Scenario setup;
     QStringList journal;
     QStringList log;
-    bool usingProcessTap;
-    bool screenCaptureActive;
-    bool usingBlackHole;
-    bool permissionMissing;
-    std::optional<QString> reason;
+    Outcome outcome;
 };
 
 void PrintTo(const StartCase& c, std::ostream* os) {
@@ -212,12 +216,6 @@ const QString kBlackHoleStarted = "[AudioRecorder] BlackHole démarré (téléph
 const QString kBlackHoleFailed =
     "[AudioRecorder] BlackHole ignoré : Impossible de démarrer la capture audio système (process-tap).";
 
-Scenario scenario(std::function<void(Scenario&)> change) {
-    Scenario s;
-    change(s);
-    return s;
-}
-
 } // namespace
 
 TEST_P(OrchestratorStart, triesTheSourcesInTheirFallbackOrderAndReportsWhatRuns) {
@@ -229,119 +227,68 @@ TEST_P(OrchestratorStart, triesTheSourcesInTheirFallbackOrderAndReportsWhatRuns)
     EXPECT_TRUE(recorder.isRecording());
     EXPECT_EQ(*built.journal, c.journal);
     EXPECT_EQ(log.lines(micName()), c.log);
-    EXPECT_EQ(recorder.usingProcessTap(), c.usingProcessTap);
-    EXPECT_EQ(recorder.screenCaptureActive(), c.screenCaptureActive);
-    EXPECT_EQ(recorder.usingBlackHole(), c.usingBlackHole);
-    EXPECT_EQ(recorder.screenCapturePermissionMissing(), c.permissionMissing);
-    EXPECT_EQ(recorder.systemAudioActive(), c.usingProcessTap || c.screenCaptureActive || c.usingBlackHole);
-    EXPECT_EQ(recorder.systemAudioUnavailableReason(), c.reason);
+    const Outcome& o = c.outcome;
+    EXPECT_EQ(recorder.usingProcessTap(), o.usingProcessTap);
+    EXPECT_EQ(recorder.screenCaptureActive(), o.screenCaptureActive);
+    EXPECT_EQ(recorder.usingBlackHole(), o.usingBlackHole);
+    EXPECT_EQ(recorder.screenCapturePermissionMissing(), o.permissionMissing);
+    EXPECT_EQ(recorder.systemAudioActive(), o.usingProcessTap || o.screenCaptureActive || o.usingBlackHole);
+    EXPECT_EQ(recorder.systemAudioUnavailableReason(), o.reason);
     stopAndWait(recorder);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Outcomes, OrchestratorStart,
-    ::testing::Values(StartCase{"tapAlone",
-                                Scenario{},
-                                {"tap.make", "tap.start"},
-                                {kStarted, kTapStarted},
-                                true,
-                                false,
-                                false,
-                                false,
-                                std::nullopt},
-                      StartCase{"tapFailsScreenAndVirtualDevice",
-                                scenario([](Scenario& s) { s.tap = Script::failsTap; }),
-                                {"tap.make", "tap.start", "sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch",
-                                 "bh.start"},
-                                {kStarted, kTapFailed, kScreenStarted, kBlackHoleStarted},
-                                false,
-                                true,
-                                true,
-                                false,
-                                std::nullopt},
-                      StartCase{"permissionMissingNoDevice",
-                                scenario([](Scenario& s) {
-                                    s.captureAllowed = false;
-                                    s.screen = Script::failsPermission;
-                                    s.virtualDevice = Script::notFound;
-                                }),
-                                {"sys.make", "sys.start", "bh.find"},
-                                {kStarted, kTapWaits, kScreenPermission},
-                                false,
-                                false,
-                                false,
-                                true,
-                                QString("permission")},
-                      StartCase{"permissionMissingButVirtualDeviceRuns",
-                                scenario([](Scenario& s) {
-                                    s.captureAllowed = false;
-                                    s.screen = Script::failsPermission;
-                                }),
-                                {"sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch", "bh.start"},
-                                {kStarted, kTapWaits, kScreenPermission, kBlackHoleStarted},
-                                false,
-                                false,
-                                true,
-                                true,
-                                std::nullopt},
-                      StartCase{"noTapScreenPermissionRefused",
-                                scenario([](Scenario& s) {
-                                    s.tapSupported = false;
-                                    s.screen = Script::failsPermission;
-                                    s.virtualDevice = Script::notFound;
-                                }),
-                                {"sys.make", "sys.start", "bh.find"},
-                                {kStarted, kScreenPermission},
-                                false,
-                                false,
-                                false,
-                                true,
-                                QString("permission")},
-                      StartCase{"everythingFailsForOtherReasons",
-                                scenario([](Scenario& s) {
-                                    s.tap = Script::failsTap;
-                                    s.screen = Script::failsNoDisplay;
-                                    s.virtualDevice = Script::notFound;
-                                }),
-                                {"tap.make", "tap.start", "sys.make", "sys.start", "bh.find"},
-                                {kStarted, kTapFailed, kScreenNoDisplay},
-                                false,
-                                false,
-                                false,
-                                false,
-                                std::nullopt},
-                      StartCase{"virtualDeviceFails",
-                                scenario([](Scenario& s) {
-                                    s.tapSupported = false;
-                                    s.virtualDevice = Script::failsTap;
-                                }),
-                                {"sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch", "bh.start"},
-                                {kStarted, kScreenStarted, kBlackHoleFailed},
-                                false,
-                                true,
-                                false,
-                                false,
-                                std::nullopt},
-                      StartCase{"noSourceExistsYet",
-                                scenario([](Scenario& s) {
-                                    s.tap = Script::absent;
-                                    s.screen = Script::absent;
-                                    s.virtualDevice = Script::absent;
-                                }),
-                                {},
-                                {kStarted},
-                                false,
-                                false,
-                                false,
-                                false,
-                                std::nullopt}),
+    ::testing::Values(
+        StartCase{"tapAlone", {}, {"tap.make", "tap.start"}, {kStarted, kTapStarted}, {.usingProcessTap = true}},
+        StartCase{"tapFailsScreenAndVirtualDevice",
+                  {.tap = Script::failsTap},
+                  {"tap.make", "tap.start", "sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch", "bh.start"},
+                  {kStarted, kTapFailed, kScreenStarted, kBlackHoleStarted},
+                  {.screenCaptureActive = true, .usingBlackHole = true}},
+        StartCase{"permissionMissingNoDevice",
+                  {.captureAllowed = false, .screen = Script::failsPermission, .virtualDevice = Script::notFound},
+                  {"sys.make", "sys.start", "bh.find"},
+                  {kStarted, kTapWaits, kScreenPermission},
+                  {.permissionMissing = true, .reason = QString("permission")}},
+        StartCase{"permissionMissingButVirtualDeviceRuns",
+                  {.captureAllowed = false, .screen = Script::failsPermission},
+                  {"sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch", "bh.start"},
+                  {kStarted, kTapWaits, kScreenPermission, kBlackHoleStarted},
+                  {.usingBlackHole = true, .permissionMissing = true}},
+        StartCase{"noTapScreenPermissionRefused",
+                  {.tapSupported = false, .screen = Script::failsPermission, .virtualDevice = Script::notFound},
+                  {"sys.make", "sys.start", "bh.find"},
+                  {kStarted, kScreenPermission},
+                  {.permissionMissing = true, .reason = QString("permission")}},
+        StartCase{"everythingFailsForOtherReasons",
+                  {.tap = Script::failsTap, .screen = Script::failsNoDisplay, .virtualDevice = Script::notFound},
+                  {"tap.make", "tap.start", "sys.make", "sys.start", "bh.find"},
+                  {kStarted, kTapFailed, kScreenNoDisplay},
+                  {}},
+        StartCase{"virtualDeviceFails",
+                  {.tapSupported = false, .virtualDevice = Script::failsTap},
+                  {"sys.make", "sys.start", "bh.find", "bh.make BlackHole 2ch", "bh.start"},
+                  {kStarted, kScreenStarted, kBlackHoleFailed},
+                  {.screenCaptureActive = true}},
+        StartCase{"noSourceExistsYet",
+                  {.tap = Script::absent, .screen = Script::absent, .virtualDevice = Script::absent},
+                  {},
+                  {kStarted},
+                  {}}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// The notes taken during the recording outlive the stop (the session controller sends them with it), beside the
+// recording; a start empties them.
 TEST_F(Orchestrator, stopsSourcesOneAfterAnotherMergesMovesAndDeletesIntermediates) {
-    Built built = build(scenario([](Scenario& s) { s.tap = Script::failsTap; }));
+    Built built = build({.tap = Script::failsTap});
     AudioRecorder recorder(built.backends);
+    recorder.addNote("Avant");
+    EXPECT_EQ(recorder.formattedNotes(), "[0:00] Avant");
     ASSERT_FALSE(startAndWait(recorder));
-    const QString mic = micName();
+    EXPECT_EQ(recorder.formattedNotes(), "") << "a start empties the notes";
+    recorder.addNote("Intro");
+    recorder.addNote(" Budget ");
     ASSERT_EQ(m_home.tempFiles().size(), 3) << "two tracks and the recording's journal";
     built.journal->clear();
     AudioLog log;
@@ -352,8 +299,10 @@ TEST_F(Orchestrator, stopsSourcesOneAfterAnotherMergesMovesAndDeletesIntermediat
               (QStringList{"sys.stop", "sys.stopped", "bh.stop", "bh.stopped", "merge tavrel_mic + 2"}));
     EXPECT_EQ(QFileInfo(*result).absolutePath(), m_home.recordingsDir());
     EXPECT_TRUE(QFileInfo(*result).fileName().startsWith("tavrel_merged_"));
-    EXPECT_EQ(m_home.recordings(), QStringList{QFileInfo(*result).fileName()});
+    EXPECT_EQ(m_home.recordings(),
+              (QStringList{QFileInfo(*result).fileName(), QFileInfo(*result).completeBaseName() + ".notes.txt"}));
     EXPECT_TRUE(m_home.tempFiles().isEmpty()) << m_home.tempFiles().join(',').toStdString();
+    EXPECT_EQ(recorder.formattedNotes(), "[0:00] Intro\n[0:00]  Budget ") << "the notes outlive the stop";
     EXPECT_EQ(log.lines(), (QStringList{"[AudioRecorder] Micro arrêté",
                                         "[AudioRecorder] Pistes fusionnées (2 voie(s) correspondant) : " +
                                             QFileInfo(*result).fileName()}));
@@ -367,14 +316,16 @@ TEST_F(Orchestrator, stopsSourcesOneAfterAnotherMergesMovesAndDeletesIntermediat
     log.clear();
     EXPECT_FALSE(stopAndWait(recorder));
     EXPECT_TRUE(log.lines().isEmpty());
-    Q_UNUSED(mic);
+    ASSERT_FALSE(startAndWait(recorder));
+    EXPECT_EQ(recorder.formattedNotes(), "") << "the next start empties them";
+    stopAndWait(recorder);
 }
 
 TEST_F(Orchestrator, aMergedFileThatCannotBeMovedStaysInTheCaptureDirectoryAndTheMicFileGoes) {
     // A folder in the way of the name the merge chose.
     const QString merged = RecordingFiles::captureDir() + "/tavrel_merged_1.m4a";
     ASSERT_TRUE(QDir().mkpath(m_home.recordingsDir() + "/tavrel_merged_1.m4a/x"));
-    Built built = build(scenario([&](Scenario& s) { s.mergedName = merged; }));
+    Built built = build({.mergedName = merged});
     AudioRecorder recorder(built.backends);
     ASSERT_FALSE(startAndWait(recorder));
     const QString mic = micName();
@@ -399,11 +350,9 @@ class MicrophoneFileAlone : public Orchestrator, public ::testing::WithParamInte
 
 TEST_P(MicrophoneFileAlone, isTheRecording) {
     const bool mergeFails = GetParam();
-    Built built = build(scenario([&](Scenario& s) {
-        s.tap = Script::failsTap;
-        s.merge = mergeFails ? Scenario::Merge::fails : Scenario::Merge::succeeds;
-        s.sourcesYieldFiles = mergeFails;
-    }));
+    Built built = build({.tap = Script::failsTap,
+                         .sourcesYieldFiles = mergeFails,
+                         .merge = mergeFails ? Scenario::Merge::fails : Scenario::Merge::succeeds});
     AudioRecorder recorder(built.backends);
     ASSERT_FALSE(startAndWait(recorder));
     const QString mic = micName();
@@ -427,11 +376,7 @@ INSTANTIATE_TEST_SUITE_P(After, MicrophoneFileAlone, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "aFailedMerge" : "sourcesWithoutAFile"; });
 
 TEST_F(Orchestrator, pauseAndResumeReachEverySourceOnlyWhenTheyChangeSomething) {
-    Built built = build(scenario([](Scenario& s) {
-        s.tap = Script::failsTap;
-        s.screenLevel = 0.3f;
-        s.virtualDeviceLevel = 0.7f;
-    }));
+    Built built = build({.tap = Script::failsTap, .screenLevel = 0.3f, .virtualDeviceLevel = 0.7f});
     AudioRecorder recorder(built.backends);
     recorder.pauseRecording();
     recorder.resumeRecording();
@@ -468,7 +413,7 @@ class OrchestratorRace : public Orchestrator, public ::testing::WithParamInterfa
 
 TEST_P(OrchestratorRace, aCallDuringAStartWaitsForItsTurn) {
     const bool secondIsStop = GetParam();
-    Built built = build(scenario([](Scenario& s) { s.tap = Script::failsTap; }));
+    Built built = build({.tap = Script::failsTap});
     AudioRecorder recorder(built.backends);
     auto first = recorder.startRecording();
     waitUntil([] { return false; }, 50ms);
@@ -493,20 +438,3 @@ TEST_P(OrchestratorRace, aCallDuringAStartWaitsForItsTurn) {
 
 INSTANTIATE_TEST_SUITE_P(SecondCall, OrchestratorRace, ::testing::Bool(),
                          [](const auto& info) { return info.param ? "stop" : "start"; });
-
-TEST_F(Orchestrator, notesSurviveStopAndAreEmptiedByTheNextStart) {
-    AudioRecorder recorder;
-    AudioLog log;
-    recorder.addNote("Avant");
-    EXPECT_EQ(recorder.formattedNotes(), "[0:00] Avant");
-    ASSERT_FALSE(startAndWait(recorder));
-    EXPECT_EQ(recorder.formattedNotes(), "");
-    recorder.addNote("Intro");
-    recorder.addNote(" Budget ");
-    stopAndWait(recorder);
-    EXPECT_EQ(recorder.formattedNotes(), "[0:00] Intro\n[0:00]  Budget ");
-    EXPECT_TRUE(log.lines().contains("[AudioRecorder] Micro arrêté"));
-    ASSERT_FALSE(startAndWait(recorder));
-    EXPECT_EQ(recorder.formattedNotes(), "");
-    stopAndWait(recorder);
-}

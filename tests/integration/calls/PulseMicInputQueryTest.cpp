@@ -6,7 +6,6 @@
 #include "Wait.h"
 #include "audio/pulse/PulseContext.h"
 
-#include <QJsonObject>
 #include <gtest/gtest.h>
 #include <memory>
 #include <thread>
@@ -27,16 +26,19 @@ protected:
         ASSERT_TRUE(m_server->start());
     }
 
-    // The query's answer once it has settled on `expected` (or the last answer after a few seconds).
-    QStringList settleOn(const QStringList& expected) {
+    // Whether the query's answer settles on `expected` within a few seconds: in the server's order on
+    // PulseAudio, in any order on pipewire-pulse (which lists by its own object ids).
+    ::testing::AssertionResult settlesOn(const QStringList& expected) {
+        const auto ordered = [this](QStringList list) {
+            if (GetParam() == AudioServerKind::PipeWire)
+                list.sort();
+            return list;
+        };
         QStringList last;
-        test::waitUntil(
-            [&] {
-                last = answered();
-                return last == expected;
-            },
-            5s, 50ms);
-        return last;
+        if (test::waitUntil([&] { return ordered(last = answered()) == ordered(expected); }, 5s, 50ms))
+            return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure() << "answered [" << last.join(u',').toStdString() << "], expected ["
+                                             << expected.join(u',').toStdString() << "]";
     }
 
     // The query's answer; a failed query fails the test.
@@ -47,8 +49,10 @@ protected:
     }
 
     // A raw record stream of our own making, for shapes the fixture's client does not cover.
-    ManagedProcess startParec(const QStringList& arguments, const QProcessEnvironment& extra) {
-        return m_server->spawnClient(QStringLiteral("parec"), arguments, extra, QStringLiteral("/dev/null"));
+    ManagedProcess startParec(const QStringList& arguments, const QString& applicationId) {
+        QProcessEnvironment properties;
+        properties.insert(QStringLiteral("PULSE_PROP"), QStringLiteral("application.id=") + applicationId);
+        return m_server->spawnClient(QStringLiteral("parec"), arguments, properties, QStringLiteral("/dev/null"));
     }
 
     // Source-outputs the server lists (whatever we make of them), so that exclusions cannot pass vacuously.
@@ -58,16 +62,6 @@ protected:
     PulseMicInputQuery m_query;
 };
 
-// Nobody is an answer; a server that does not answer is not.
-TEST_P(MicInputOnServer, nobodyCapturingGivesNothingDespiteTheVirtualSourceFilterAndNoServerGivesNoAnswer) {
-    EXPECT_EQ(settleOn({}), QStringList{});
-    if (GetParam() == AudioServerKind::PulseAudio) {
-        EXPECT_GE(serverStreamCount(), 1) << "the virtual microphone's own stream should be listed by the server";
-    }
-    m_server->stop();
-    EXPECT_EQ(m_query.inputApplications(), std::nullopt);
-}
-
 struct Pose {
     const char* name;
     const char* applicationId;
@@ -75,87 +69,52 @@ struct Pose {
     const char* expected;
 };
 
-TEST_P(MicInputOnServer, identifiesClientsAsTheyPose) {
+// Every stream on the microphone counts, in the server's order, duplicates kept; listening to an output, level
+// meters at the few frames a second volume controls ask for (even from an application that is not a mixer),
+// and the volume control itself are not microphone use; a stream of ours, whatever it declares, is our own
+// recording, corked (paused, or a client's mute) too; clients that leave are gone; a server that does not
+// answer gives no answer (nobody capturing is an answer).
+TEST_P(MicInputOnServer, namesEveryClientOnTheMicrophoneAndNothingElse) {
+    ASSERT_TRUE(settlesOn({}));
+    if (GetParam() == AudioServerKind::PulseAudio) {
+        EXPECT_GE(serverStreamCount(), 1) << "the virtual microphone's own stream should be listed by the server";
+    }
+    const int before = serverStreamCount();
+    RecordingClientOptions monitorListener;
+    monitorListener.source = AudioServerFixture::monitorOf(AudioServerFixture::speakerSink());
+    std::vector<ManagedProcess> clients;
+    clients.push_back(m_server->startRecordingClient(monitorListener));
+    clients.push_back(startParec({QStringLiteral("-d"), AudioServerFixture::micSource(), QStringLiteral("--rate=25"),
+                                  QStringLiteral("--channels=1"), QStringLiteral("--format=float32le"),
+                                  QStringLiteral("--raw"), QStringLiteral("--stream-name=Peak detect")},
+                                 QStringLiteral("us.zoom.xos")));
+    clients.push_back(startParec({QStringLiteral("-d"), AudioServerFixture::micSource(), QStringLiteral("--raw")},
+                                 QStringLiteral("org.PulseAudio.pavucontrol")));
+    ASSERT_TRUE(test::waitUntil([&] { return serverStreamCount() >= before + 3; }, 5s))
+        << clients[0].describe().toStdString() << clients[1].describe().toStdString()
+        << clients[2].describe().toStdString();
+    std::this_thread::sleep_for(300ms);
+    EXPECT_EQ(answered(), QStringList{});
+
     const Pose poses[] = {
         // Which property each answer comes from; the mapping of known applications is checked on its own.
         {"declaredZoom", "us.zoom.xos", "zoom", "us.zoom.xos"},
-        {"zoomByExecutable", "", "zoom", "us.zoom.xos"},
         {"flatpakDiscord", "com.discordapp.Discord", "", "com.hnc.Discord"},
+        {"zoomByExecutable", "", "zoom", "us.zoom.xos"},
         {"unknownExecutableNamed", "", "obs", "obs"},
     };
-    for (const Pose& pose : poses) {
+    QStringList expected;
+    for (const Pose& pose : poses) { // one client at a time, so that the order the streams were made in is known
         SCOPED_TRACE(pose.name);
         RecordingClientOptions options;
         options.applicationId = QString::fromUtf8(pose.applicationId);
         options.processBinary = QString::fromUtf8(pose.processBinary);
         options.clientName = QStringLiteral("Posing client");
-        ManagedProcess client = m_server->startRecordingClient(options);
-        EXPECT_EQ(settleOn({QString::fromUtf8(pose.expected)}), QStringList{QString::fromUtf8(pose.expected)})
-            << client.describe().toStdString();
-        client.stop();
-        EXPECT_EQ(settleOn({}), QStringList{});
+        clients.push_back(m_server->startRecordingClient(options));
+        expected << QString::fromUtf8(pose.expected);
+        EXPECT_TRUE(settlesOn(expected)) << clients.back().describe().toStdString();
     }
-}
 
-TEST_P(MicInputOnServer, everyStreamCountsInServerOrderWithDuplicates) {
-    const QString zoom = QStringLiteral("us.zoom.xos");
-    const QString dictaphone = QStringLiteral("org.example.Dictaphone");
-    ManagedProcess first = m_server->startRecordingClient();
-    ASSERT_EQ(settleOn({zoom}), QStringList{zoom});
-    RecordingClientOptions unknown;
-    unknown.applicationId = dictaphone;
-    // One client at a time, so that the order the streams were made in is known.
-    ManagedProcess second = m_server->startRecordingClient(unknown);
-    ASSERT_TRUE(test::waitUntil([&] { return answered().size() == 2; }, 5s));
-    ManagedProcess third = m_server->startRecordingClient();
-    const QStringList expected{zoom, dictaphone, zoom};
-    QStringList seen;
-    test::waitUntil(
-        [&] {
-            seen = answered();
-            return seen.size() == 3;
-        },
-        5s, 50ms);
-    if (GetParam() == AudioServerKind::PulseAudio) {
-        EXPECT_EQ(seen, expected);
-    } else {
-        // pipewire-pulse lists by its own object ids: every stream must be there, in whatever order.
-        QStringList sortedSeen = seen;
-        QStringList sortedExpected = expected;
-        sortedSeen.sort();
-        sortedExpected.sort();
-        EXPECT_EQ(sortedSeen, sortedExpected);
-    }
-}
-
-// Listening to an output, level meters at the few frames a second volume controls ask for (even from an
-// application that is not a mixer), and the volume control itself: none is a call.
-TEST_P(MicInputOnServer, outputListenersAndLevelMetersAreNotMicrophoneUse) {
-    const int before = serverStreamCount();
-    RecordingClientOptions monitorListener;
-    monitorListener.source = AudioServerFixture::monitorOf(AudioServerFixture::speakerSink());
-    ManagedProcess listener = m_server->startRecordingClient(monitorListener);
-    QProcessEnvironment zoom;
-    zoom.insert(QStringLiteral("PULSE_PROP"), QStringLiteral("application.id=us.zoom.xos"));
-    ManagedProcess lowRate =
-        startParec({QStringLiteral("-d"), AudioServerFixture::micSource(), QStringLiteral("--rate=25"),
-                    QStringLiteral("--channels=1"), QStringLiteral("--format=float32le"), QStringLiteral("--raw"),
-                    QStringLiteral("--stream-name=Peak detect")},
-                   zoom);
-    QProcessEnvironment mixer;
-    mixer.insert(QStringLiteral("PULSE_PROP"), QStringLiteral("application.id=org.PulseAudio.pavucontrol"));
-    ManagedProcess pavucontrol =
-        startParec({QStringLiteral("-d"), AudioServerFixture::micSource(), QStringLiteral("--raw")}, mixer);
-    ASSERT_TRUE(test::waitUntil([&] { return serverStreamCount() >= before + 3; }, 5s))
-        << listener.describe().toStdString() << lowRate.describe().toStdString()
-        << pavucontrol.describe().toStdString();
-    std::this_thread::sleep_for(300ms);
-    EXPECT_EQ(answered(), QStringList{});
-}
-
-// A stream of ours, whatever it declares, is our own recording; corked (paused, or a client's mute) it
-// still holds the microphone.
-TEST_P(MicInputOnServer, ownStreamsAreReportedUnderOurIdentifierEvenCorked) {
     std::shared_ptr<PulseContext> pulse = PulseContext::instance();
     pa_sample_spec sampleSpec{PA_SAMPLE_S16LE, 44100, 1};
     PaStreamPtr stream;
@@ -169,8 +128,8 @@ TEST_P(MicInputOnServer, ownStreamsAreReportedUnderOurIdentifierEvenCorked) {
                   0);
     }
     ASSERT_TRUE(pulse->waitUntil([&] { return pa_stream_get_state(stream.get()) == PA_STREAM_READY; }, 3s));
-    EXPECT_EQ(settleOn({QStringLiteral("fr.tavrel.Recorder")}), QStringList{QStringLiteral("fr.tavrel.Recorder")});
-
+    expected << QStringLiteral("fr.tavrel.Recorder");
+    EXPECT_TRUE(settlesOn(expected));
     bool corked = false;
     {
         PulseContext::Lock lock(*pulse);
@@ -179,11 +138,19 @@ TEST_P(MicInputOnServer, ownStreamsAreReportedUnderOurIdentifierEvenCorked) {
     }
     ASSERT_TRUE(pulse->waitUntil([&] { return corked; }, 3s));
     std::this_thread::sleep_for(200ms);
-    EXPECT_EQ(answered(), QStringList{QStringLiteral("fr.tavrel.Recorder")});
+    EXPECT_TRUE(settlesOn(expected));
 
-    PulseContext::Lock lock(*pulse);
-    pa_stream_disconnect(stream.get());
-    stream.reset();
+    clients.clear();
+    EXPECT_TRUE(settlesOn({QStringLiteral("fr.tavrel.Recorder")}));
+    {
+        PulseContext::Lock lock(*pulse);
+        pa_stream_disconnect(stream.get());
+        stream.reset();
+    }
+    pulse.reset();
+    EXPECT_TRUE(settlesOn({}));
+    m_server->stop();
+    EXPECT_EQ(m_query.inputApplications(), std::nullopt);
 }
 
 INSTANTIATE_TEST_SUITE_P(Servers, MicInputOnServer,

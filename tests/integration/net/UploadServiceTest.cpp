@@ -125,21 +125,18 @@ TEST_F(UploadServiceTest, ServerReceivesEveryFieldAndTheFileWithExactFraming) {
 
 // ----- addresses and headers --------------------------------------------------------------------------------
 
-TEST_F(UploadServiceTest, TokenIsReadAtEveryRequest) {
+// The token is read afresh at every request; the base URL is joined to each path as it stands.
+TEST_F(UploadServiceTest, TokenAndBaseUrlAreReadAtEveryRequestAndTakenAsTheyStand) {
     m_backend.control(R"({"token": "jeton-1"})");
     SettingsManager::shared().setToken(QStringLiteral("jeton-1"));
     const auto accepted = runTask(UploadService::fetchClients());
     ASSERT_TRUE(accepted.value);
     EXPECT_EQ(accepted.value->size(), 7);
     SettingsManager::shared().setToken(QStringLiteral("jeton-2"));
+    SettingsManager::shared().setBackendURL(m_backend.baseURL() + "/");
     const auto refused = runTask(UploadService::fetchClients());
     ASSERT_TRUE(refused.value) << "a refused client list is an empty list, not an error";
     EXPECT_TRUE(refused.value->isEmpty());
-}
-
-TEST_F(UploadServiceTest, BaseUrlIsConcatenatedAsItStands) {
-    SettingsManager::shared().setBackendURL(m_backend.baseURL() + "/");
-    ASSERT_TRUE(runTask(UploadService::fetchClients()).value);
     EXPECT_EQ(lastRequestPath(), "/backend//clients");
     runTask(UploadService::pollJob(QStringLiteral("abc")));
     EXPECT_EQ(lastRequestPath(), "/backend//transcriptions/jobs/abc");
@@ -176,9 +173,7 @@ TEST_F(UploadServiceTest, OnlyAnArrayOfObjectsIsAClientList) {
                  {503, R"([{"id":1,"name":"Dupont SA"}])", {"Dupont SA"}}, // the status is not examined
                  {200, "[]", {}},
                  {200, R"({"clients":[{"id":1,"name":"Dupont SA"}]})", {}},
-                 {200, R"([{"id":1,"name":"Dupont SA"},2])", {}},
-                 {200, "<html>Bad gateway</html>", {}},
-                 {204, "", {}}};
+                 {200, R"([{"id":1,"name":"Dupont SA"},2])", {}}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.body);
         answerOnce("clients", c.status, c.body);
@@ -206,10 +201,8 @@ TEST_F(UploadServiceTest, UploadAnswerGivesTheResultOrTheErrorText) {
         {201, R"({"id":7.0,"job_id":"abc","title":"Autre"})", QStringLiteral("Autre"), true},
         {200, R"({"id":7,"job_id":"abc","title":5})", QStringLiteral("Titre envoyé"), true},
         {200, R"({"id":"7","job_id":"abc"})", bad},
-        {200, R"({"id":7.5,"job_id":"abc"})", bad},
         {200, R"({"id":7,"job_id":12})", bad},
         {200, R"([{"id":7,"job_id":"abc"}])", bad},
-        {200, "<html>OK</html>", bad},
         {502, "\xff\xfe\x41", QStringLiteral("Erreur serveur 502")},
         // The cut keeps 200 characters: a letter with its accent, a flag, each count for one.
         {500, (accents + QStringLiteral("🇫🇷").repeated(150)).toUtf8(),
@@ -229,36 +222,6 @@ TEST_F(UploadServiceTest, UploadAnswerGivesTheResultOrTheErrorText) {
             const QString cause = outcome.errorAs<Error>()->technicalCause();
             EXPECT_TRUE(cause.startsWith(QStringLiteral("HTTP %1").arg(c.status))) << cause.toStdString();
         }
-    }
-}
-
-TEST_F(UploadServiceTest, JobStateFallsBackToUnknownAndFailedPollsThrow) {
-    const struct {
-        const char* step; ///< the job's one state on the server
-        QString expected; ///< the status read, or the error thrown
-        std::optional<QString> expectedError = std::nullopt;
-        QString expectedCause = {};
-    } cases[] = {{R"("transcribing")", "transcribing"},
-                 {R"({"status":null})", "unknown"},
-                 {R"({"status":3,"error":4})", "unknown"},
-                 {R"({"status":"done","error":null})", "done"},
-                 {R"({"status":"error","error":"Audio illisible"})", "error", QStringLiteral("Audio illisible")},
-                 {R"(["done"])", "unknown"},
-                 {R"({"http":200,"body":"pas du json"})", "unknown"},
-                 // The text is dropped from the sentence, kept in the details.
-                 {R"({"http":500,"body":"Panne"})", "Erreur serveur 500", std::nullopt, "HTTP 500 : Panne"},
-                 {R"({"http":404,"body":"{\"detail\":\"x\"}"})", "Erreur serveur 404"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.step);
-        m_backend.control({{"sequence", QJsonDocument::fromJson(QByteArray("[") + c.step + "]").array()}});
-        const auto upload = send();
-        ASSERT_TRUE(upload.value);
-        const auto state = runTask(UploadService::pollJob(upload.value->jobId));
-        EXPECT_EQ(lastRequestPath(), "/backend/transcriptions/jobs/" + upload.value->jobId);
-        EXPECT_EQ(state.value ? state.value->status : state.errorText(), c.expected);
-        EXPECT_EQ(state.value ? state.value->error : std::nullopt, c.expectedError);
-        if (!c.expectedCause.isEmpty())
-            EXPECT_EQ(state.errorAs<Error>()->technicalCause(), c.expectedCause);
     }
 }
 

@@ -85,8 +85,6 @@ TEST_P(NotifierTest, EveryNotificationArrivesIntactAndReplacesNothing) {
 INSTANTIATE_TEST_SUITE_P(
     Texts, NotifierTest,
     ::testing::Values(
-        NotificationCase{"link", QStringLiteral("✅ TaVREL Recorder lié"),
-                         QStringLiteral("Token et serveur configurés automatiquement.")},
         NotificationCase{"upload", QStringLiteral("⬆️ Enregistrement envoyé"),
                          QStringLiteral("« Point d'équipe » — transcription en cours, vous serez notifié.")},
         NotificationCase{"markup_like", QStringLiteral("<b>Titre</b> & co"), QStringLiteral("a < b > c & d")},
@@ -175,44 +173,38 @@ protected:
     QString m_service;
 };
 
-TEST_F(StatusItemTest, RegistersWithTheTrayHostAndLeavesItWhenDestroyed) {
+// Registered with the tray host, the item shows its title as its label and in its tooltip (hosts learn of it
+// from the signal, without polling), an upload's progress under the title in the tooltip only, an icon for
+// each state, reports where the host was clicked, and leaves the host when destroyed.
+TEST_F(StatusItemTest, ShowsTitleIconAndClicksToTheTrayHostUntilDestroyed) {
     EXPECT_TRUE(test::waitUntil([&] { return m_item->isShown(); }, 2s));
     EXPECT_EQ(property(m_service, QStringLiteral("Status")).toString(), QStringLiteral("Active"));
-    m_item.reset();
-    EXPECT_TRUE(test::waitUntil([&] { return !hostLists(m_service); }, 5s))
-        << s_tray->registeredItems().join(u',').toStdString();
-}
 
-TEST_F(StatusItemTest, TitleIsTheLabelAndTheTooltip) {
     QDBusConnection probe = QDBusConnection::connectToBus(bus().address(), QStringLiteral("outside"));
     LabelReceiver receiver;
     ASSERT_TRUE(probe.connect(m_service, QStringLiteral("/StatusNotifierItem"),
                               QStringLiteral("org.kde.StatusNotifierItem"), QStringLiteral("XAyatanaNewLabel"),
                               &receiver, SLOT(onNewLabel(QString, QString))));
+    const auto toolTip = [&] {
+        SniToolTip read;
+        property(m_service, QStringLiteral("ToolTip")).value<QDBusArgument>() >> read;
+        return read;
+    };
     QStringList expected;
     for (const QString& title : {QStringLiteral("🔴0:59"), QStringLiteral("⏳"), QStringLiteral("⬆︎"), QString()}) {
         m_item->setTitle(title);
         EXPECT_EQ(property(m_service, QStringLiteral("XAyatanaLabel")).toString(), title);
-        SniToolTip toolTip;
-        property(m_service, QStringLiteral("ToolTip")).value<QDBusArgument>() >> toolTip;
-        EXPECT_EQ(toolTip.title, QStringLiteral("TaVREL Recorder"));
-        EXPECT_EQ(toolTip.description, title);
+        EXPECT_EQ(toolTip().title, QStringLiteral("TaVREL Recorder"));
+        EXPECT_EQ(toolTip().description, title);
         expected << title;
     }
-    // Hosts learn of the change from the signal, without polling.
     EXPECT_TRUE(test::waitUntil([&] { return receiver.labels.size() >= expected.size(); }, 2s));
     EXPECT_EQ(receiver.labels, expected);
-
-    // An upload's progress goes under the title, in the tooltip only.
     m_item->setTitle(QStringLiteral("⬆︎"));
     m_item->setToolTipDetail(QStringLiteral("Envoi de « Réunion » : 42 %"));
-    SniToolTip toolTip;
-    property(m_service, QStringLiteral("ToolTip")).value<QDBusArgument>() >> toolTip;
-    EXPECT_EQ(toolTip.description, QStringLiteral("⬆︎\nEnvoi de « Réunion » : 42 %"));
+    EXPECT_EQ(toolTip().description, QStringLiteral("⬆︎\nEnvoi de « Réunion » : 42 %"));
     EXPECT_EQ(property(m_service, QStringLiteral("XAyatanaLabel")).toString(), QStringLiteral("⬆︎"));
-}
 
-TEST_F(StatusItemTest, TheIconChangesWithTheState) {
     const SniPixmapList idle = pixmaps();
     ASSERT_FALSE(idle.isEmpty());
     for (const SniPixmap& p : idle)
@@ -228,9 +220,7 @@ TEST_F(StatusItemTest, TheIconChangesWithTheState) {
     EXPECT_NE(busy.first().pixels, recording.first().pixels);
     m_item->setIcon(StatusIcon::idle);
     EXPECT_EQ(pixmaps().first().pixels, idle.first().pixels);
-}
 
-TEST_F(StatusItemTest, ActivationReportsWhereTheHostWasClicked) {
     QSignalSpy clicks(m_item.get(), &StatusItem::clicked);
     QDBusMessage activate =
         QDBusMessage::createMethodCall(m_service, QStringLiteral("/StatusNotifierItem"),
@@ -240,6 +230,10 @@ TEST_F(StatusItemTest, ActivationReportsWhereTheHostWasClicked) {
     EXPECT_EQ(reply.type(), QDBusMessage::ReplyMessage) << reply.errorMessage().toStdString();
     ASSERT_TRUE(test::waitUntil([&] { return clicks.size() == 1; }, 2s));
     EXPECT_EQ(clicks.at(0).at(0).toPoint(), QPoint(1200, 14));
+
+    m_item.reset();
+    EXPECT_TRUE(test::waitUntil([&] { return !hostLists(m_service); }, 5s))
+        << s_tray->registeredItems().join(u',').toStdString();
 }
 
 } // namespace

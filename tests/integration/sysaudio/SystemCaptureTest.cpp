@@ -11,12 +11,12 @@
 #include "core/Log.h"
 #include "core/RecordingFiles.h"
 
+#include <QDir>
 #include <QFileInfo>
 #include <QJsonObject>
 #include <QRegularExpression>
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <thread>
@@ -55,6 +55,18 @@ private:
 /// The first onset at or after `fromS` (seconds), or -1.
 double onsetAfter(const std::vector<float>& samples, double fromS, double thresholdDb = -30.0) {
     return onsetSeconds(samples, kRate, thresholdDb, fromS).value_or(-1.0);
+}
+
+/// The code of the error the start of `source` threw, if it threw one.
+template <typename Code>
+std::optional<Code> startFailure(CaptureSourceBase& source) {
+    try {
+        source.startBlocking();
+    } catch (const CodedError<Code>& failure) {
+        EXPECT_EQ(failure.localizedDescription(), errorDescription(failure.code()));
+        return failure.code();
+    }
+    return std::nullopt;
 }
 
 class CaptureFixture : public ::testing::Test {
@@ -99,11 +111,40 @@ protected:
         ASSERT_TRUE(server->warmUp());
     }
 
-    /// Plays `file` into `sink` to its end.
-    Played play(AudioServerFixture& server, const QString& sink, const QString& file) {
+    /// Plays `file` into `sink` to its end; `heardBy`, when given, must show it on its level meter meanwhile.
+    Played play(AudioServerFixture& server, const QString& sink, const QString& file,
+                const CaptureSourceBase* heardBy = nullptr) {
         const double launched = elapsedS();
-        EXPECT_EQ(server.playIntoSink(sink, file).wait(30s), 0);
+        ManagedProcess player = server.playIntoSink(sink, file);
+        if (heardBy) {
+            EXPECT_TRUE(waitUntil([&] { return heardBy->currentLevel() > 0.3f; }, 10s)) << "the level shows the sound";
+        }
+        EXPECT_EQ(player.wait(30s), 0);
         return Played{launched - m_startS, elapsedS()};
+    }
+
+    /// The file a source made: its name, folder and format, and the log lines of its start and stop.
+    void expectCaptureFile(const QString& file, const char* pattern, const char* codec, const QStringList& lines,
+                           const QString& startedLine, const QString& stoppedLine) const {
+        EXPECT_TRUE(QRegularExpression(pattern).match(QFileInfo(file).fileName()).hasMatch()) << file.toStdString();
+        EXPECT_EQ(QFileInfo(file).absolutePath(), RecordingFiles::captureDir());
+        const MediaInfo info = probe(file);
+        ASSERT_TRUE(info.valid) << info.error.toStdString();
+        EXPECT_EQ(info.codecName, codec);
+        EXPECT_EQ(info.channels, 2);
+        EXPECT_TRUE(lines.contains(startedLine + QFileInfo(file).fileName())) << lines.join('\n').toStdString();
+        EXPECT_TRUE(lines.contains(stoppedLine));
+    }
+
+    /// The output's own source: the graph's tap, or the monitor of the default output; and what it records.
+    static std::unique_ptr<CaptureSourceBase> outputSource(bool tap) {
+        if (tap)
+            return std::make_unique<ProcessTapRecorder>();
+        return std::make_unique<SystemAudioRecorder>();
+    }
+    static QString targetOf(CaptureSourceBase& source, bool tap) {
+        return tap ? static_cast<ProcessTapRecorder&>(source).targetSink()
+                   : static_cast<SystemAudioRecorder&>(source).expectedSource();
     }
 
     /// A track of `lengthS` keeps the real time of a recording stopped `totalS` after `starting()`.
@@ -116,7 +157,6 @@ protected:
     ScopedEnvironment m_environment;
     QString m_tone;
     QString m_low;
-    std::vector<ManagedProcess> m_players;
     Clock::time_point m_before;
     double m_startS = 0.0;
 };
@@ -131,36 +171,6 @@ protected:
     }
     PulseAudioFixture m_server;
 };
-
-// A suspended output sends nothing at all: the track must still keep real time, so that what is played
-// after a long silent stretch sits at its time.
-TEST_F(PulseCaptureTest, monitorTrackKeepsRealTimeThroughASuspendedOutput) {
-    ASSERT_TRUE(m_server.warmUp());
-    SystemAudioRecorder recorder;
-    starting();
-    ASSERT_NO_THROW(recorder.startBlocking());
-    started();
-    std::this_thread::sleep_for(500ms);
-    const Played first = play(m_server, m_server.speakerSink(), m_tone);
-    std::this_thread::sleep_for(500ms);
-    m_server.pactl({"suspend-sink", m_server.speakerSink(), "1"});
-    std::this_thread::sleep_for(7s);
-    m_server.pactl({"suspend-sink", m_server.speakerSink(), "0"});
-    std::this_thread::sleep_for(500ms);
-    const Played second = play(m_server, m_server.speakerSink(), m_tone);
-    std::this_thread::sleep_for(500ms);
-    const double totalS = elapsedS();
-    const auto file = recorder.stopBlocking();
-    ASSERT_TRUE(file);
-
-    const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
-    expectRealTime(static_cast<double>(samples.size()) / kRate, totalS, "the suspended stretch kept");
-    const double firstOnset = onsetAfter(samples, 0.0);
-    EXPECT_TRUE(first.holds(firstOnset)) << firstOnset << " not in " << first.fromS << ".." << first.toS;
-    // A track that lost the suspended stretch would be 7 s early.
-    const double secondOnset = onsetAfter(samples, firstOnset + 1.0);
-    EXPECT_TRUE(second.holds(secondOnset)) << secondOnset << " not in " << second.fromS << ".." << second.toS;
-}
 
 // An application plays on the output and the monitor hears nothing but zeros for 15 s: the side is told once, and
 // told again as sound comes back (the panel's mark goes).
@@ -192,47 +202,27 @@ TEST_F(PulseCaptureTest, anOutputInUseThatDeliversOnlyZerosIsTold) {
               (std::vector<CaptureEvent::Kind>{CaptureEvent::Kind::silenceStarted, CaptureEvent::Kind::silenceEnded}));
 }
 
-TEST_F(PulseCaptureTest, noDefaultOutputIsNoDisplay) {
-    SystemAudioRecorder recorder;
-    // Every sink gone: the server has no default output.
-    for (const QString& sink : m_server.sinkNames()) {
-        const QJsonArray sinks = m_server.list("sinks");
-        for (const auto& entry : sinks)
+// A start that cannot be made fails with the error the user is told, and leaves no file: the virtual device gone,
+// then no output at all, then no server.
+TEST_F(PulseCaptureTest, aStartThatCannotBeMadeFailsWithItsError) {
+    BlackHoleRecorder device(CaptureDevice{QStringLiteral("no-such-source"), QStringLiteral("BlackHole 2ch")});
+    EXPECT_EQ(startFailure<BlackHoleError>(device), BlackHoleError::sessionFailed);
+    EXPECT_EQ(errorDescription(BlackHoleError::sessionFailed),
+              QStringLiteral("Impossible de démarrer la capture BlackHole."));
+    EXPECT_EQ(device.stopBlocking(), std::nullopt);
+    for (const QString& sink : m_server.sinkNames())
+        for (const auto& entry : m_server.list("sinks"))
             if (entry.toObject().value("name").toString() == sink)
                 m_server.unloadModule(entry.toObject().value("owner_module").toVariant().toInt());
-    }
-    try {
-        recorder.startBlocking();
-        FAIL() << "started without an output";
-    } catch (const SystemAudioFailure& failure) {
-        EXPECT_EQ(failure.code(), SystemAudioError::noDisplay);
-    }
-    EXPECT_EQ(recorder.stopBlocking(), std::nullopt);
-}
-
-TEST_F(PulseCaptureTest, unreachableServerIsPermissionDenied) {
+    SystemAudioRecorder withoutOutput;
+    EXPECT_EQ(startFailure<SystemAudioError>(withoutOutput), SystemAudioError::noDisplay);
+    EXPECT_EQ(withoutOutput.stopBlocking(), std::nullopt);
     m_server.stop();
     m_environment.set("PULSE_SERVER", QByteArray("unix:") + m_dir.filePath("nothing").toUtf8());
-    SystemAudioRecorder recorder;
-    try {
-        recorder.startBlocking();
-        FAIL() << "started without a server";
-    } catch (const SystemAudioFailure& failure) {
-        EXPECT_EQ(failure.code(), SystemAudioError::permissionDenied);
-    }
+    SystemAudioRecorder withoutServer;
+    EXPECT_EQ(startFailure<SystemAudioError>(withoutServer), SystemAudioError::permissionDenied);
     EXPECT_FALSE(BlackHoleRecorder::findDevice());
-}
-
-TEST_F(PulseCaptureTest, virtualDeviceThatVanishedFailsToStart) {
-    BlackHoleRecorder recorder(CaptureDevice{QStringLiteral("no-such-source"), QStringLiteral("BlackHole 2ch")});
-    try {
-        recorder.startBlocking();
-        FAIL() << "started on a missing device";
-    } catch (const BlackHoleFailure& failure) {
-        EXPECT_EQ(failure.code(), BlackHoleError::sessionFailed);
-        EXPECT_EQ(failure.localizedDescription(), QStringLiteral("Impossible de démarrer la capture BlackHole."));
-    }
-    EXPECT_EQ(recorder.stopBlocking(), std::nullopt);
+    EXPECT_TRUE(QDir(RecordingFiles::captureDir()).isEmpty());
 }
 
 // The virtual device going away never ends its recording and never lets the microphone in (the stream is not
@@ -241,7 +231,9 @@ TEST_F(PulseCaptureTest, virtualDeviceThatGoesAwayAndComesBackKeepsOneFileOnReal
     ASSERT_TRUE(m_server.warmUp());
     const auto device = BlackHoleRecorder::findDevice();
     ASSERT_TRUE(device);
+    EXPECT_EQ(device->name, AudioServerFixture::monitorOf(m_server.blackHoleSink()));
     BlackHoleRecorder recorder(*device);
+    LogLines log;
     starting();
     ASSERT_NO_THROW(recorder.startBlocking());
     started();
@@ -261,11 +253,15 @@ TEST_F(PulseCaptureTest, virtualDeviceThatGoesAwayAndComesBackKeepsOneFileOnReal
             .arg(m_server.blackHoleSink(), QString::fromUtf8(AudioServerFixture::kBlackHoleDescription))));
     ASSERT_TRUE(waitUntil([&] { return recorder.isConnected(); }, 3s));
     ASSERT_TRUE(m_server.warmUp()); // a new null sink renders ahead in large blocks until something plays on it
-    const Played played = play(m_server, m_server.blackHoleSink(), m_tone);
+    const Played played = play(m_server, m_server.blackHoleSink(), m_tone, &recorder);
     std::this_thread::sleep_for(500ms);
     const double totalS = elapsedS();
     const auto file = recorder.stopBlocking();
     ASSERT_TRUE(file);
+    expectCaptureFile(*file, "^tavrel_bh_\\d+\\.m4a$", "aac", log.lines(),
+                      QStringLiteral("[BlackHole] Capture démarrée sur « ") + device->description +
+                          QStringLiteral(" » → "),
+                      QStringLiteral("[BlackHole] Capture arrêtée"));
 
     const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
     expectRealTime(static_cast<double>(samples.size()) / kRate, totalS, "real time kept through the gap");
@@ -297,142 +293,43 @@ TEST_F(PulseCaptureTest, routingFindsDevicesByIdentifierAndDestroysTheirModule) 
     EXPECT_TRUE(AudioRouting::device(m_server.speakerSink())) << "only the leftover goes";
 }
 
-// ---- Every source, paused ----------------------------------------------------------------------------
+// ---- The output's own sources, following the default output --------------------------------------------
 
-enum class SourceKind { tap, monitor, virtualDevice };
+enum class SourceKind { tap, monitor };
 
-class PausedSourceTest : public CaptureFixture, public ::testing::WithParamInterface<SourceKind> {
+// The user picks another output in the middle of a recording: the source follows it without a hole, and neither
+// the microphone (speaking the whole time) nor the old output reaches the system track. Before that, the monitor's
+// output is suspended for a while and sends nothing at all: the track must still keep real time, so that what is
+// played after the silent stretch sits at its time. (Pausing every source is
+// checked on the merged recording, in RecordingWithSystemAudioTest.)
+class DefaultOutputSourceTest : public CaptureFixture, public ::testing::WithParamInterface<SourceKind> {
 protected:
     void SetUp() override { startServer(m_server, GetParam() == SourceKind::tap); }
     std::unique_ptr<AudioServerFixture> m_server;
 };
 
-// One player plays a tone, a second one 2 s later and a third 5.1 s after the first; the source is paused over
-// the second. Its file leaves the pause out, the second tone with it, and keeps the other two exactly as far apart
-// as they were played, less the pause.
-TEST_P(PausedSourceTest, leavesThePauseOutAndKeepsTimeAroundIt) {
-    const QString tones = m_dir.filePath("tones.wav");
-    ASSERT_TRUE(makeSilence(1.5, m_dir.filePath("gap1.wav"), 2, kRate));
-    ASSERT_TRUE(makeSilence(2.5, m_dir.filePath("gap2.wav"), 2, kRate));
-    ASSERT_TRUE(makeTone(880, 0.5, m_dir.filePath("a.wav"), 2, kRate, 0.5));
-    ASSERT_TRUE(concatenateAudio({m_dir.filePath("a.wav"), m_dir.filePath("gap1.wav"), m_low,
-                                  m_dir.filePath("gap2.wav"), m_dir.filePath("a.wav")},
-                                 tones));
-    std::unique_ptr<CaptureSourceBase> source;
-    QString sink = m_server->speakerSink();
-    QString started;
-    QString stopped;
-    QString name;
-    switch (GetParam()) {
-    case SourceKind::tap:
-        source = std::make_unique<ProcessTapRecorder>();
-        started = QStringLiteral("[ProcessTap] Capture démarrée → ");
-        stopped = QStringLiteral("[ProcessTap] Capture arrêtée");
-        name = QStringLiteral("^tavrel_tap_\\d+\\.caf$");
-        break;
-    case SourceKind::monitor:
-        source = std::make_unique<SystemAudioRecorder>();
-        started = QStringLiteral("[SystemAudio] Capture démarrée : ");
-        stopped = QStringLiteral("[SystemAudio] Capture arrêtée");
-        name = QStringLiteral("^tavrel_sys_\\d+\\.m4a$");
-        break;
-    case SourceKind::virtualDevice: {
-        const auto device = BlackHoleRecorder::findDevice();
-        ASSERT_TRUE(device);
-        EXPECT_EQ(device->name, AudioServerFixture::monitorOf(m_server->blackHoleSink()));
-        source = std::make_unique<BlackHoleRecorder>(*device);
-        sink = m_server->blackHoleSink();
-        started = QStringLiteral("[BlackHole] Capture démarrée sur « ") + device->description + QStringLiteral(" » → ");
-        stopped = QStringLiteral("[BlackHole] Capture arrêtée");
-        name = QStringLiteral("^tavrel_bh_\\d+\\.m4a$");
-        break;
-    }
-    }
-    LogLines log;
-    starting();
-    const Clock::time_point start = Clock::now();
-    const auto sleepUntil = [&](double atS) {
-        std::this_thread::sleep_until(start +
-                                      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(atS)));
-    };
-    ASSERT_NO_THROW(source->startBlocking());
-    CaptureFixture::started();
-    sleepUntil(0.5);
-    const double launched = secondsSince(start);
-    m_players.push_back(m_server->playIntoSink(sink, tones));
-    EXPECT_TRUE(waitUntil([&] { return source->currentLevel() > 0.3f; }, 1100ms)) << "the level shows the tone";
-    sleepUntil(1.7);
-    const double pausedAt = secondsSince(start);
-    source->pause();
-    EXPECT_EQ(source->currentLevel(), 0.0f);
-    sleepUntil(4.2);
-    source->resume();
-    const double pausedS = secondsSince(start) - pausedAt;
-    sleepUntil(6.7);
-    const double totalS = secondsSince(start);
-    const auto file = source->stopBlocking();
-
-    ASSERT_TRUE(file);
-    EXPECT_TRUE(QRegularExpression(name).match(QFileInfo(*file).fileName()).hasMatch()) << file->toStdString();
-    EXPECT_EQ(QFileInfo(*file).absolutePath(), RecordingFiles::captureDir());
-    const MediaInfo info = probe(*file);
-    ASSERT_TRUE(info.valid) << info.error.toStdString();
-    EXPECT_EQ(info.codecName, GetParam() == SourceKind::tap ? "pcm_f32le" : "aac");
-    EXPECT_EQ(info.channels, 2);
-    expectRealTime(info.formatDurationS, totalS - pausedS, "the pause left out");
-    const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
-    const double first = onsetAfter(samples, 0.0);
-    EXPECT_TRUE((Played{launched - m_startS, launched + 1.2}.holds(first)))
-        << first << " against " << launched << ": the player's start-up included";
-    const double last = onsetAfter(samples, first + 1.0);
-    // Where the tones end, too: audio the graph dropped under load becomes silence in its place, and a hole over a
-    // tone's beginning (or end) moves only that edge.
-    std::vector<float> reversed(samples.rbegin(), samples.rend());
-    const std::vector<double> fromEnd = findSoundOnsets(reversed, kRate, -30.0, 150);
-    ASSERT_GE(fromEnd.size(), 2u);
-    const double lengthS = static_cast<double>(samples.size()) / kRate;
-    const double lastEnd = lengthS - fromEnd[0];
-    const double firstEnd = lengthS - fromEnd.back();
-    const double playedApartS = 0.5 + 1.5 + 0.6 + 2.5; // first tone, gap, second tone, gap
-    EXPECT_LE(std::min(std::abs(last - first - (playedApartS - pausedS)),
-                       std::abs(lastEnd - firstEnd - (playedApartS - pausedS))),
-              0.05)
-        << "tones " << first << ".." << firstEnd << " and " << last << ".." << lastEnd << ", " << pausedS
-        << " s paused";
-    EXPECT_LT(rmsDbBetween(samples, kRate, first + 0.6, last - 0.1), -50.0) << "what was played while paused got in";
-    const QStringList lines = log.lines();
-    EXPECT_TRUE(lines.contains(started + QFileInfo(*file).fileName())) << lines.join('\n').toStdString();
-    EXPECT_TRUE(lines.contains(stopped));
-}
-
-// The user picks another output in the middle of a recording: the source follows it without a hole, and neither
-// the microphone (speaking the whole time) nor the old output reaches the system track.
-class DefaultOutputSourceTest : public PausedSourceTest {};
-
 TEST_P(DefaultOutputSourceTest, followsTheDefaultOutputAndHearsNothingElse) {
     const bool tap = GetParam() == SourceKind::tap;
-    std::unique_ptr<CaptureSourceBase> source;
-    if (tap)
-        source = std::make_unique<ProcessTapRecorder>();
-    else
-        source = std::make_unique<SystemAudioRecorder>();
+    const std::unique_ptr<CaptureSourceBase> source = outputSource(tap);
     LogLines log;
     starting();
     ASSERT_NO_THROW(source->startBlocking());
     started();
-    ASSERT_TRUE(makeTone(300, 6.0, m_dir.filePath("mic.wav"), 1, kRate, 0.5));
+    ASSERT_TRUE(makeTone(300, tap ? 6.0 : 14.0, m_dir.filePath("mic.wav"), 1, kRate, 0.5));
     auto micPlayer = m_server->playIntoMicrophone(m_dir.filePath("mic.wav"));
     std::this_thread::sleep_for(700ms);
+    if (!tap) {
+        m_server->pactl({"suspend-sink", m_server->speakerSink(), "1"});
+        std::this_thread::sleep_for(7s);
+        m_server->pactl({"suspend-sink", m_server->speakerSink(), "0"});
+    }
     ASSERT_TRUE(m_server->setDefaultSink(m_server->blackHoleSink()));
     std::this_thread::sleep_for(1s);
-    if (tap)
-        EXPECT_EQ(static_cast<ProcessTapRecorder&>(*source).targetSink(), m_server->blackHoleSink());
-    else
-        EXPECT_EQ(static_cast<SystemAudioRecorder&>(*source).expectedSource(),
-                  AudioServerFixture::monitorOf(m_server->blackHoleSink()));
+    EXPECT_EQ(targetOf(*source, tap),
+              tap ? m_server->blackHoleSink() : AudioServerFixture::monitorOf(m_server->blackHoleSink()));
     play(*m_server, m_server->speakerSink(), m_low); // into the old output after the change: not ours any more
     std::this_thread::sleep_for(500ms);
-    const Played played = play(*m_server, m_server->blackHoleSink(), m_tone);
+    const Played played = play(*m_server, m_server->blackHoleSink(), m_tone, source.get());
     std::this_thread::sleep_for(500ms);
     const double totalS = elapsedS();
     const auto file = source->stopBlocking();
@@ -443,21 +340,22 @@ TEST_P(DefaultOutputSourceTest, followsTheDefaultOutputAndHearsNothingElse) {
     const double onset = onsetAfter(samples, 0.0);
     EXPECT_TRUE(played.holds(onset)) << onset << " not in " << played.fromS << ".." << played.toS;
     EXPECT_LT(rmsDbBetween(samples, kRate, 0.1, onset - 0.1), -60.0) << "the microphone or the old output got in";
-    if (!tap)
-        EXPECT_TRUE(log.lines().contains(QStringLiteral("[SystemAudio] Sortie par défaut changée → ") +
-                                         m_server->blackHoleSink()));
+    const QStringList lines = log.lines();
+    if (tap) {
+        expectCaptureFile(*file, "^tavrel_tap_\\d+\\.caf$", "pcm_f32le", lines,
+                          QStringLiteral("[ProcessTap] Capture démarrée → "),
+                          QStringLiteral("[ProcessTap] Capture arrêtée"));
+    } else {
+        expectCaptureFile(*file, "^tavrel_sys_\\d+\\.m4a$", "aac", lines,
+                          QStringLiteral("[SystemAudio] Capture démarrée : "),
+                          QStringLiteral("[SystemAudio] Capture arrêtée"));
+        EXPECT_TRUE(
+            lines.contains(QStringLiteral("[SystemAudio] Sortie par défaut changée → ") + m_server->blackHoleSink()));
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Sources, DefaultOutputSourceTest, ::testing::Values(SourceKind::tap, SourceKind::monitor),
                          [](const auto& info) { return info.param == SourceKind::tap ? "tap" : "monitor"; });
-
-INSTANTIATE_TEST_SUITE_P(Sources, PausedSourceTest,
-                         ::testing::Values(SourceKind::tap, SourceKind::monitor, SourceKind::virtualDevice),
-                         [](const auto& info) {
-                             return info.param == SourceKind::tap       ? "tap"
-                                    : info.param == SourceKind::monitor ? "monitor"
-                                                                        : "virtualDevice";
-                         });
 
 // ---- A filter as the default output ---------------------------------------------------------------
 
@@ -500,24 +398,12 @@ protected:
 };
 
 TEST_P(FilterOutputTest, recordsTheDeviceBehindTheFilter) {
+    const bool tap = GetParam() == FilterCase::tapOnPipeWire;
     LogLines log;
-    std::unique_ptr<SystemAudioSource> source;
-    QString target;
-    std::function<std::optional<QString>()> stop;
+    const std::unique_ptr<CaptureSourceBase> source = outputSource(tap);
     starting();
-    if (GetParam() == FilterCase::tapOnPipeWire) {
-        auto tap = std::make_unique<ProcessTapRecorder>();
-        ASSERT_NO_THROW(tap->startBlocking());
-        target = tap->targetSink();
-        stop = [raw = tap.get()] { return raw->stopBlocking(); };
-        source = std::move(tap);
-    } else {
-        auto monitor = std::make_unique<SystemAudioRecorder>();
-        ASSERT_NO_THROW(monitor->startBlocking());
-        target = monitor->expectedSource();
-        stop = [raw = monitor.get()] { return raw->stopBlocking(); };
-        source = std::move(monitor);
-    }
+    ASSERT_NO_THROW(source->startBlocking());
+    const QString target = targetOf(*source, tap);
     started();
     const QString speaker = m_server->speakerSink();
     EXPECT_TRUE(target == speaker || target == AudioServerFixture::monitorOf(speaker)) << target.toStdString();
@@ -527,7 +413,7 @@ TEST_P(FilterOutputTest, recordsTheDeviceBehindTheFilter) {
     std::this_thread::sleep_for(500ms);
     const Played throughFilter = play(*m_server, "tavrel_ec_sink", m_low);
     std::this_thread::sleep_for(500ms);
-    const auto file = stop();
+    const auto file = source->stopBlocking();
     ASSERT_TRUE(file);
 
     const std::vector<float> samples = decodeToMonoFloat(*file, kRate);
@@ -536,26 +422,18 @@ TEST_P(FilterOutputTest, recordsTheDeviceBehindTheFilter) {
     EXPECT_TRUE(direct.holds(directOnset)) << "the speakers' own stream";
     // The canceller adds its own processing delay to what goes through it.
     EXPECT_TRUE(throughFilter.holds(onsetAfter(samples, directOnset + 0.6), 0.4)) << "the stream through the filter";
-    const QString prefix =
-        GetParam() == FilterCase::tapOnPipeWire ? QStringLiteral("[ProcessTap]") : QStringLiteral("[SystemAudio]");
+    const QString prefix = tap ? QStringLiteral("[ProcessTap]") : QStringLiteral("[SystemAudio]");
     EXPECT_TRUE(log.lines().contains(prefix + QStringLiteral(" Sortie filtrée, capture du périphérique → ") + speaker))
         << log.lines().join('\n').toStdString();
 }
 
+const char* const kFilterCaseNames[] = {"monitorOnPulseAudio", "monitorOnPipeWire",
+                                        "tapOnPipeWire"}; // in the order of the enumeration
+
 INSTANTIATE_TEST_SUITE_P(Servers, FilterOutputTest,
                          ::testing::Values(FilterCase::monitorOnPulseAudio, FilterCase::monitorOnPipeWire,
                                            FilterCase::tapOnPipeWire),
-                         [](const ::testing::TestParamInfo<FilterCase>& info) {
-                             switch (info.param) {
-                             case FilterCase::monitorOnPulseAudio:
-                                 return std::string("monitorOnPulseAudio");
-                             case FilterCase::monitorOnPipeWire:
-                                 return std::string("monitorOnPipeWire");
-                             case FilterCase::tapOnPipeWire:
-                                 return std::string("tapOnPipeWire");
-                             }
-                             return std::string();
-                         });
+                         [](const auto& info) { return std::string(kFilterCaseNames[static_cast<int>(info.param)]); });
 
 } // namespace
 } // namespace tavrel::test

@@ -6,26 +6,10 @@
 
 using namespace tavrel;
 
-TEST(SampleRing, keepsWholeFramesWhenFullAndAcrossTheWrap) {
-    SampleRing ring(8);
-    ASSERT_EQ(ring.capacity(), 8u);
-    const std::vector<float> frames{1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
-    // Stereo frames: 10 samples offered, 8 fit.
-    EXPECT_EQ(ring.push(frames.data(), 10, 2), 8u);
-    EXPECT_EQ(ring.push(frames.data(), 2, 2), 0u);
-    std::vector<float> out(16);
-    EXPECT_EQ(ring.pop(out.data(), 5, 2), 4u); // never half a frame
-    EXPECT_EQ(out[0], 1);
-    EXPECT_EQ(out[3], 4);
-    EXPECT_EQ(ring.push(frames.data() + 8, 2, 2), 2u); // wraps
-    EXPECT_EQ(ring.available(), 6u);
-    EXPECT_EQ(ring.pop(out.data(), 16, 2), 6u);
-    EXPECT_EQ((std::vector<float>(out.begin(), out.begin() + 6)), (std::vector<float>{5, 6, 7, 8, 9, 10}));
-    EXPECT_EQ(ring.available(), 0u);
-}
-
+// Through a small ring, full and wrapping all the time.
 TEST(SampleRing, aProducerAndAConsumerThreadSeeEverySampleInOrder) {
-    SampleRing ring(1024);
+    SampleRing ring(1000);
+    EXPECT_EQ(ring.capacity(), 1024u) << "rounded up to a power of two";
     constexpr int kTotal = 200000;
     std::thread producer([&] {
         std::vector<float> block(97);

@@ -2,7 +2,6 @@
 
 #include "TestSupport.h"
 
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QSettings>
@@ -49,65 +48,43 @@ std::vector<StringKey> stringKeys() {
 
 class StringKeyTest : public SettingsManagerTest, public ::testing::WithParamInterface<StringKey> {};
 
-TEST_P(StringKeyTest, AbsentKeyGivesTheDefault) {
+// An absent key gives the default without creating the file. Spaces, a trailing slash and the INI file's own
+// special characters all survive; a stored empty text stays empty rather than falling back to the default.
+// What another writer stored since the last read is what is read.
+TEST_P(StringKeyTest, ValuesAreStoredExactlyAsGivenAndReadAfreshEachTime) {
     EXPECT_EQ(GetParam().read(), GetParam().defaultValue());
     EXPECT_FALSE(QFileInfo::exists(SettingsManager::filePath())) << "reading must not create the file";
-}
-
-// Spaces, a trailing slash and the INI file's own special characters all survive; a stored empty text
-// stays empty rather than falling back to the default.
-TEST_P(StringKeyTest, ValuesAreStoredExactlyAsGiven) {
+    const QString key = QString::fromLatin1(GetParam().name);
     for (const QString& value : {QStringLiteral("  https://exemple.fr/backend/  "), QStringLiteral("a=b;c#d[e]\"f\\g"),
                                  QStringLiteral("éèà « ✅ »"), QStringLiteral("eyJhbGciOi.J9.x-y_z=="), QString()}) {
         GetParam().write(value);
         EXPECT_EQ(GetParam().read(), value);
-        EXPECT_TRUE(storedValue(QString::fromLatin1(GetParam().name)).isValid());
-        EXPECT_EQ(storedValue(QString::fromLatin1(GetParam().name)).toString(), value);
+        EXPECT_TRUE(storedValue(key).isValid());
+        EXPECT_EQ(storedValue(key).toString(), value);
     }
-}
-
-TEST_P(StringKeyTest, ReadsWhatAnotherWriterStoredSinceTheLastRead) {
-    GetParam().write(QStringLiteral("first"));
-    ASSERT_EQ(GetParam().read(), QStringLiteral("first"));
-    {
-        QSettings other(SettingsManager::filePath(), QSettings::IniFormat);
-        other.setValue(QString::fromLatin1(GetParam().name), QStringLiteral("second"));
-    }
+    QSettings(SettingsManager::filePath(), QSettings::IniFormat).setValue(key, QStringLiteral("second"));
     EXPECT_EQ(GetParam().read(), QStringLiteral("second"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Keys, StringKeyTest, ::testing::ValuesIn(stringKeys()),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(SettingsManagerTest, CallDetectionIsOnUntilSwitchedOff) {
-    EXPECT_TRUE(m_settings.autoDetectCalls());
+// The file holds the token: only its owner may read it, even when it was made readable to others before.
+TEST_F(SettingsManagerTest, FileIsReadableByTheUserOnly) {
+    EXPECT_TRUE(m_settings.autoDetectCalls()) << "call detection is on until switched off";
     m_settings.setAutoDetectCalls(false);
     EXPECT_EQ(storedValue(QStringLiteral("autoDetectCalls")).toBool(), false);
-}
-
-TEST_F(SettingsManagerTest, FileIsReadableByTheUserOnly) {
-    m_settings.setToken(QStringLiteral("secret"));
     const QString path = SettingsManager::filePath();
     EXPECT_TRUE(path.startsWith(m_dir.path() + QStringLiteral("/TavrelRecorder/"))) << path.toStdString();
     constexpr QFile::Permissions kOthers =
         QFile::ReadGroup | QFile::WriteGroup | QFile::ExeGroup | QFile::ReadOther | QFile::WriteOther | QFile::ExeOther;
     EXPECT_FALSE(QFile::permissions(path) & kOthers) << "group or others may read the token";
     EXPECT_EQ(QFile::permissions(path) & (QFile::ReadOwner | QFile::WriteOwner), QFile::ReadOwner | QFile::WriteOwner);
-}
 
-TEST_F(SettingsManagerTest, WritingTightensAFileThatOthersCouldRead) {
-    const QString path = SettingsManager::filePath();
-    ASSERT_TRUE(QDir().mkpath(QFileInfo(path).absolutePath()));
-    {
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write("[General]\nwebURL=http://ancien/\n");
-    }
     QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther);
     m_settings.setToken(QStringLiteral("secret"));
-    EXPECT_FALSE(QFile::permissions(path) &
-                 (QFile::ReadGroup | QFile::ReadOther | QFile::WriteGroup | QFile::WriteOther));
-    EXPECT_EQ(m_settings.webURL(), QStringLiteral("http://ancien/")) << "other keys are kept";
+    EXPECT_FALSE(QFile::permissions(path) & kOthers);
+    EXPECT_FALSE(m_settings.autoDetectCalls()) << "other keys are kept";
 }
 
 } // namespace

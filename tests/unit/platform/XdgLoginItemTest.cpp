@@ -50,32 +50,23 @@ TEST_F(XdgLoginItemTest, EnablingWritesAnAutostartEntryThatStartsThisProgramAndD
     }
 }
 
-struct EntryCase {
-    const char* name;
-    QByteArray text;
-    bool enabled;
-};
-
-class ExistingEntryTest : public XdgLoginItemTest, public ::testing::WithParamInterface<EntryCase> {};
-
-// The desktop's own settings switch an entry off by adding Hidden=true rather than deleting it.
-TEST_P(ExistingEntryTest, EnabledMeansPresentAndNotHidden) {
-    writeEntry(GetParam().text);
-    EXPECT_EQ(m_item->isEnabled(), GetParam().enabled);
-    m_item->setEnabled(true);
-    EXPECT_TRUE(m_item->isEnabled()) << "enabling rewrites a hidden entry";
+// The desktop's own settings switch an entry off by adding Hidden=true rather than deleting it; enabling
+// rewrites a hidden entry.
+TEST_F(XdgLoginItemTest, EnabledMeansPresentAndNotHidden) {
+    const std::pair<QByteArray, bool> entries[] = {{"[Desktop Entry]\nType=Application\nExec=x\n", true},
+                                                   {"[Desktop Entry]\nType=Application\nHidden=true\nExec=x\n", false},
+                                                   {"[Desktop Entry]\nHidden = True\n", false},
+                                                   {"[Desktop Entry]\nHidden=false\n", true},
+                                                   {"[Desktop Entry]\nExec=x\n[Desktop Action a]\nHidden=true\n", true},
+                                                   {"", true}};
+    for (const auto& [text, enabled] : entries) {
+        SCOPED_TRACE(text.toStdString());
+        writeEntry(text);
+        EXPECT_EQ(m_item->isEnabled(), enabled);
+        m_item->setEnabled(true);
+        EXPECT_TRUE(m_item->isEnabled());
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Entries, ExistingEntryTest,
-    ::testing::Values(EntryCase{"plain", "[Desktop Entry]\nType=Application\nExec=x\n", true},
-                      EntryCase{"hidden", "[Desktop Entry]\nType=Application\nHidden=true\nExec=x\n", false},
-                      EntryCase{"hidden_spaced", "[Desktop Entry]\nHidden = True\n", false},
-                      EntryCase{"hidden_false", "[Desktop Entry]\nHidden=false\n", true},
-                      EntryCase{"hidden_in_action_only", "[Desktop Entry]\nExec=x\n[Desktop Action a]\nHidden=true\n",
-                                true},
-                      EntryCase{"empty_file", "", true}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(XdgLoginItemTest, FailureCarriesAReadableDescription) {
     // A file where the autostart folder should be: neither the folder nor the entry can be made.

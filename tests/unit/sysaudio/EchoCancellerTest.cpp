@@ -203,17 +203,26 @@ INSTANTIATE_TEST_SUITE_P(Delays, EchoRoomTest,
                                            RoomCase{"jumping", 120, 1.0, 15, 135}, RoomCase{"microphoneAhead", -60}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-class NoEchoTest : public ::testing::TestWithParam<const char*> {
+class MergeEchoTest : public ::testing::TestWithParam<const char*> {
 protected:
-    TempDir m_dir{QStringLiteral("noecho")};
+    TempDir m_dir{QStringLiteral("mergeecho")};
 };
 
-// A headset: the microphone does not hear the far end. The merged file is the plain sum, and one line
-// says that no echo was found.
-TEST_P(NoEchoTest, mergeIsThePlainSum) {
+// The merge takes the far end heard through the room out of the microphone, and says by how much and how late. With
+// a headset the microphone does not hear the far end: the merged file is the plain sum, and one line says that no
+// echo was found.
+TEST_P(MergeEchoTest, removesAnEchoAndOnlyAnEcho) {
+    const QByteArray kind = GetParam();
     QString mic;
     QString system;
-    if (QByteArray(GetParam()) == "conversation") {
+    if (kind == "room") {
+        std::vector<float> heard = conversation().near;
+        const std::vector<float> echo = throughRoom(m_dir, conversation().far, 120, 1.0);
+        for (size_t i = 0; i < heard.size(); ++i)
+            heard[i] += echo[i];
+        mic = soxFile(m_dir, QStringLiteral("mic"), withNoise(std::move(heard)));
+        system = soxFile(m_dir, QStringLiteral("system"), conversation().far);
+    } else if (kind == "conversation") {
         mic = soxFile(m_dir, QStringLiteral("mic"), withNoise(conversation().near));
         system = soxFile(m_dir, QStringLiteral("system"), conversation().far);
     } else { // steady tones line their phases up from one hop to the next like an echo would
@@ -223,18 +232,26 @@ TEST_P(NoEchoTest, mergeIsThePlainSum) {
         ASSERT_EQ(generateAudio(system, QStringLiteral("0.1*sin(2*PI*500*t)"), 12, kRate, 2, {"-c:a", "pcm_f32le"}),
                   "");
     }
-    const QString plainPath = m_dir.filePath(QStringLiteral("plain.m4a"));
     const QString mergedPath = m_dir.filePath(QStringLiteral("merged.m4a"));
-    mergeAudioFilesInto(mic, {system}, plainPath, {}, EchoRemoval::off);
     QStringList lines;
     EchoCanceller::Report report;
     {
         LogCapture capture([&](const QString& line) { lines << line; });
         report = mergeAudioFilesInto(mic, {system}, mergedPath);
     }
-
+    if (kind == "room") {
+        ASSERT_TRUE(report.echoFound);
+        EXPECT_NEAR(report.delayMs, 120.0, 3.0);
+        EXPECT_EQ(lines, QStringList{QStringLiteral("[TrackMerger] Écho des haut-parleurs retiré du micro : %1 dB "
+                                                    "(retard %2 ms)")
+                                         .arg(report.removedDb, 0, 'f', 1)
+                                         .arg(std::lround(report.delayMs))});
+        return;
+    }
     EXPECT_FALSE(report.echoFound);
     EXPECT_EQ(lines, QStringList{QStringLiteral("[TrackMerger] Pas d'écho des haut-parleurs dans le micro")});
+    const QString plainPath = m_dir.filePath(QStringLiteral("plain.m4a"));
+    mergeAudioFilesInto(mic, {system}, plainPath, {}, EchoRemoval::off);
     const std::vector<float> plain = decodeToMonoFloat(plainPath, kRate);
     const std::vector<float> merged = decodeToMonoFloat(mergedPath, kRate);
     ASSERT_EQ(merged.size(), plain.size());
@@ -244,7 +261,7 @@ TEST_P(NoEchoTest, mergeIsThePlainSum) {
     EXPECT_LE(rmsDb(difference) - rmsDb(plain), -60.0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Headsets, NoEchoTest, ::testing::Values("conversation", "tones"),
+INSTANTIATE_TEST_SUITE_P(Rooms, MergeEchoTest, ::testing::Values("room", "conversation", "tones"),
                          [](const auto& info) { return std::string(info.param); });
 
 } // namespace

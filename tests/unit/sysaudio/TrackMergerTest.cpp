@@ -6,6 +6,7 @@
 #include "TempDir.h"
 #include "audio/ffmpeg/FfmpegHandles.h"
 #include "audio/sources/SystemAudioSource.h"
+#include "core/RecordingFiles.h"
 
 #include <QCoro/QCoroTask>
 #include <QDir>
@@ -29,17 +30,20 @@ struct TrackKind {
     QStringList codecArguments;
 };
 
-/// QCoro 0.8's waitFor never returns when the task throws: catch inside a coroutine and hand the error out.
+/// The asynchronous merge run to its end. QCoro 0.8's waitFor never returns when the task throws: catch inside a
+/// coroutine and hand the error out (a Task cannot carry an exception_ptr itself).
 struct Outcome {
-    std::exception_ptr error; // a Task cannot carry an exception_ptr itself
+    QString merged;
+    std::exception_ptr error;
 };
-QCoro::Task<Outcome> failureOf(QCoro::Task<QString> task) {
+QCoro::Task<Outcome> outcomeOf(QCoro::Task<QString> task) {
+    Outcome outcome;
     try {
-        co_await std::move(task);
+        outcome.merged = co_await std::move(task);
     } catch (...) {
-        co_return Outcome{std::current_exception()};
+        outcome.error = std::current_exception();
     }
-    co_return Outcome{};
+    co_return outcome;
 }
 
 const TrackKind kMicTrack{"mic", "m4a", 44100, 1, {"-c:a", "aac"}};
@@ -116,98 +120,121 @@ INSTANTIATE_TEST_SUITE_P(Sources, TrackMixTest,
                                            MixCase{"tapAndDeviceM4a", {kTapTrack, kMonitorTrack}}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// Two tones at the same level on the microphone and on both channels of a system track add up to +3 dB: a
-// mix that averaged the tracks, or summed the stereo channels, would be 6 dB off. (The same tone in phase on
-// both would be an echo at 0 ms, which the merge removes from the microphone.)
-TEST_F(TrackMergerTest, tracksAreSummedAtUnitGain) {
-    const QString mic = make(kMicTrack, toneBetween(300, 0.1, 0.0, 3.0), 3.0);
-    const QString system =
-        make(TrackKind{"sys", "caf", 44100, 2, {"-c:a", "pcm_f32le"}}, toneBetween(500, 0.1, 0.0, 3.0), 3.0);
+enum class Damage { missing, garbage, empty, noAudioStream, garbledMiddle, cutShort };
 
-    mergeAudioFilesInto(mic, {system}, output());
-
-    const std::vector<float> mixed = decodeToMonoFloat(output(), kRate);
-    const double single = 20.0 * std::log10(0.1 / std::sqrt(2.0));
-    EXPECT_NEAR(rmsDbBetween(mixed, kRate, 0.5, 2.5), single + 3.01, 0.5);
-}
-
-enum class Damage { missing, garbage, noAudioStream, empty };
-
-struct SkipCase {
+struct DamageCase {
     const char* name;
+    bool microphone; ///< which track is damaged: the microphone, or the first of two system tracks
     Damage damage;
 };
 
-QString damagedFile(const TempDir& dir, Damage damage, const QString& stem) {
-    const QString path = dir.filePath(stem + QStringLiteral(".m4a"));
-    QFile file(path);
-    switch (damage) {
-    case Damage::missing:
-        break;
-    case Damage::garbage:
-        file.open(QIODevice::WriteOnly);
-        file.write(QByteArray(4096, 'x'));
-        break;
-    case Damage::empty:
-        file.open(QIODevice::WriteOnly);
-        break;
-    case Damage::noAudioStream: {
-        const QString video = dir.filePath(stem + QStringLiteral(".mkv"));
-        EXPECT_TRUE(runCommand(QStringLiteral("ffmpeg"), {"-v", "error", "-y", "-f", "lavfi", "-i",
-                                                          "color=c=black:s=32x32:d=1", "-c:v", "ffv1", video})
-                        .ok());
-        return video;
+class DamagedTrackTest : public TrackMergerTest, public ::testing::WithParamInterface<DamageCase> {
+protected:
+    void SetUp() override { m_environment.set("XDG_STATE_HOME", m_dir.filePath(QStringLiteral("state")).toUtf8()); }
+    bool breaksPartWay() const {
+        return GetParam().damage == Damage::garbledMiddle || GetParam().damage == Damage::cutShort;
     }
+    /// The damaged track. One that breaks part-way is a tone all along in an AAC file indexed up front, so that
+    /// its break lands in audio the index promises.
+    QString damaged() {
+        const QString path = m_dir.filePath(QStringLiteral("bad.m4a"));
+        QFile file(path);
+        switch (GetParam().damage) {
+        case Damage::missing:
+            break;
+        case Damage::garbage:
+            file.open(QIODevice::WriteOnly);
+            file.write(QByteArray(4096, 'x'));
+            break;
+        case Damage::empty:
+            file.open(QIODevice::WriteOnly);
+            break;
+        case Damage::noAudioStream: {
+            const QString video = m_dir.filePath(QStringLiteral("bad.mkv"));
+            EXPECT_TRUE(runCommand(QStringLiteral("ffmpeg"), {"-v", "error", "-y", "-f", "lavfi", "-i",
+                                                              "color=c=black:s=32x32:d=1", "-c:v", "ffv1", video})
+                            .ok());
+            return video;
+        }
+        case Damage::garbledMiddle:
+        case Damage::cutShort: {
+            const TrackKind indexedAac{"bad", "m4a", 44100, 2, {"-c:a", "aac", "-movflags", "+faststart"}};
+            make(indexedAac, toneBetween(700, 0.2, 0.0, 6.0), 6.0);
+            EXPECT_TRUE(file.open(QIODevice::ReadWrite));
+            const qint64 audioStart = file.readAll().indexOf("mdat") + 4;
+            if (GetParam().damage == Damage::cutShort) {
+                EXPECT_TRUE(file.resize(audioStart + (file.size() - audioStart) / 2));
+            } else {
+                file.seek(audioStart + (file.size() - audioStart) / 3);
+                EXPECT_GT(file.write(QByteArray(8000, '\x5a')), 0);
+            }
+            break;
+        }
+        }
+        return path;
     }
-    return path;
-}
+    ScopedEnvironment m_environment;
+};
 
-class SystemSkipTest : public TrackMergerTest, public ::testing::WithParamInterface<SkipCase> {};
-
-// A system file that cannot be used is left out: the mix is the microphone (and the other system file).
-TEST_P(SystemSkipTest, unusableSystemFileIsLeftOut) {
-    const QString mic = make(kMicTrack, toneBetween(440, 0.2, 0.5, 1.5), 3.0);
-    const QString good = make(kMonitorTrack, toneBetween(1000, 0.2, 2.0, 2.5), 3.0);
-    const QString bad = damagedFile(m_dir, GetParam().damage, QStringLiteral("bad"));
-
-    mergeAudioFilesInto(mic, {bad, good}, output());
-
-    const std::vector<float> mixed = decodeToMonoFloat(output(), kRate);
+// A system file that cannot be opened is left out: the mix is the microphone and the other system file. The
+// microphone is the recording: when it cannot be opened the merge fails (the orchestrator then keeps the
+// microphone file alone), with `mergeFailed` for a readable file without audio, FFmpeg's error otherwise. A
+// track of either side that opens but breaks part-way (its middle overwritten, or its end lost while its index
+// still promises it) fails the whole merge, naming the file: mixing what came before would cut that side short,
+// and the tracks are deleted once the mix is made.
+TEST_P(DamagedTrackTest, isLeftOutOrFailsTheMerge) {
+    const DamageCase& c = GetParam();
+    QString mic = make(kMicTrack, toneBetween(440, 0.2, 0.5, 1.5), 3.0);
+    QStringList systems{make(kMonitorTrack, toneBetween(1000, 0.2, 2.0, 2.5), 3.0)};
+    const QString bad = damaged();
+    if (c.microphone)
+        mic = bad;
+    else
+        systems.prepend(bad);
+    // The asynchronous form, as the recorder calls it: its errors come out of the task as they were thrown.
+    const Outcome outcome = QCoro::waitFor(outcomeOf(mergeAudioFiles(mic, systems)));
+    try {
+        if (outcome.error)
+            std::rethrow_exception(outcome.error);
+    } catch (const DamagedTrackError& error) {
+        EXPECT_TRUE(breaksPartWay()) << error.what();
+        EXPECT_EQ(error.path(), bad);
+        return;
+    } catch (const SystemAudioFailure& failure) {
+        EXPECT_TRUE(c.microphone && c.damage == Damage::noAudioStream);
+        EXPECT_EQ(failure.code(), SystemAudioError::mergeFailed);
+        return;
+    } catch (const FfmpegError& error) {
+        EXPECT_TRUE(c.microphone && !breaksPartWay() && c.damage != Damage::noAudioStream) << error.what();
+        return;
+    }
+    ASSERT_FALSE(c.microphone || breaksPartWay()) << "the merge went through";
+    // Named in the capture directory, the inputs left alone.
+    EXPECT_EQ(QFileInfo(outcome.merged).absolutePath(), RecordingFiles::captureDir());
+    EXPECT_TRUE(QRegularExpression(QStringLiteral("^tavrel_merged_\\d{10}\\.m4a$"))
+                    .match(QFileInfo(outcome.merged).fileName())
+                    .hasMatch());
+    EXPECT_TRUE(QFile::exists(mic));
+    EXPECT_TRUE(QFile::exists(systems.back()));
+    const std::vector<float> mixed = decodeToMonoFloat(outcome.merged, kRate);
     EXPECT_NEAR(static_cast<double>(mixed.size()) / kRate, 3.0, 0.05);
     ASSERT_TRUE(onsetSeconds(mixed, kRate, -30.0, 1.7));
     EXPECT_NEAR(*onsetSeconds(mixed, kRate, -30.0, 1.7), 2.0, 0.01);
 }
 
-INSTANTIATE_TEST_SUITE_P(Damages, SystemSkipTest,
-                         ::testing::Values(SkipCase{"missing", Damage::missing}, SkipCase{"garbage", Damage::garbage},
-                                           SkipCase{"empty", Damage::empty},
-                                           SkipCase{"noAudioStream", Damage::noAudioStream}),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-class MicFailureTest : public TrackMergerTest, public ::testing::WithParamInterface<SkipCase> {};
-
-// The microphone is the recording: when it cannot be read the merge fails (the orchestrator then keeps
-// the microphone file alone); a readable file without audio is `mergeFailed`, anything else FFmpeg's error.
-TEST_P(MicFailureTest, unusableMicrophoneFailsTheMerge) {
-    const QString mic = damagedFile(m_dir, GetParam().damage, QStringLiteral("mic"));
-    const QString system = make(kMonitorTrack, toneBetween(1000, 0.2, 0.5, 1.0), 2.0);
-    if (GetParam().damage == Damage::noAudioStream) {
-        try {
-            mergeAudioFilesInto(mic, {system}, output());
-            FAIL() << "merge succeeded";
-        } catch (const SystemAudioFailure& failure) {
-            EXPECT_EQ(failure.code(), SystemAudioError::mergeFailed);
-            EXPECT_EQ(failure.localizedDescription(), QStringLiteral("Impossible de fusionner les pistes audio."));
-        }
-    } else {
-        EXPECT_THROW(mergeAudioFilesInto(mic, {system}, output()), FfmpegError);
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Damages, MicFailureTest,
-                         ::testing::Values(SkipCase{"missing", Damage::missing}, SkipCase{"garbage", Damage::garbage},
-                                           SkipCase{"empty", Damage::empty},
-                                           SkipCase{"noAudioStream", Damage::noAudioStream}),
+INSTANTIATE_TEST_SUITE_P(Damages, DamagedTrackTest,
+                         ::testing::Values(DamageCase{"systemMissing", false, Damage::missing},
+                                           DamageCase{"systemGarbage", false, Damage::garbage},
+                                           DamageCase{"systemEmpty", false, Damage::empty},
+                                           DamageCase{"systemWithoutAudio", false, Damage::noAudioStream},
+                                           DamageCase{"systemGarbled", false, Damage::garbledMiddle},
+                                           DamageCase{"systemCutShort", false, Damage::cutShort},
+                                           DamageCase{"micMissing", true, Damage::missing},
+                                           DamageCase{"micGarbage", true, Damage::garbage},
+                                           DamageCase{"micEmpty", true, Damage::empty},
+                                           DamageCase{"micWithoutAudio", true, Damage::noAudioStream},
+                                           DamageCase{"micGarbled", true, Damage::garbledMiddle},
+                                           DamageCase{"micCutShort", true, Damage::cutShort}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 struct SeamCase {
@@ -297,76 +324,6 @@ INSTANTIATE_TEST_SUITE_P(Signals, SegmentSeamTest,
                                            SeamCase{"attacks", false, "0.5*sin(2*PI*800*t)*exp(-40*mod(t\\,0.1))"},
                                            SeamCase{"speechOverChirp", true, "0.1*sin(2*PI*(100*t+400*t*t))"}),
                          [](const auto& info) { return std::string(info.param.name); });
-
-enum class Break { garbledMiddle, cutShort };
-
-struct BreakCase {
-    const char* name;
-    bool microphone; ///< which track breaks: the microphone, or a system track
-    Break damage;
-};
-
-class BrokenTrackTest : public TrackMergerTest, public ::testing::WithParamInterface<BreakCase> {};
-
-// A track that opens but breaks part-way (its middle overwritten, or its end lost while its index still
-// promises it) fails the whole merge, naming the file: mixing what came before would cut that side short,
-// and the tracks are deleted once the mix is made.
-TEST_P(BrokenTrackTest, aTrackThatBreaksPartWayFailsTheMergeNamingIt) {
-    const TrackKind indexedAac{"aac", "m4a", 44100, 2, {"-c:a", "aac", "-movflags", "+faststart"}};
-    const QString mic = make(GetParam().microphone ? indexedAac : kMicTrack, toneBetween(440, 0.2, 0.0, 6.0), 6.0);
-    const QString system =
-        make(GetParam().microphone ? kMonitorTrack : indexedAac, toneBetween(1000, 0.2, 0.0, 6.0), 6.0, "system");
-    const QString broken = GetParam().microphone ? mic : system;
-    QFile file(broken);
-    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
-    const qint64 audioStart = file.readAll().indexOf("mdat") + 4;
-    if (GetParam().damage == Break::cutShort) {
-        ASSERT_TRUE(file.resize(audioStart + (file.size() - audioStart) / 2));
-    } else {
-        file.seek(audioStart + (file.size() - audioStart) / 3);
-        ASSERT_GT(file.write(QByteArray(8000, '\x5a')), 0);
-    }
-    file.close();
-
-    try {
-        mergeAudioFilesInto(mic, {system}, output());
-        FAIL() << "the merge went through a broken track";
-    } catch (const DamagedTrackError& error) {
-        EXPECT_EQ(error.path(), broken);
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Breaks, BrokenTrackTest,
-                         ::testing::Values(BreakCase{"micGarbled", true, Break::garbledMiddle},
-                                           BreakCase{"micCutShort", true, Break::cutShort},
-                                           BreakCase{"systemGarbled", false, Break::garbledMiddle},
-                                           BreakCase{"systemCutShort", false, Break::cutShort}),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-// The asynchronous form names its file in the capture directory and leaves the inputs alone.
-TEST_F(TrackMergerTest, asynchronousMergeWritesTheNamedFileInTheCaptureDirectory) {
-    const QString mic = make(kMicTrack, toneBetween(440, 0.2, 0.2, 0.6), 1.0);
-    const QString system = make(kTapTrack, toneBetween(1000, 0.2, 0.4, 0.8), 1.5);
-    ScopedEnvironment environment;
-    environment.set("XDG_STATE_HOME", m_dir.filePath(QStringLiteral("state")).toUtf8());
-
-    const QString merged = QCoro::waitFor(mergeAudioFiles(mic, {system}));
-
-    EXPECT_EQ(QFileInfo(merged).absolutePath(), m_dir.filePath(QStringLiteral("state")) + "/TavrelRecorder/capture");
-    EXPECT_TRUE(QRegularExpression(QStringLiteral("^tavrel_merged_\\d{10}\\.m4a$"))
-                    .match(QFileInfo(merged).fileName())
-                    .hasMatch());
-    const MediaInfo facts = probe(merged);
-    ASSERT_TRUE(facts.valid) << facts.error.toStdString();
-    EXPECT_NEAR(facts.formatDurationS, 1.5, 0.05);
-    EXPECT_TRUE(QFile::exists(mic));
-    EXPECT_TRUE(QFile::exists(system));
-
-    const std::exception_ptr failure =
-        QCoro::waitFor(failureOf(mergeAudioFiles(m_dir.filePath("nothing.m4a"), {system}))).error;
-    ASSERT_TRUE(failure);
-    EXPECT_THROW(std::rethrow_exception(failure), FfmpegError);
-}
 
 } // namespace
 } // namespace tavrel::test

@@ -1,8 +1,5 @@
-#include "core/Log.h"
-
 #include "core/Level.h"
 
-#include <QStringList>
 #include <gtest/gtest.h>
 
 using namespace tavrel;
@@ -14,14 +11,4 @@ TEST(Level, mapsDecibelsLinearlyFromMinusFiftyToZero) {
     EXPECT_FLOAT_EQ(levelFromDecibels(-10.0f), 0.8f);
     EXPECT_EQ(levelFromDecibels(0.0f), 1.0f);
     EXPECT_EQ(levelFromDecibels(3.0f), 1.0f);
-}
-
-TEST(Log, captureSeesEveryLineWhileItLives) {
-    QStringList seen;
-    {
-        LogCapture capture([&](const QString& line) { seen << line; });
-        logLine("[Note 75s] Budget");
-    }
-    logLine("[Note 76s] after");
-    EXPECT_EQ(seen, QStringList{"[Note 75s] Budget"});
 }
