@@ -59,8 +59,10 @@ auto runInBackground(Work work, QThreadPool* pool = QThreadPool::globalInstance(
     co_await future;
     [[maybe_unused]] const bool done = state->done.load(std::memory_order_acquire);
     Q_ASSERT(done);
-    if (state->error)
-        std::rethrow_exception(state->error);
+    // Taken out here: the pool thread may drop the state last, and an exception freed there would be freed
+    // behind the tool's back (libstdc++ counts its references uninstrumented).
+    if (std::exception_ptr error = std::exchange(state->error, nullptr))
+        std::rethrow_exception(error);
     if constexpr (!std::is_void_v<Result>)
         co_return std::move(*state->value);
 }
