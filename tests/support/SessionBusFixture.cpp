@@ -234,22 +234,6 @@ QList<RecordedNotification> SessionBusFixture::notifications() const {
     return result;
 }
 
-void SessionBusFixture::clearNotifications() {
-    QDBusConnection bus = QDBusConnection::connectToBus(m_address, QStringLiteral("bus-fixture"));
-    bus.call(QDBusMessage::createMethodCall(kNotifications, QStringLiteral("/org/freedesktop/Notifications"),
-                                            kMockInterface, QStringLiteral("ClearCalls")),
-             QDBus::Block, 5000);
-    QDBusConnection::disconnectFromBus(QStringLiteral("bus-fixture"));
-}
-
-::testing::AssertionResult SessionBusFixture::waitForNotifications(int count, std::chrono::milliseconds timeout) {
-    if (waitUntil([&] { return notifications().size() >= count; }, timeout))
-        return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << "expected " << count << " notification(s) within " << timeout.count()
-                                         << " ms, got " << notifications().size() << "\n"
-                                         << logs().toStdString();
-}
-
 QList<SessionBusFixture::FileManagerCall> SessionBusFixture::fileManagerCalls() const {
     QList<FileManagerCall> calls;
     for (const auto& [method, arguments] : mockCalls(kFileManager, QStringLiteral("/org/freedesktop/FileManager1")))

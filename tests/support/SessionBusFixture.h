@@ -68,11 +68,6 @@ public:
 
     /// Every Notify call so far, in order.
     QList<RecordedNotification> notifications() const;
-    /// Waits (processing Qt events) until at least `count` notifications have arrived.
-    ::testing::AssertionResult waitForNotifications(int count,
-                                                    std::chrono::milliseconds timeout = std::chrono::seconds(5));
-    /// Forgets the notifications recorded so far (notifications() starts empty again).
-    void clearNotifications();
 
     /// Every FileManager1 call so far: method name ("ShowItems") and its URIs.
     struct FileManagerCall {

@@ -3,6 +3,7 @@
 #include "audio/pipewire/PipeWireConnection.h"
 #include "audio/timeline/RecordingClock.h"
 
+#include <array>
 #include <spa/param/audio/format-utils.h>
 #include <spa/pod/builder.h>
 
@@ -53,7 +54,8 @@ bool PipeWireCapture::connect(const QString& sink) {
     const spa_pod* params[1] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info)};
     m_formatAccepted = false;
     return pw_stream_connect(m_stream.get(), PW_DIRECTION_INPUT, PW_ID_ANY,
-                             static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS),
+                             static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS |
+                                                          PW_STREAM_FLAG_RT_PROCESS),
                              params, 1) == 0;
 }
 
@@ -85,24 +87,43 @@ void PipeWireCapture::onParamChanged(void* data, uint32_t id, const spa_pod* par
 
 void PipeWireCapture::onProcess(void* data) {
     auto* self = static_cast<PipeWireCapture*>(data);
-    pw_buffer* buffer = pw_stream_dequeue_buffer(self->m_stream.get());
-    if (!buffer)
-        return;
-    const spa_data& block = buffer->buffer->datas[0];
-    if (block.data && block.chunk && block.chunk->size > 0 && self->m_formatAccepted) {
-        const auto* samples =
-            reinterpret_cast<const float*>(static_cast<const uint8_t*>(block.data) + block.chunk->offset);
-        const int64_t frames = block.chunk->size / (sizeof(float) * kChannels);
-        pw_time time{};
-        int64_t cycleNs = 0;
-        if (pw_stream_get_time_n(self->m_stream.get(), &time, sizeof time) == 0)
-            cycleNs = time.now;
-        if (cycleNs <= 0)
-            cycleNs = monotonicNowNs();
-        // The buffer holds the cycle that just ended.
-        self->m_onChunk(samples, frames, cycleNs - frames * 1'000'000'000 / kSampleRateHz);
+    // Late to a cycle, the callback may find several buffers waiting. All are taken, oldest first, and timed back
+    // from the cycle that just ended; taken one at a time, each would be timed by a later cycle than its own, and
+    // the backlog would shift everything after it.
+    std::array<pw_buffer*, kMaxBuffersPerCycle> buffers{};
+    std::array<int64_t, kMaxBuffersPerCycle> frames{};
+    size_t count = 0;
+    int64_t totalFrames = 0;
+    while (count < buffers.size()) {
+        pw_buffer* buffer = pw_stream_dequeue_buffer(self->m_stream.get());
+        if (!buffer)
+            break;
+        const spa_data& block = buffer->buffer->datas[0];
+        const bool filled = block.data && block.chunk && block.chunk->size > 0 && self->m_formatAccepted;
+        frames[count] = filled ? block.chunk->size / (sizeof(float) * kChannels) : 0;
+        totalFrames += frames[count];
+        buffers[count++] = buffer;
     }
-    pw_stream_queue_buffer(self->m_stream.get(), buffer);
+    if (count == 0)
+        return;
+    pw_time time{};
+    int64_t cycleNs = 0;
+    if (pw_stream_get_time_n(self->m_stream.get(), &time, sizeof time) == 0)
+        cycleNs = time.now;
+    if (cycleNs <= 0)
+        cycleNs = monotonicNowNs();
+    // The last buffer holds the cycle that just ended.
+    int64_t framesLeft = totalFrames;
+    for (size_t i = 0; i < count; ++i) {
+        if (frames[i] > 0) {
+            const spa_data& block = buffers[i]->buffer->datas[0];
+            const auto* samples =
+                reinterpret_cast<const float*>(static_cast<const uint8_t*>(block.data) + block.chunk->offset);
+            self->m_onChunk(samples, frames[i], cycleNs - framesLeft * 1'000'000'000 / kSampleRateHz);
+            framesLeft -= frames[i];
+        }
+        pw_stream_queue_buffer(self->m_stream.get(), buffers[i]);
+    }
 }
 
 } // namespace tavrel

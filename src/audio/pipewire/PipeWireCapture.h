@@ -3,6 +3,7 @@
 #include "audio/pipewire/PipeWireHandles.h"
 
 #include <QString>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 
@@ -15,11 +16,17 @@ class PipeWireConnection;
 /// neither pitch nor time here. The process callback hands each buffer on with the monotonic time of its first
 /// frame and copies nothing itself.
 ///
-/// Made, connected and dropped under the connection's lock; `onChunk` runs on the loop thread.
+/// Made, connected and dropped under the connection's lock; `onChunk` runs on PipeWire's data thread at every graph
+/// cycle (it must copy and return: no lock, no allocation). Processed on the loop thread instead, the stream lost
+/// buffers whenever that thread fell behind, and the track lost that audio.
 class PipeWireCapture {
 public:
     static constexpr int kSampleRateHz = 48000;
     static constexpr int kChannels = 2;
+    /// Buffers are timed by the graph's cycles, without delivery jitter: after cycles the stream missed (no free
+    /// buffer, a driver late under load: the output played nothing then) the next buffer is late by exactly their
+    /// length, and anything later than this is such a gap, made silence at once like the microphone's holes.
+    static constexpr int64_t kMissedCycleNs = 5'000'000;
     using ChunkHandler = std::function<void(const float* interleaved, int64_t frames, int64_t captureNs)>;
 
     PipeWireCapture(PipeWireConnection& connection, ChunkHandler onChunk);
@@ -37,6 +44,8 @@ public:
     const QString& sink() const { return m_sink; }
 
 private:
+    /// More buffers than a stream is given: what waits beyond this is taken at the next cycle.
+    static constexpr size_t kMaxBuffersPerCycle = 16;
     static const pw_stream_events kStreamEvents;
     static void onStateChanged(void* data, pw_stream_state old, pw_stream_state state, const char* error);
     static void onParamChanged(void* data, uint32_t id, const spa_pod* param);
@@ -48,7 +57,7 @@ private:
     spa_hook m_listener{};
     QString m_sink;
     pw_stream_state m_state = PW_STREAM_STATE_UNCONNECTED;
-    bool m_formatAccepted = false;
+    std::atomic<bool> m_formatAccepted{false}; // read by the process callback on the data thread
 };
 
 } // namespace tavrel

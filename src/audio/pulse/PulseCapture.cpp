@@ -2,6 +2,8 @@
 
 #include "audio/timeline/RecordingClock.h"
 
+#include <algorithm>
+
 namespace tavrel {
 
 using namespace std::chrono_literals;
@@ -11,7 +13,7 @@ PulseCapture::PulseCapture(std::shared_ptr<PulseContext> pulse, QString streamNa
       m_channels(channels) {}
 
 PulseCapture::~PulseCapture() {
-    disconnect();
+    release(false); // whoever receives the chunks may be going away too
 }
 
 void PulseCapture::connect(const QString& source, ChunkHandler onChunk, EndedHandler onEnded, MovedHandler onMoved) {
@@ -28,8 +30,15 @@ void PulseCapture::connect(const QString& source, ChunkHandler onChunk, EndedHan
     attributes.prebuf = static_cast<uint32_t>(-1);
     attributes.minreq = static_cast<uint32_t>(-1);
     attributes.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(kFragmentMs * 1000, &sampleSpec));
+    m_batchBytes = pa_usec_to_bytes(kBatchMs * 1000, &sampleSpec);
+    m_batch.assign(static_cast<size_t>(m_sampleRateHz) * m_channels * kFragmentMs * 4 / 1000, 0.0f);
     const QByteArray device = source.toUtf8();
     const QByteArray name = m_streamName.toUtf8();
+    try {
+        m_onPipeWire = m_pulse->runsOnPipeWire();
+    } catch (const PulseError&) {
+        m_onPipeWire = false; // the connection below fails and says why
+    }
     {
         PulseContext::Lock lock(*m_pulse);
         PaProplistPtr props(pa_proplist_new());
@@ -134,38 +143,106 @@ QString PulseCapture::sourceName() const {
 }
 
 void PulseCapture::disconnect() {
+    release(true);
+}
+
+void PulseCapture::release(bool handOnTail) {
     m_connected.store(false);
     if (!m_stream)
         return;
     PulseContext::Lock lock(*m_pulse);
     m_disconnecting = true;
+    // What is still held back for a batch is handed on (the mainloop thread waits on the lock meanwhile).
+    if (handOnTail && pa_stream_get_state(m_stream.get()) == PA_STREAM_READY) {
+        const size_t readable = pa_stream_readable_size(m_stream.get());
+        if (readable > 0 && readable != static_cast<size_t>(-1))
+            takeReadable(m_stream.get(), readable);
+    }
     pa_stream_set_read_callback(m_stream.get(), nullptr, nullptr);
     pa_stream_set_state_callback(m_stream.get(), nullptr, nullptr);
     pa_stream_set_moved_callback(m_stream.get(), nullptr, nullptr);
+    if (m_timingUpdate) {
+        pa_operation_cancel(m_timingUpdate.get());
+        m_timingUpdate.reset();
+    }
     const pa_stream_state_t state = pa_stream_get_state(m_stream.get());
     if (state == PA_STREAM_READY || state == PA_STREAM_CREATING)
         pa_stream_disconnect(m_stream.get());
     m_stream.reset();
 }
 
+int64_t PulseCapture::oldestUnreadCaptureNs(pa_stream* stream, size_t readableBytes) {
+    const int64_t nowNs = monotonicNowNs();
+    if (!m_onPipeWire) {
+        // The oldest unread frame was captured `latency` ago.
+        pa_usec_t latencyUs = 0;
+        int negative = 0;
+        if (pa_stream_get_latency(stream, &latencyUs, &negative) < 0 || negative)
+            latencyUs = 0;
+        return nowNs - static_cast<int64_t>(latencyUs) * 1000;
+    }
+    // pipewire-pulse answers a timing query with its write index as of its last graph cycle but the time of the
+    // answer, and libpulse's interpolation between two answers (1.5 s apart once a stream runs) drifts late by
+    // tens of ms. Two bounds instead, each only ever late: what arrived was captured before it arrived, before
+    // everything still unread; and what the server had written when it answered was captured before the answer
+    // (this one holds when our reading fell behind). Both less the graph's delay the server reported.
+    const int64_t frameBytes = static_cast<int64_t>(sizeof(float)) * m_channels;
+    const auto bytesNs = [&](int64_t bytes) { return bytes / frameBytes * 1'000'000'000 / m_sampleRateHz; };
+    const pa_timing_info* timing = pa_stream_get_timing_info(stream);
+    const int64_t delayNs = timing ? static_cast<int64_t>(timing->source_usec) * 1000 : 0;
+    int64_t captureNs = nowNs - bytesNs(static_cast<int64_t>(readableBytes)) - delayNs;
+    if (timing && !timing->write_index_corrupt && !timing->read_index_corrupt) {
+        const int64_t answeredNs = nowNs - static_cast<int64_t>(pa_timeval_age(&timing->timestamp)) * 1000;
+        captureNs = std::min(captureNs, answeredNs - bytesNs(timing->write_index - timing->read_index) - delayNs);
+    }
+    // Fresh answers keep the second bound close, and show a change of the graph's delay soon.
+    if ((!timing || pa_timeval_age(&timing->timestamp) > kTimingRefreshUs) &&
+        (!m_timingUpdate || pa_operation_get_state(m_timingUpdate.get()) != PA_OPERATION_RUNNING))
+        m_timingUpdate.reset(pa_stream_update_timing_info(stream, nullptr, nullptr));
+    return captureNs;
+}
+
 void PulseCapture::onRead(pa_stream* stream, size_t, void* userdata) {
     auto* self = static_cast<PulseCapture*>(userdata);
-    const int64_t frameBytes = static_cast<int64_t>(sizeof(float)) * self->m_channels;
-    while (pa_stream_readable_size(stream) > 0) {
+    const size_t readable = pa_stream_readable_size(stream);
+    if (readable != static_cast<size_t>(-1) && readable >= self->m_batchBytes)
+        self->takeReadable(stream, readable);
+}
+
+void PulseCapture::takeReadable(pa_stream* stream, size_t readable) {
+    const int64_t frameBytes = static_cast<int64_t>(sizeof(float)) * m_channels;
+    // One capture time for all that is read now; what follows the oldest frame is counted from it.
+    const int64_t firstNs = oldestUnreadCaptureNs(stream, readable);
+    int64_t takenFrames = 0;
+    int64_t batchFrames = 0;
+    const auto handOn = [&] {
+        if (batchFrames > 0)
+            m_onChunk(m_batch.data(), batchFrames,
+                      firstNs + (takenFrames - batchFrames) * 1'000'000'000 / m_sampleRateHz);
+        batchFrames = 0;
+    };
+    const auto batchCapacity = static_cast<int64_t>(m_batch.size()) / m_channels;
+    for (; readable > 0 && readable != static_cast<size_t>(-1); readable = pa_stream_readable_size(stream)) {
         const void* data = nullptr;
         size_t bytes = 0;
         if (pa_stream_peek(stream, &data, &bytes) < 0 || bytes == 0)
             break;
         const int64_t frames = static_cast<int64_t>(bytes) / frameBytes;
-        pa_usec_t latencyUs = 0;
-        int negative = 0;
-        if (pa_stream_get_latency(stream, &latencyUs, &negative) < 0 || negative)
-            latencyUs = 0;
-        // The oldest unread frame was captured `latency` ago; a hole (data == nullptr) is silence.
-        const int64_t captureNs = monotonicNowNs() - static_cast<int64_t>(latencyUs) * 1000;
-        self->m_onChunk(static_cast<const float*>(data), frames, captureNs);
+        if (!data || batchFrames + frames > batchCapacity)
+            handOn();
+        if (!data) // a hole: silence
+            m_onChunk(nullptr, frames, firstNs + takenFrames * 1'000'000'000 / m_sampleRateHz);
+        else if (frames > batchCapacity)
+            m_onChunk(static_cast<const float*>(data), frames, firstNs + takenFrames * 1'000'000'000 / m_sampleRateHz);
+        else {
+            std::copy_n(static_cast<const float*>(data), frames * m_channels,
+                        m_batch.data() + batchFrames * m_channels);
+            batchFrames += frames;
+        }
+        takenFrames += frames;
         pa_stream_drop(stream);
     }
+    handOn();
 }
 
 void PulseCapture::onState(pa_stream* stream, void* userdata) {

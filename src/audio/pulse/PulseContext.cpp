@@ -263,6 +263,16 @@ PulseServerInfo PulseContext::serverInfo(std::chrono::milliseconds timeout) {
     return request.info;
 }
 
+bool PulseContext::runsOnPipeWire() {
+    int known = m_onPipeWire.load();
+    if (known < 0) {
+        // "PulseAudio (on PipeWire 0.3.65)"
+        known = serverInfo().serverName.contains(QLatin1String("PipeWire")) ? 1 : 0;
+        m_onPipeWire.store(known);
+    }
+    return known == 1;
+}
+
 std::vector<PulseDeviceInfo> PulseContext::sources(std::chrono::milliseconds timeout) {
     return list<pa_source_info>(&pa_context_get_source_info_list, &toItem, timeout);
 }

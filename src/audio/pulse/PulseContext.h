@@ -27,6 +27,7 @@
 #include "core/Error.h"
 
 #include <QString>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -195,6 +196,10 @@ public:
     bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = kDefaultTimeout);
 
     PulseServerInfo serverInfo(std::chrono::milliseconds timeout = kDefaultTimeout);
+    /// The server is PipeWire's PulseAudio service (pipewire-pulse), which times record streams differently.
+    /// Asked once per connection; throws `PulseError` when the server does not answer. Not from the mainloop
+    /// thread.
+    bool runsOnPipeWire();
     std::vector<PulseDeviceInfo> sources(std::chrono::milliseconds timeout = kDefaultTimeout);
     std::vector<PulseDeviceInfo> sinks(std::chrono::milliseconds timeout = kDefaultTimeout);
     std::vector<PulseSinkInputInfo> sinkInputs(std::chrono::milliseconds timeout = kDefaultTimeout);
@@ -261,6 +266,7 @@ private:
     std::vector<Subscriber> m_subscribers; // under the mainloop lock
     int m_nextSubscriberId = 1;
     unsigned m_subscribedMask = 0;
+    std::atomic<int> m_onPipeWire{-1}; // -1 until asked
 };
 
 } // namespace tavrel

@@ -75,7 +75,8 @@ void ProcessTapRecorder::startBlocking() {
                                            .channels = kChannels,
                                            .threadName = kThreadName,
                                            .side = CaptureSide::systemAudio,
-                                           .logPrefix = kLogPrefix};
+                                           .logPrefix = kLogPrefix,
+                                           .holeNs = PipeWireCapture::kMissedCycleNs};
         m_track = std::make_unique<CaptureTrack>(
             std::make_unique<CafWriter>(path, kSampleRateHz, kChannels), clock, track, m_events,
             [this](const float* samples, int64_t frames) { storeLevel(levelOf(samples, frames)); });

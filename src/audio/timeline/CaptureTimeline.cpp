@@ -23,8 +23,7 @@ int64_t CaptureTimeline::place(int64_t captureNs, int64_t frames, int64_t missin
         m_filledFrames += missingFrames;
     }
     const int64_t lag = expected - m_next;
-    const int64_t hole = static_cast<int64_t>(m_sampleRateHz) * kHoleNs / 1'000'000'000;
-    if (lag > hole) {
+    if (lag > m_holeFrames) {
         m_filledFrames += lag;
         m_next = expected;
         m_windowStart = expected;

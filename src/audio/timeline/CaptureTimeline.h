@@ -28,8 +28,11 @@ public:
     /// ...and corrected when it exceeds this.
     static constexpr int64_t kDriftToleranceNs = 15'000'000;
 
-    CaptureTimeline(std::shared_ptr<const RecordingClock> clock, int sampleRateHz)
-        : m_clock(std::move(clock)), m_sampleRateHz(sampleRateHz) {}
+    /// `holeNs`: a chunk that much later than appending would put it starts after silence at once. A source timed
+    /// by the audio graph's own cycles, without delivery jitter, takes a much smaller one than `kHoleNs`.
+    CaptureTimeline(std::shared_ptr<const RecordingClock> clock, int sampleRateHz, int64_t holeNs = kHoleNs)
+        : m_clock(std::move(clock)), m_sampleRateHz(sampleRateHz),
+          m_holeFrames(static_cast<int64_t>(sampleRateHz) * holeNs / 1'000'000'000) {}
 
     /// The stream clock of a chunk whose first frame was captured at `captureNs`: frames since time zero,
     /// pauses included. `missingFrames` were lost just before it. Call for every chunk, paused or not.
@@ -56,6 +59,7 @@ private:
 
     std::shared_ptr<const RecordingClock> m_clock;
     int m_sampleRateHz;
+    int64_t m_holeFrames;
     bool m_started = false;
     int64_t m_next = 0;         // stream clock where appending puts the next chunk
     int64_t m_windowStart = 0;  // stream clock where the current drift window began

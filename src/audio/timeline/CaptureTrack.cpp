@@ -10,7 +10,7 @@ namespace tavrel {
 CaptureTrack::CaptureTrack(std::unique_ptr<TrackFile> file, std::shared_ptr<const RecordingClock> clock,
                            Settings settings, CaptureEvents events, Meter meter)
     : m_file(std::move(file)), m_settings(std::move(settings)), m_events(std::move(events)), m_meter(std::move(meter)),
-      m_timeline(std::move(clock), m_settings.sampleRateHz) {
+      m_timeline(std::move(clock), m_settings.sampleRateHz, m_settings.holeNs) {
     m_handOff = std::make_unique<SampleHandOff>(
         m_settings.channels, m_settings.bufferSeconds * m_settings.sampleRateHz,
         [this](const SampleHandOff::Chunk& chunk) { consume(chunk); },

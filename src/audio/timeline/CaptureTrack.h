@@ -35,6 +35,8 @@ public:
         int64_t silenceReportNs = 15'000'000'000;
         /// The hand-off's room: how long the writer may stall without losing anything.
         int64_t bufferSeconds = 10;
+        /// How much later than appending would put it a chunk must be to start after silence at once.
+        int64_t holeNs = CaptureTimeline::kHoleNs;
     };
     /// Fed every delivered chunk that is not paused, on the writer thread (the level meter).
     using Meter = std::function<void(const float* interleaved, int64_t frames)>;

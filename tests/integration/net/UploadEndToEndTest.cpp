@@ -201,6 +201,10 @@ TEST_F(UploadEndToEndTest, PendingRecordingsGetRealDialogsOneAtATimeEachForItsOw
         const QString file = upload.value("files").toArray().at(0).toObject().value("filename").toString();
         EXPECT_EQ(upload.value("fields").toObject().value("title").toString(), typedFor[file]) << file.toStdString();
     }
+    EXPECT_EQ(m_backend.requestsTo(QStringLiteral("/backend/clients")), 3) << "each dialog fetches the client list";
+    // Each recording goes once the backend has it.
+    EXPECT_TRUE(waitUntil([&] { return QDir(recordingsDir()).entryList({"*.m4a"}, QDir::Files).isEmpty(); }, 20s))
+        << QDir(recordingsDir()).entryList().join(u' ').toStdString();
 }
 
 // Killed while it follows a job: the next launch follows it to its end and tells it.
@@ -224,6 +228,16 @@ TEST_F(UploadEndToEndTest, AJobFollowedWhenTheProgramIsKilledIsFollowedByTheNext
     EXPECT_EQ(notified(QStringLiteral("✅ Synthèse prête")).first().body,
               QStringLiteral("« Enregistrement » est disponible dans TaVREL."));
     EXPECT_EQ(notified(QStringLiteral("📝 Transcription terminée")).size(), 1);
+    // Every notification is a new one (none replaces another), with the program's name and icon, a sound, and
+    // no time-out of its own.
+    for (const RecordedNotification& n : m_bus->notifications()) {
+        SCOPED_TRACE(n.summary.toStdString());
+        EXPECT_EQ(n.appName, QStringLiteral("TaVREL Recorder"));
+        EXPECT_EQ(n.replacesId, 0U);
+        EXPECT_FALSE(n.appIcon.isEmpty());
+        EXPECT_EQ(n.expireTimeout, -1);
+        EXPECT_TRUE(n.hints.contains(QStringLiteral("sound-name")));
+    }
     // Followed to its end: not followed again.
     const auto followedJobs = [&] {
         QFile jobs(m_dir.path() + QStringLiteral("/data/TavrelRecorder/jobs.json"));

@@ -241,31 +241,6 @@ TEST_F(UploadWorkflowTest, OnlyRecordingsCountAndLaterOrShowInFileManagerChangeN
     EXPECT_EQ(h.backend.uploadCount(), 0);
 }
 
-TEST_F(UploadWorkflowTest, SendNowOpensOneDialogPerRecordingInTheSortedOrder) {
-    const QString sent = recordingFrom(h, QStringLiteral("sent.m4a"), 10);
-    const QString kept = recordingFrom(h, QStringLiteral("kept.m4a"), 5);
-    h.alerts->answer(QStringLiteral("Envoyer maintenant"));
-    h.alerts->answer(QStringLiteral("Annuler"));
-    h.alerts->answer(QStringLiteral("Envoyer"), fill(QStringLiteral("Envoyé")));
-    h.delegate->checkPendingRecordings();
-    ASSERT_TRUE(waitUntil([&] { return h.alerts->pendingAnswers() == 0; }, 20s));
-    // Followed to its end: between the upload's end and the job's first poll no mark is held, and the
-    // recording sent is removed meanwhile.
-    ASSERT_TRUE(
-        waitUntil([&] { return h.notificationTitles().contains(kDoneTitle) && h.delegate->activeJobs() == 0; }, 20s));
-    EXPECT_EQ(h.backend.uploadCount(), 1);
-    EXPECT_EQ(h.alerts->shownMessages(),
-              (QStringList{"2 enregistrement(s) non envoyé(s)", "Enregistrement terminé", "Enregistrement terminé"}));
-    EXPECT_EQ(clientFetches(), 2);
-    // One after the other, newest first, each answer with its own recording; the one kept is offered again.
-    EXPECT_TRUE(h.alerts->shown()[1].windowTitle.startsWith(QStringLiteral("Enregistrement du ")));
-    EXPECT_TRUE(QFile::exists(kept));
-    EXPECT_FALSE(QFile::exists(sent));
-    h.alerts->answer(QStringLiteral("Plus tard"));
-    h.delegate->checkPendingRecordings();
-    EXPECT_EQ(h.alerts->shownMessages().last(), "1 enregistrement(s) non envoyé(s)");
-}
-
 // ----- following the job ----------------------------------------------------------------------------------------
 
 TEST_F(UploadWorkflowTest, JobFollowingNotifiesAtEachStage) {

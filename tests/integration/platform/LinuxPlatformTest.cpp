@@ -1,8 +1,8 @@
-// The Linux desktop pieces on a private session bus: Debian's D-Bus mocks of a notification server and a
-// file manager, and xfce4-panel's status tray as the tray host (on a private Xvfb).
+// The Linux desktop pieces on a private session bus: Debian's D-Bus mock of a file manager, and xfce4-panel's
+// status tray as the tray host (on a private Xvfb). Notifications are checked on the real program, in
+// UploadEndToEndTest.
 #include "TestSupport.h"
 #include "platform/Desktop.h"
-#include "platform/Notifier.h"
 #include "platform/StatusItem.h"
 #include "platform/linux/StatusNotifierItemAdaptor.h"
 
@@ -25,10 +25,7 @@ class LinuxPlatformTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { test::SessionBusFixture::shared(); }
 
-    void SetUp() override {
-        ASSERT_TRUE(bus().isRunning());
-        bus().clearNotifications();
-    }
+    void SetUp() override { ASSERT_TRUE(bus().isRunning()); }
 
     static test::SessionBusFixture& bus() { return test::SessionBusFixture::shared(); }
 
@@ -51,45 +48,6 @@ protected:
         return reply.arguments().value(0).value<QDBusVariant>().variant();
     }
 };
-
-struct NotificationCase {
-    const char* name;
-    QString title;
-    QString body;
-};
-
-class NotifierTest : public LinuxPlatformTest, public ::testing::WithParamInterface<NotificationCase> {};
-
-TEST_P(NotifierTest, EveryNotificationArrivesIntactAndReplacesNothing) {
-    const std::unique_ptr<Notifier> notifier = makeNotifier();
-    // The same notification twice: both must show, the second must not replace the first.
-    notifier->notify(GetParam().title, GetParam().body);
-    notifier->notify(GetParam().title, GetParam().body);
-    ASSERT_TRUE(bus().waitForNotifications(2));
-    const auto received = bus().notifications();
-    ASSERT_EQ(received.size(), 2);
-    for (const test::RecordedNotification& n : received) {
-        EXPECT_EQ(n.appName, QStringLiteral("TaVREL Recorder"));
-        EXPECT_EQ(n.replacesId, 0U);
-        EXPECT_EQ(n.summary, GetParam().title);
-        EXPECT_EQ(n.body, GetParam().body);
-        EXPECT_FALSE(n.appIcon.isEmpty());
-        EXPECT_EQ(n.expireTimeout, -1);
-        EXPECT_TRUE(n.hints.contains(QStringLiteral("sound-name")) ||
-                    n.hints.contains(QStringLiteral("suppress-sound")))
-            << "no sound hint";
-        EXPECT_FALSE(n.hints.value(QStringLiteral("suppress-sound")).toBool());
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Texts, NotifierTest,
-    ::testing::Values(
-        NotificationCase{"upload", QStringLiteral("⬆️ Enregistrement envoyé"),
-                         QStringLiteral("« Point d'équipe » — transcription en cours, vous serez notifié.")},
-        NotificationCase{"markup_like", QStringLiteral("<b>Titre</b> & co"), QStringLiteral("a < b > c & d")},
-        NotificationCase{"empty_body", QStringLiteral("Titre seul"), QString()}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 // One file-manager window with every file selected, as escaped file URIs that lead back to the paths.
 TEST_F(LinuxPlatformTest, RevealAsksTheFileManagerToShowTheFiles) {

@@ -173,13 +173,8 @@ TEST_P(RecordingWithSystemAudioTest, everyTrackLeavesThePauseOutAndStaysAligned)
         const std::vector<double> fromEnd = findSoundOnsets(samples, kRate, -35.0, 300);
         trackEnds.push_back(fromEnd.empty() ? -1.0 : lengthS - fromEnd[0]);
     }
-    // Through pipewire-pulse, the latency a record stream reports is now and then short by up to 100 ms, which the
-    // microphone's track inherits; the tap times its buffers from the graph itself. Until the microphone records
-    // through a native PipeWire stream there, PipeWire is held to 150 ms, PulseAudio to 50 ms.
-    const double toleranceS = pipeWire ? 0.15 : 0.05;
     for (size_t i = 1; i < trackOnsets.size(); ++i)
-        EXPECT_LE(std::min(std::abs(trackOnsets[i] - trackOnsets[0]), std::abs(trackEnds[i] - trackEnds[0])),
-                  toleranceS)
+        EXPECT_LE(std::min(std::abs(trackOnsets[i] - trackOnsets[0]), std::abs(trackEnds[i] - trackEnds[0])), 0.05)
             << QFileInfo(tracks[static_cast<qsizetype>(i)]).fileName().toStdString()
             << " against the microphone: begins " << ::testing::PrintToString(trackOnsets) << ", ends "
             << ::testing::PrintToString(trackEnds);

@@ -3,7 +3,6 @@
 
 #include "TestSupport.h"
 #include "Wait.h"
-#include "audio/pulse/AudioRouting.h"
 #include "audio/sources/BlackHoleRecorder.h"
 #include "audio/sources/ProcessTapRecorder.h"
 #include "audio/sources/SystemAudioRecorder.h"
@@ -15,7 +14,6 @@
 #include <QFileInfo>
 #include <QJsonObject>
 #include <QRegularExpression>
-#include <algorithm>
 #include <chrono>
 #include <gtest/gtest.h>
 #include <mutex>
@@ -270,27 +268,6 @@ TEST_F(PulseCaptureTest, virtualDeviceThatGoesAwayAndComesBackKeepsOneFileOnReal
     // what is checked here is that the tone is there, after the device came back, and nothing before it.
     EXPECT_TRUE(played.holds(onset, 0.5)) << "the first sound must be the tone played on the device that came back";
     EXPECT_LT(rmsDbBetween(samples, kRate, 0.0, onset - 0.1), -60.0) << "the microphone got in";
-}
-
-// Start-up looks for a leftover routing device by its identifier and removes it.
-TEST_F(PulseCaptureTest, routingFindsDevicesByIdentifierAndDestroysTheirModule) {
-    const auto devices = AudioRouting::allDevices();
-    const auto has = [&](const QString& uid) {
-        return std::any_of(devices.begin(), devices.end(), [&](const auto& d) { return d.uid == uid; });
-    };
-    EXPECT_TRUE(has(m_server.speakerSink()));
-    EXPECT_TRUE(has(m_server.micSource()));
-    EXPECT_TRUE(has(AudioServerFixture::monitorOf(m_server.blackHoleSink())));
-    EXPECT_FALSE(AudioRouting::device(QStringLiteral("no-such-device")));
-
-    ASSERT_TRUE(m_server.loadModule("module-null-sink", "sink_name=fr.tavrel.recorder.autoroute"));
-    const auto leftover = AudioRouting::device(QStringLiteral("fr.tavrel.recorder.autoroute"));
-    ASSERT_TRUE(leftover);
-    EXPECT_EQ(leftover->kind, AudioRouting::DeviceKind::sink);
-    EXPECT_TRUE(AudioRouting::destroy(*leftover));
-    EXPECT_FALSE(AudioRouting::device(QStringLiteral("fr.tavrel.recorder.autoroute")));
-    EXPECT_FALSE(m_server.sinkNames().contains("fr.tavrel.recorder.autoroute"));
-    EXPECT_TRUE(AudioRouting::device(m_server.speakerSink())) << "only the leftover goes";
 }
 
 // ---- The output's own sources, following the default output --------------------------------------------

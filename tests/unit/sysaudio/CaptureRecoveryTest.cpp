@@ -107,7 +107,9 @@ TEST_F(CaptureRecoveryTest, finishesWhatTheStopLeftAndClearsWhatBelongsToNoRecor
               (QStringList{"tavrel_merged_12.m4a", "tavrel_merged_12.notes.txt", "tavrel_mic_50.m4a"}));
     EXPECT_EQ(read(RecordingFiles::notesFileFor(destination)), "[1:15] Budget : 100 %\nsur deux lignes");
     EXPECT_FALSE(isFragmentedMp4(recordings() + "/tavrel_mic_50.m4a"));
-    EXPECT_NEAR(probe(recordings() + "/tavrel_mic_50.m4a").formatDurationS, 1.0, 0.05) << "the writer's last flush";
+    const MediaInfo interrupted = probe(recordings() + "/tavrel_mic_50.m4a");
+    EXPECT_TRUE(interrupted.moovBeforeMdat) << interrupted.topLevelBoxes.join(',').toStdString();
+    EXPECT_NEAR(interrupted.formatDurationS, 1.0, 0.05) << "the writer's last flush";
     EXPECT_EQ(filesIn(capture()), (QStringList{"autre.txt"})) << "the lock is let go, a file not ours stays";
 }
 
