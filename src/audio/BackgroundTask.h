@@ -8,6 +8,7 @@
 #include <atomic>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <type_traits>
 #include <utility>
@@ -31,11 +32,15 @@ auto runInBackground(Work work, QThreadPool* pool = QThreadPool::globalInstance(
         // (Qt is not built with it): this flag carries the same ordering where the tool sees it.
         std::atomic<bool> done{false};
     };
+    // The same for the way in: held while the job is made and queued, taken by the job before it reads anything.
+    static std::mutex handOver;
+    std::unique_lock queueing(handOver);
     auto state = std::make_shared<State>();
     auto promise = std::make_shared<QPromise<void>>();
     QFuture<void> future = promise->future();
     promise->start();
     pool->start([state, promise, job = std::make_shared<Work>(std::move(work))]() mutable {
+        { const std::lock_guard taken(handOver); }
         try {
             if constexpr (std::is_void_v<Result>) {
                 (*job)();
@@ -50,11 +55,14 @@ auto runInBackground(Work work, QThreadPool* pool = QThreadPool::globalInstance(
         state->done.store(true, std::memory_order_release);
         promise->finish();
     });
+    queueing.unlock();
     co_await future;
     [[maybe_unused]] const bool done = state->done.load(std::memory_order_acquire);
     Q_ASSERT(done);
-    if (state->error)
-        std::rethrow_exception(state->error);
+    // Taken out here: the pool thread may drop the state last, and an exception freed there would be freed
+    // behind the tool's back (libstdc++ counts its references uninstrumented).
+    if (std::exception_ptr error = std::exchange(state->error, nullptr))
+        std::rethrow_exception(error);
     if constexpr (!std::is_void_v<Result>)
         co_return std::move(*state->value);
 }

@@ -15,6 +15,7 @@
 #include <optional>
 #include <thread>
 #include <type_traits>
+#include <utility>
 
 namespace tavrel {
 
@@ -77,8 +78,9 @@ QCoro::Task<std::invoke_result_t<Job&>> WorkerThread::run(Job job) {
     });
     co_await done;
     std::lock_guard lock(state->mutex);
-    if (state->error)
-        std::rethrow_exception(state->error);
+    // Taken out here: the worker may drop the state last (see runInBackground).
+    if (std::exception_ptr error = std::exchange(state->error, nullptr))
+        std::rethrow_exception(error);
     if (!state->result)
         throw Error(QStringLiteral("Tâche abandonnée : le programme s'arrête."));
     co_return std::move(*state->result);

@@ -1,6 +1,10 @@
 #include "Command.h"
 
-#include <QProcess>
+#include "ManagedProcess.h"
+#include "TempDir.h"
+
+#include <QFile>
+#include <limits>
 
 namespace tavrel::test {
 
@@ -15,34 +19,37 @@ QString CommandResult::describe() const {
 }
 
 CommandResult runCommand(const QString& program, const QStringList& arguments, const QProcessEnvironment& environment,
-                         std::chrono::milliseconds timeout, const QByteArray& standardInput) {
+                         std::chrono::milliseconds timeout) {
+    using Clock = std::chrono::steady_clock;
     CommandResult result;
     result.command = (QStringList{program} + arguments).join(' ');
-    QProcess process;
-    process.setProcessEnvironment(environment.isEmpty() ? QProcessEnvironment::systemEnvironment() : environment);
-    process.start(program, arguments);
-    if (!process.waitForStarted(10000)) {
+    const TempDir scratch(QStringLiteral("command"));
+    ManagedProcess::Options options;
+    options.program = program;
+    options.arguments = arguments;
+    options.environment = environment;
+    options.logPath = scratch.filePath(QStringLiteral("stderr"));
+    options.captureStdout = true;
+    options.dieWithParent = false;
+    ManagedProcess process;
+    if (!process.start(options)) {
         result.error = process.errorString();
         return result;
     }
-    if (!standardInput.isEmpty())
-        process.write(standardInput);
-    process.closeWriteChannel();
-    if (!process.waitForFinished(static_cast<int>(timeout.count()))) {
+    const auto deadline = Clock::now() + timeout;
+    // Until the command closes its output (it ends), then its exit status.
+    result.standardOutput = process.readStdout(timeout, std::numeric_limits<qsizetype>::max());
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const std::optional<int> exitCode = process.wait(std::max(left, std::chrono::milliseconds(0)));
+    if (!exitCode) {
         result.error = QStringLiteral("timed out after %1 ms").arg(timeout.count());
-        process.kill();
-        process.waitForFinished(2000);
-        result.standardOutput = process.readAllStandardOutput();
-        result.standardError = process.readAllStandardError();
-        return result;
+        process.stop();
+    } else {
+        result.exitCode = *exitCode;
     }
-    result.standardOutput = process.readAllStandardOutput();
-    result.standardError = process.readAllStandardError();
-    if (process.exitStatus() == QProcess::CrashExit) {
-        result.error = QStringLiteral("crashed");
-        return result;
-    }
-    result.exitCode = process.exitCode();
+    QFile standardError(options.logPath);
+    if (standardError.open(QIODevice::ReadOnly))
+        result.standardError = standardError.readAll();
     return result;
 }
 

@@ -22,9 +22,9 @@ struct CommandResult {
 };
 
 /// Runs a command to completion (killed after `timeout`). `environment` empty: the test process's.
+/// Spawned with posix_spawn like every child of a test, never with QProcess (see README.md).
 CommandResult runCommand(const QString& program, const QStringList& arguments,
                          const QProcessEnvironment& environment = {},
-                         std::chrono::milliseconds timeout = std::chrono::seconds(30),
-                         const QByteArray& standardInput = {});
+                         std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
 } // namespace tavrel::test

@@ -70,6 +70,7 @@ ManagedProcess& ManagedProcess::operator=(ManagedProcess&& other) noexcept {
         m_options = std::move(other.m_options);
         m_pid = std::exchange(other.m_pid, -1);
         m_stdoutFd = std::exchange(other.m_stdoutFd, -1);
+        m_stdinFd = std::exchange(other.m_stdinFd, -1);
         m_stdoutBuffer = std::move(other.m_stdoutBuffer);
         m_exitCode = other.m_exitCode;
         m_error = other.m_error;
@@ -107,7 +108,11 @@ bool ManagedProcess::start(Options options) {
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    int stdinFds[2] = {-1, -1};
+    if (m_options.feedStdin && ::pipe2(stdinFds, O_CLOEXEC) == 0)
+        posix_spawn_file_actions_adddup2(&actions, stdinFds[0], STDIN_FILENO);
+    else
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     const QByteArray log = m_options.logPath.isEmpty() ? QByteArray("/dev/null") : m_options.logPath.toLocal8Bit();
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log.constData(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     int pipeFds[2] = {-1, -1};
@@ -148,17 +153,20 @@ bool ManagedProcess::start(Options options) {
     const int rc = posix_spawn(&pid, exe.constData(), &actions, &attr, args.data(), env.data());
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attr);
-    if (pipeFds[1] >= 0)
-        ::close(pipeFds[1]);
+    for (const int childEnd : {pipeFds[1], stdinFds[0]})
+        if (childEnd >= 0)
+            ::close(childEnd);
     if (rc != 0) {
-        if (pipeFds[0] >= 0)
-            ::close(pipeFds[0]);
+        for (const int ourEnd : {pipeFds[0], stdinFds[1]})
+            if (ourEnd >= 0)
+                ::close(ourEnd);
         m_error =
             QStringLiteral("cannot start %1: %2").arg(m_options.program, QString::fromLocal8Bit(std::strerror(rc)));
         return false;
     }
     m_pid = pid;
     m_stdoutFd = pipeFds[0];
+    m_stdinFd = stdinFds[1];
     return true;
 }
 
@@ -216,14 +224,25 @@ int ManagedProcess::stop(std::chrono::milliseconds grace) {
         }
     }
     closeStdout();
+    if (m_stdinFd >= 0)
+        ::close(std::exchange(m_stdinFd, -1));
     return m_exitCode.value_or(-1);
 }
 
 void ManagedProcess::closeStdout() {
-    if (m_stdoutFd >= 0) {
-        ::close(m_stdoutFd);
-        m_stdoutFd = -1;
+    if (m_stdoutFd >= 0)
+        ::close(std::exchange(m_stdoutFd, -1));
+}
+
+bool ManagedProcess::writeStdin(const QByteArray& bytes) {
+    std::signal(SIGPIPE, SIG_IGN); // a child gone away fails the write instead of killing the test
+    for (qsizetype done = 0; done < bytes.size();) {
+        const ssize_t n = m_stdinFd < 0 ? -1 : ::write(m_stdinFd, bytes.constData() + done, bytes.size() - done);
+        if (n < 0 && errno != EINTR)
+            return false;
+        done += std::max<ssize_t>(n, 0);
     }
+    return true;
 }
 
 QByteArray ManagedProcess::readStdout(std::chrono::milliseconds timeout, qsizetype minBytes) {

@@ -27,6 +27,8 @@ public:
         bool captureStdout = false;
         /// Standard output goes to this file (truncated) instead of the log; ignored with captureStdout.
         QString stdoutPath;
+        /// Standard input is a pipe fed with writeStdin() instead of /dev/null.
+        bool feedStdin = false;
         bool dieWithParent = true;
     };
 
@@ -49,6 +51,8 @@ public:
     /// killed by a signal), or nothing if still running.
     std::optional<int> wait(std::chrono::milliseconds timeout);
     std::optional<int> exitCode() const { return m_exitCode; }
+    /// With feedStdin: writes all of `bytes` to the child's standard input; false when it no longer reads.
+    bool writeStdin(const QByteArray& bytes);
     void sendSignal(int signal);
     /// SIGTERM, then SIGKILL after `grace`; returns the exit code. Safe to call twice.
     int stop(std::chrono::milliseconds grace = std::chrono::milliseconds(3000));
@@ -71,6 +75,7 @@ private:
     Options m_options;
     pid_t m_pid = -1;
     int m_stdoutFd = -1;
+    int m_stdinFd = -1;
     QByteArray m_stdoutBuffer;
     std::optional<int> m_exitCode;
     QString m_error;

@@ -13,7 +13,6 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QLineEdit>
-#include <QProcess>
 #include <QSignalSpy>
 #include <algorithm>
 #include <cerrno>
@@ -210,10 +209,9 @@ TEST_F(SessionControllerTest, CaptureFaultsAreToldOnceAndMarkTheMeter) {
     const QString speech = speechFile(QStringLiteral(
         "Bonjour à tous, le premier point concerne le budget de l'année prochaine, puis le calendrier."));
     const QString quiet = m_dir.filePath(QStringLiteral("quiet.wav"));
-    ASSERT_EQ(
-        QProcess::execute("ffmpeg", {"-v", "error", "-y", "-f", "lavfi", "-i",
-                                     "anoisesrc=color=pink:amplitude=0.0005:sample_rate=44100:duration=17", quiet}),
-        0);
+    ASSERT_TRUE(runCommand("ffmpeg", {"-v", "error", "-y", "-f", "lavfi", "-i",
+                                      "anoisesrc=color=pink:amplitude=0.0005:sample_rate=44100:duration=17", quiet})
+                    .ok());
     const QString speechThenQuiet = m_dir.filePath(QStringLiteral("speech-then-quiet.wav"));
     ASSERT_TRUE(concatenateAudio({speech, quiet}, speechThenQuiet));
     launch();

@@ -6,7 +6,6 @@
 #include <QDBusConnection>
 #include <QDir>
 #include <QFile>
-#include <QProcess>
 #include <QRandomGenerator>
 #include <QtEndian>
 #include <cmath>
@@ -49,22 +48,32 @@ double powerAt(const std::vector<float>& samples, double fromS, double frequency
 class LiveSink {
 public:
     LiveSink(const QProcessEnvironment& environment, const QString& sink) {
-        m_pacat.setProcessEnvironment(environment);
-        m_pacat.start(QStringLiteral("pacat"), {"--playback", "-d", sink, "--raw", "--format=float32le", "--channels=1",
-                                                QStringLiteral("--rate=%1").arg(kRate), "--latency-msec=100",
-                                                "--client-name=tavrel-test-player"});
-        EXPECT_TRUE(m_pacat.waitForStarted()) << m_pacat.errorString().toStdString();
+        ManagedProcess::Options options;
+        options.program = QStringLiteral("pacat");
+        options.arguments = {"--playback",
+                             "-d",
+                             sink,
+                             "--raw",
+                             "--format=float32le",
+                             "--channels=1",
+                             QStringLiteral("--rate=%1").arg(kRate),
+                             "--latency-msec=100",
+                             "--client-name=tavrel-test-player"};
+        options.environment = environment;
+        options.feedStdin = true;
+        EXPECT_TRUE(m_pacat.start(options)) << m_pacat.errorString().toStdString();
     }
     void play(double frequencyHz) {
         std::vector<float> tone(kRate / 5);
         for (size_t i = 0; i < tone.size(); ++i)
             tone[i] = 0.4f * static_cast<float>(std::sin(2 * M_PI * frequencyHz * static_cast<double>(i) / kRate));
-        m_pacat.write(reinterpret_cast<const char*>(tone.data()), static_cast<qint64>(tone.size() * sizeof(float)));
-        m_pacat.waitForBytesWritten(1000);
+        EXPECT_TRUE(m_pacat.writeStdin(QByteArray(reinterpret_cast<const char*>(tone.data()),
+                                                  static_cast<qsizetype>(tone.size() * sizeof(float)))))
+            << m_pacat.describe().toStdString();
     }
 
 private:
-    QProcess m_pacat;
+    ManagedProcess m_pacat;
 };
 
 class CrashRecoveryTest : public ::testing::Test {

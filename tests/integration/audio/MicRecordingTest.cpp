@@ -6,7 +6,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonObject>
-#include <QProcess>
 #include <QRandomGenerator>
 #include <QStandardPaths>
 #include <algorithm>

@@ -1,6 +1,5 @@
 #include "TestSupport.h"
 
-#include <QProcess>
 #include <algorithm>
 #include <gtest/gtest.h>
 
@@ -16,11 +15,10 @@ class CrashHooksTest : public ::testing::TestWithParam<CrashCase> {};
 
 // The probe installs the hooks as main() does, then crashes the way it is told.
 TEST_P(CrashHooksTest, WritesTheCrashAndItsStackToStandardOutput) {
-    QProcess probe;
-    probe.start(QStringLiteral(TAVREL_CRASH_PROBE), {QString::fromLatin1(GetParam().how)});
-    ASSERT_TRUE(probe.waitForFinished(20000));
-    EXPECT_EQ(probe.exitStatus(), QProcess::CrashExit) << "the hooks must not swallow the crash";
-    const QString out = QString::fromUtf8(probe.readAllStandardOutput());
+    const test::CommandResult probe = test::runCommand(
+        QStringLiteral(TAVREL_CRASH_PROBE), {QString::fromLatin1(GetParam().how)}, {}, std::chrono::seconds(20));
+    EXPECT_GT(probe.exitCode, 128) << "the hooks must not swallow the crash: " << probe.describe().toStdString();
+    const QString out = QString::fromUtf8(probe.standardOutput);
     qsizetype from = 0;
     for (const QString& expected : GetParam().expectedLines) {
         const qsizetype at = out.indexOf(expected, from);

@@ -1,5 +1,6 @@
 #include "audio/merge/TrackMerger.h"
 
+#include "Command.h"
 #include "Media.h"
 #include "ScopedEnvironment.h"
 #include "TempDir.h"
@@ -11,7 +12,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QProcess>
 #include <QRegularExpression>
 #include <gtest/gtest.h>
 
@@ -151,8 +151,9 @@ protected:
             break;
         case Damage::noAudioStream: {
             const QString video = m_dir.filePath(QStringLiteral("bad.mkv"));
-            QProcess::execute(QStringLiteral("ffmpeg"), {"-v", "error", "-y", "-f", "lavfi", "-i",
-                                                         "color=c=black:s=32x32:d=1", "-c:v", "ffv1", video});
+            EXPECT_TRUE(runCommand(QStringLiteral("ffmpeg"), {"-v", "error", "-y", "-f", "lavfi", "-i",
+                                                              "color=c=black:s=32x32:d=1", "-c:v", "ffv1", video})
+                            .ok());
             return video;
         }
         case Damage::garbledMiddle:
